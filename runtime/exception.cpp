@@ -91,9 +91,9 @@ void _throwError(const wchar_t* detail, DWORD errorCode, const vexception::CallS
     throw vosexception(errorCode, detail, frame);
 }
 
-vexception::CallStackInfo::CallStackInfo(std::wstring siteText, std::string siteFunction,
+vexception::CallStackInfo::CallStackInfo(std::wstring_view siteText, std::string_view siteFunction,
                                          std::int32_t siteLine)
-    : text(std::move(siteText)), function(std::move(siteFunction)), line(siteLine) {}
+    : text(siteText), function(siteFunction), line(siteLine) {}
 
 vexception::vexception(std::wstring message) : message_(std::move(message)) {}
 

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <string_view>
 #include <windows.h>
 
 // Root of the hierarchy. Not a std::exception: the public frame tells the two apart.
@@ -25,7 +26,9 @@ public:
         std::string function; // qualified name, such as "RunTime::Acl::add", in UTF-8
         std::int32_t line;
 
-        CallStackInfo(std::wstring siteText, std::string siteFunction, std::int32_t siteLine);
+        // Views, so that the many sites that write {L"", "...", __LINE__} build no strings inline.
+        CallStackInfo(std::wstring_view siteText, std::string_view siteFunction,
+                      std::int32_t siteLine);
     };
 
     explicit vexception(std::wstring message);

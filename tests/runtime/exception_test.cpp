@@ -1,0 +1,100 @@
+#include "runtime/cwrpexception.h"
+#include "runtime/exception.h"
+#include "tests/support/expect_error.h"
+
+#include <lmerr.h>
+
+namespace {
+
+const vexception::CallStackInfo site(L"", "RunTime::AutoHandle::duplicate", 837);
+
+template <class Class>
+void expectClass(DWORD code) {
+    SCOPED_TRACE(code);
+    expectError<Class>(code, L"Unable to test",
+                       [&] { _throwError(L"Unable to test", code, site); });
+}
+
+} // namespace
+
+TEST(ThrowErrorTest, EachKnownCodeHasItsOwnClass) {
+    expectClass<VFileNotFoundException>(2);
+    expectClass<VPathNotFoundException>(3);
+    expectClass<VAccessDeniedException>(5);
+    expectClass<VInvalidHandleException>(6);
+    expectClass<VOutOfMemoryException>(14);
+    expectClass<VInvalidDriveException>(15);
+    expectClass<VNotDosDiskException>(26);
+    expectClass<VSharingViolationException>(32);
+    expectClass<VLockViolationException>(33);
+    expectClass<VWrongDiskException>(34);
+    expectClass<VSharingBufferExceededException>(36);
+    expectClass<VEOFException>(38);
+    expectClass<VFileExistsException>(80);
+    expectClass<VInsufficientBufferException>(122);
+    expectClass<VInvalidNameException>(123);
+    expectClass<VDirectoryNotEmptyException>(145);
+    expectClass<VInvalidPathException>(161);
+    expectClass<VAlreadyExistsException>(183);
+    expectClass<VPipeClosedException>(232);
+    expectClass<VInvalidDirectoryNameException>(267);
+    expectClass<VServiceDoesNotExistException>(1060);
+    expectClass<VServiceMarkedForDeleteException>(1072);
+    expectClass<VServiceAlreadyExistsException>(1073);
+    expectClass<VNoneMappedException>(1332);
+    expectClass<VNoSuchMemberException>(1387);
+    expectClass<VTrustedRelationshipFailureException>(1789);
+}
+
+TEST(ThrowErrorTest, AnyOtherCodeIsAPlainSystemError) {
+    for (const DWORD code : {0ul, 1ul, 87ul, 112ul, 1300ul}) {
+        expectClass<vosexception>(code);
+    }
+}
+
+// 2245 has a class but, without netmsg.dll, no text; the other has neither.
+TEST(ThrowErrorTest, CodeWithoutSystemTextKeepsTheLeadingBlank) {
+    ASSERT_EQ(L"", systemTextOf(3999999999));
+    try {
+        _throwError(L"Unable to test", 3999999999, site);
+    } catch (const vexception& e) {
+        EXPECT_EQ(L" (Error code 3999999999) at Unable to test", e.message());
+    }
+    expectClass<VPasswordTooShortException>(NERR_PasswordTooShort);
+}
+
+TEST(ThrowErrorTest, NullDetailLeavesOutTheWordAt) {
+    try {
+        _throwError(nullptr, ERROR_ACCESS_DENIED, site);
+    } catch (const VAccessDeniedException& e) {
+        EXPECT_EQ(systemTextOf(5) + L" (Error code 5)", e.message());
+        return;
+    }
+    FAIL();
+}
+
+TEST(VexceptionTest, WhatListsTheFramesInTheOrderOfTheirAdding) {
+    vexception bare(L"message");
+    EXPECT_EQ(L"message", bare.what());
+
+    vosexception e(5, L"Unable to duplicate handle", site);
+    const vosexception before = e;
+    e += {L"text", "zopobsolete::zop::Item::get", 91};
+    EXPECT_EQ(systemTextOf(5) + L" (Error code 5) at Unable to duplicate handle"
+                                L"\n   at (RunTime::AutoHandle::duplicate line 837)"
+                                L"\n   at text(zopobsolete::zop::Item::get line 91)",
+              e.what());
+    EXPECT_EQ(1u, before.frames().size()) << "a copy has frames of its own";
+    EXPECT_EQ(5u, before.get_errorCode());
+}
+
+TEST(VexceptionTest, CanceledExceptionSaysCanceled) {
+    EXPECT_EQ(L"Canceled!", CanceledException().what());
+    EXPECT_EQ(L"Canceled!\n   at (UserList::move line 7)",
+              CanceledException({L"", "UserList::move", 7}).what());
+}
+
+TEST(CwrpexceptionTest, MessageNamesTheCodeInBareLowerCaseHexadecimal) {
+    EXPECT_EQ(L"C structured exception: 0xc0000005", cwrpexception(0xC0000005).get_ErrorMessage());
+    EXPECT_EQ(L"C structured exception: 0x1f", cwrpexception(0x1F).get_ErrorMessage());
+}
