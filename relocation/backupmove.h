@@ -1,0 +1,63 @@
+// Moves one directory tree (or file) as a transaction: move() does the work and keeps what is needed
+// to undo it, commit() makes it final, rollback() puts the old state back. A rename does the move
+// where source and target lie on one volume, otherwise a copy; the old place stays untouched and
+// usable until commit(). One thread at a time; handlers run on the calling thread.
+//
+// A copy into a target that holds something already keeps a log of every item it creates, in a
+// file in the root of the target's volume (relocation/transaction_log.h), so that rollback() removes
+// exactly those.
+#pragma once
+
+#include "relocation/backupcopy.h"
+#include "relocation/transaction_log.h"
+#include "runtime/event.h"
+#include "runtime/interprocess_lock.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+class backupmove : public backupcopy {
+public:
+    backupmove();
+    // Releases the log file and the lock. Does not roll back.
+    ~backupmove() override;
+
+    // source, target  absolute paths, in either form, of any length
+    // copy            true copies even where a rename would do
+    // Returns true when a rename did the move, or when both paths name one directory (then nothing
+    // is done and no transaction is open); false after a copy.
+    // Throws vexception ("Unable to start new transaction") while a transaction is open,
+    // CanceledException when a handler cancels, vosexception for a failed system call; after the
+    // last two the transaction is open and the caller rolls it back.
+    bool move(const std::wstring& source, const std::wstring& target, bool copy);
+
+    // Makes the move final: removes the old place, except for items that could not be copied, which
+    // are kept where they were (get_leftBehind). What cannot be removed now is scheduled for the next
+    // restart. Refuses (vexception) a move that has not been completed. After a failure the new
+    // place is whole, and commit() may be called again; rollback() is refused from then on.
+    void commit();
+
+    // Undoes the move. May be called again after a failure or a cancel, and goes on where it stopped.
+    void rollback();
+
+    // Deletes a tree with this object's events ("Remove: " and the nice path).
+    void remove(const std::wstring& path);
+
+    const std::wstring& get_source() const noexcept { return source_; }
+    // Whether the rename, commit() and rollback() are done under the lock of the product's log files.
+    bool get_lockLogs() const noexcept { return lockLogs_; }
+    void set_lockLogs(bool lockLogs) noexcept { lockLogs_ = lockLogs; }
+
+    // Of the last commit() or rollback(): what was left in place (nice form), and what the system
+    // will remove or move at its next restart.
+    const std::vector<std::wstring>& get_leftBehind() const noexcept { return leftBehind_; }
+    const std::vector<std::wstring>& get_pendingRestart() const noexcept { return pendingRestart_; }
+    // Whether commit() leaves the old place alone, because the target's path begins with the
+    // source's ("D:\data2" and "D:\data\new" beside "D:\data").
+    static bool keepsSource(const std::wstring& source, const std::wstring& target);
+
+    // text ("Copy: ", "Remove: ", "Move: ", "Commit: ", "Rollback: " and a path), isFile, bytes done
+    // before this item, cancel. Totals and errors come through the events of backupcopy.
+    Event<const std::wstring&, bool, std::int64_t, bool&> progressEvent_Name;
