@@ -28,8 +28,9 @@ public:
     // Copies source to target; paths in either form, of any length. Items are created new: an item
     // whose name the target has already is an error of that item, except that a directory is merged
     // into one that is there (it keeps its attributes, security and streams). A target inside the
-    // source is left out of the copy. Throws CanceledException ("Canceled!") when a handler cancels,
-    // and the error of an item that no handler of errorEvent ignores. What was copied so far stays.
+    // source is left out of the copy. Throws CanceledException ("Canceled!") when a handler
+    // cancels, and the error of an item that no handler of errorEvent ignores. What was copied so
+    // far stays.
     void copy(const std::wstring& source, const std::wstring& target, Target kind = Target::Filled);
 
     // Which kinds of stream are carried over; none is stored as all.
@@ -51,7 +52,8 @@ public:
     Event<std::int32_t, std::int64_t, bool&> progressEvent_Total;
     // source, target, isFile, bytes done before this item, cancel; in long form
     Event<const std::wstring&, const std::wstring&, bool, std::int64_t, bool&> progressEvent_Name2;
-    // The item last named was not created after all: it was there already, failed, or was cancelled.
+    // The item last named was not created after all: it was there already, failed, or was
+    // cancelled.
     Event<> itemAbandonedEvent;
     // message, ignore
     Event<const std::wstring&, bool&> errorEvent;

@@ -1,11 +1,11 @@
-// Moves one directory tree (or file) as a transaction: move() does the work and keeps what is needed
-// to undo it, commit() makes it final, rollback() puts the old state back. A rename does the move
-// where source and target lie on one volume, otherwise a copy; the old place stays untouched and
-// usable until commit(). One thread at a time; handlers run on the calling thread.
+// Moves one directory tree (or file) as a transaction: move() does the work and keeps what is
+// needed to undo it, commit() makes it final, rollback() puts the old state back. A rename does the
+// move where source and target lie on one volume, otherwise a copy; the old place stays untouched
+// and usable until commit(). One thread at a time; handlers run on the calling thread.
 //
 // A copy into a target that holds something already keeps a log of every item it creates, in a
-// file in the root of the target's volume (relocation/transaction_log.h), so that rollback() removes
-// exactly those.
+// file in the root of the target's volume (relocation/transaction_log.h), so that rollback()
+// removes exactly those.
 #pragma once
 
 #include "relocation/backupcopy.h"
@@ -34,19 +34,21 @@ public:
     bool move(const std::wstring& source, const std::wstring& target, bool copy);
 
     // Makes the move final: removes the old place, except for items that could not be copied, which
-    // are kept where they were (get_leftBehind). What cannot be removed now is scheduled for the next
-    // restart. Refuses (vexception) a move that has not been completed. After a failure the new
-    // place is whole, and commit() may be called again; rollback() is refused from then on.
+    // are kept where they were (get_leftBehind). What cannot be removed now is scheduled for the
+    // next restart. Refuses (vexception) a move that has not been completed. After a failure the
+    // new place is whole, and commit() may be called again; rollback() is refused from then on.
     void commit();
 
-    // Undoes the move. May be called again after a failure or a cancel, and goes on where it stopped.
+    // Undoes the move. May be called again after a failure or a cancel, and goes on where it
+    // stopped.
     void rollback();
 
     // Deletes a tree with this object's events ("Remove: " and the nice path).
     void remove(const std::wstring& path);
 
     const std::wstring& get_source() const noexcept { return source_; }
-    // Whether the rename, commit() and rollback() are done under the lock of the product's log files.
+    // Whether the rename, commit() and rollback() are done under the lock of the product's log
+    // files.
     bool get_lockLogs() const noexcept { return lockLogs_; }
     void set_lockLogs(bool lockLogs) noexcept { lockLogs_ = lockLogs; }
 
@@ -58,6 +60,38 @@ public:
     // source's ("D:\data2" and "D:\data\new" beside "D:\data").
     static bool keepsSource(const std::wstring& source, const std::wstring& target);
 
-    // text ("Copy: ", "Remove: ", "Move: ", "Commit: ", "Rollback: " and a path), isFile, bytes done
-    // before this item, cancel. Totals and errors come through the events of backupcopy.
+    // text ("Copy: ", "Remove: ", "Move: ", "Commit: ", "Rollback: " and a path), isFile, bytes
+    // done before this item, cancel. Totals and errors come through the events of backupcopy.
     Event<const std::wstring&, bool, std::int64_t, bool&> progressEvent_Name;
+
+private:
+    // What rollback() has to do for the tree.
+    enum class Undo { Nothing, RemoveTarget, EmptyTarget, ReplayLog, RenameBack };
+
+    void hookCopier();
+    bool setTargetAside();
+    void renameSource();
+    void copySource(bool targetExists);
+    void removeSource();
+    void mergeSetAside();
+    void undoCopy();
+    void replayLog();
+    void renameBack();
+    void close();
+    void reportStep(const std::wstring& text, bool isFile);
+
+    std::wstring source_;
+    std::wstring target_;
+    std::wstring targetBackup_;
+    bool started_ = false;
+    bool moved_ = false;
+    bool completed_ = false;  // move() did all of its work
+    bool committing_ = false; // commit() has begun to remove
+    Undo undo_ = Undo::Nothing;
+    TransactionLog log_;
+    RunTime::InterprocessLock logsLock_;
+    bool lockLogs_ = false;
+    std::vector<std::wstring> leftBehind_;
+    std::vector<std::wstring> pendingRestart_;
+    std::vector<Hook> hooks_; // after the events they hook, so they go first
+};

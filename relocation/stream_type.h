@@ -21,4 +21,6 @@ constexpr StreamType operator|(StreamType a, StreamType b) {
 constexpr StreamType operator&(StreamType a, StreamType b) {
     return static_cast<StreamType>(static_cast<std::int32_t>(a) & static_cast<std::int32_t>(b));
 }
-constexpr bool has(StreamType set, StreamType flag) { return (set & flag) == flag; }
+constexpr bool has(StreamType set, StreamType flag) {
+    return (set & flag) == flag;
+}
