@@ -52,6 +52,8 @@ public:
     Event<std::int32_t, std::int64_t, bool&> progressEvent_Total;
     // source, target, isFile, bytes done before this item, cancel; in long form
     Event<const std::wstring&, const std::wstring&, bool, std::int64_t, bool&> progressEvent_Name2;
+    // bytes of the current file copied so far, cancel; for files larger than the buffer (1 MiB)
+    Event<std::int64_t, bool&> progressEvent_Bytes;
     // The item last named was not created after all: it was there already, failed, or was
     // cancelled.
     Event<> itemAbandonedEvent;

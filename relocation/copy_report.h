@@ -19,6 +19,7 @@ enum class CopyLoss : unsigned {
     HardLink,           // names of one file that are separate files now
     TransactionData,    // the file system's own transaction data
     MergedDirectory,    // directories that were there already and kept what they had
+    Link,               // links, left out because their kind of stream was not asked for
     ChangedMeanwhile,   // files that kept changing while they were copied
     Count
 };

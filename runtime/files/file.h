@@ -49,6 +49,7 @@ struct FileInformation {
     std::int64_t lastAccessTime = 0;
     std::int64_t lastWriteTime = 0;
     std::int64_t changeTime = 0; // 0 where the system does not tell it
+    std::uint64_t fileId = 0;    // on its volume; 0 where the system does not tell it
 
     bool isDirectory() const noexcept { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
     // A reparse point that must not be descended into or read through: a name surrogate (symbolic
