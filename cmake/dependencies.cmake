@@ -5,3 +5,26 @@ foreach(folder CLI nlohmann)
 endforeach()
 add_library(host_headers INTERFACE)
 target_include_directories(host_headers SYSTEM INTERFACE "${PROJECT_BINARY_DIR}/host-headers")
+
+# MariaDB Connector/C, which scripts/setup.sh builds. Whoever links `mariadb` gets the DLL beside the programs.
+if(DEFINED ENV{ZOP_CACHE})
+  set(cache "$ENV{ZOP_CACHE}")
+elseif(DEFINED ENV{XDG_CACHE_HOME})
+  set(cache "$ENV{XDG_CACHE_HOME}/zop")
+else()
+  set(cache "$ENV{HOME}/.cache/zop")
+endif()
+set(ZOP_CONNECTOR "${cache}/connector" CACHE PATH "Where MariaDB Connector/C is: bin, include/mariadb, lib")
+if(EXISTS "${ZOP_CONNECTOR}/bin/libmariadb.dll")
+  add_library(mariadb SHARED IMPORTED)
+  set_target_properties(mariadb PROPERTIES
+    IMPORTED_LOCATION "${ZOP_CONNECTOR}/bin/libmariadb.dll"
+    IMPORTED_IMPLIB "${ZOP_CONNECTOR}/lib/libmariadb.dll.a")
+  target_include_directories(mariadb SYSTEM INTERFACE "${ZOP_CONNECTOR}/include/mariadb")
+  add_custom_command(OUTPUT "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/libmariadb.dll"
+    DEPENDS "${ZOP_CONNECTOR}/bin/libmariadb.dll"
+    COMMAND "${CMAKE_COMMAND}" -E copy "${ZOP_CONNECTOR}/bin/libmariadb.dll" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/"
+    VERBATIM)
+  add_custom_target(mariadb_dll DEPENDS "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/libmariadb.dll")
+  add_dependencies(mariadb mariadb_dll)
+endif()

@@ -1,26 +1,22 @@
 #!/usr/bin/env bash
-# Runs a Windows program in the project's own Wine prefix, which is made at first use (8 s).
+# PROGRAM ARGUMENTS...: runs a Windows program in the project's own Wine prefix (ZOP_WINEPREFIX names another).
 set -euo pipefail
-cache=${ZOP_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zop}
-export WINEPREFIX=${ZOP_WINEPREFIX:-$cache/wine} WINEDEBUG=${WINEDEBUG:--all}
+export HOME=${HOME:-$(getent passwd "$(id -u)" | cut -d: -f6)}
+export WINEPREFIX=${ZOP_WINEPREFIX:-${ZOP_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zop}/wine}
+export WINEDEBUG=${WINEDEBUG:--all}
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml,winemenubuilder.exe,winedbg.exe=} # no installers, no debugger
 export LC_ALL=C.UTF-8 # anything else garbles names outside ASCII
 unset DISPLAY WAYLAND_DISPLAY
-make_prefix() (
-  flock 9
-  [ ! -f "$1/system.reg" ] || exit 0
-  WINEPREFIX=$(mktemp -d "$1.XXXXXX")
-  wineboot --init
-  wine winecfg -v win10 # Debian's Wine starts as Windows 7
-  wineserver -k || true
-  wineserver -w
-  # Documents, Desktop and the like are links into $HOME: no test may reach through them.
-  find "$WINEPREFIX/drive_c/users" -type l -exec sh -c 'for l; do rm "$l"; mkdir "$l"; done' sh {} +
-  mv "$WINEPREFIX" "$1"
-)
-if [ ! -f "$WINEPREFIX/system.reg" ]; then
-  mkdir -p "$(dirname "$WINEPREFIX")"
-  make_prefix "$WINEPREFIX" 9> "$WINEPREFIX.lock" < /dev/null > /dev/null 2>&1
+[ -f "$WINEPREFIX/system.reg" ] || "${BASH_SOURCE[0]%/*}/wine-prefix.sh" "$WINEPREFIX"
+
+# The first program of a prefix starts the background services, and they keep what they inherit:
+# whoever reads our output would wait for them, and the terminal's Ctrl+C would end them. So a
+# throw-away program starts them, with nothing to inherit. The server stays 15 s after the last
+# program, and the services with it; while it is there this costs 7 ms.
+exec 9> "$WINEPREFIX/.start"
+flock 9
+if wineserver -p15 9>&- < /dev/null > /dev/null 2>&1; then
+    setsid --wait wine cmd /c exit 9>&- < /dev/null > /dev/null 2>&1 || true
 fi
-wine cmd /c exit < /dev/null > /dev/null 2>&1 # starts the background services with no hold on our output
+exec 9>&-
 exec wine "$@"
