@@ -7,4 +7,4 @@ here=$(dirname "${BASH_SOURCE[0]}")
 "$here/setup.sh"
 build release
 cd "$root"
-"$here/sandbox.sh" ctest --preset release "$@" < /dev/null
+"$here/sandbox.sh" ctest --preset release --no-tests=error "$@" < /dev/null
