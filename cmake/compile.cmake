@@ -11,6 +11,8 @@ else()
   # -fnon-call-exceptions: destructors run when a fault is turned into a C++ exception.
   target_compile_options(zop_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Werror -fnon-call-exceptions)
+  # Our handler in front of the compiler's, on every C++ frame (runtime/se_translator.h).
+  target_link_options(zop_options INTERFACE -Wl,--wrap=__gxx_personality_seh0)
   add_link_options(-static) # libgcc, libstdc++, winpthread: only system DLLs are imported
   if(CMAKE_BUILD_TYPE STREQUAL "Debug")
     add_compile_options(-gdwarf-4) # Wine's crash dumps cannot read version 5

@@ -1,0 +1,74 @@
+#include "api/call_frame.h"
+
+#include "runtime/cwrpexception.h"
+#include "runtime/exception.h"
+#include "runtime/se_translator.h"
+#include "runtime/text.h"
+#include "runtime/thread_cancelation.h"
+#include "runtime/tracing.h"
+
+#include <comdef.h>
+
+namespace zopobsolete::call_frame {
+
+namespace {
+
+using Span = OpenTracingDriver::ISpanContextProvider;
+
+// Runs the payload; returns the text of what went wrong, empty when nothing did.
+std::wstring runPayload(const CallSite& site, const Payload& payload, Span& span) {
+    const vexception::CallStackInfo frame(L"", site.function, site.catchLine);
+    const SeTranslatorLocal translator;
+    const ThreadCancelation::CancelationPoint cancellable(true);
+    try {
+        try {
+            ThreadCancelation::check(); // a request that came before the call ends it here
+            payload.run(payload.object);
+            if (span.isActive()) {
+                span.tag("if_error", {});
+            }
+        } catch (...) {
+            span.markError({});
+            throw;
+        }
+    } catch (const std::exception& e) {
+        span.tag("std::exception", e.what());
+        return vexception(toWide(e.what()), frame).what();
+    } catch (vexception& e) {
+        span.tag("vexception", toUtf8(e.what()));
+        e += frame;
+        return e.what();
+    } catch (const _com_error& e) {
+        const wchar_t* text = e.ErrorMessage();
+        const std::wstring message = text != nullptr ? text : L"";
+        span.tag("_com_error", toUtf8(message));
+        return vexception(message, frame).what();
+    } catch (const cwrpexception& e) {
+        const std::wstring message = e.get_ErrorMessage();
+        span.tag("cwrpexception", toUtf8(message));
+        return vexception(message, frame).what();
+    } catch (...) {
+        span.tag("...", "unknown");
+        return vexception(L"Unexpected error", frame).what();
+    }
+    return {};
+}
+
+} // namespace
+
+void run(const CallSite& site, const Payload& payload, ThrowPublic throwPublic) {
+    std::unique_ptr<Span> span;
+    std::wstring message;
+    bool described = true;
+    try {
+        span = OpenTracingDriver::StartSpan(site.function, site.line, {});
+        message = runPayload(site, payload, *span);
+    } catch (...) { // only memory can run out here; even then nothing native may leave the method
+        described = false;
+    }
+    if (!described || !message.empty()) {
+        throwPublic(described ? &message : nullptr);
+    }
+}
+
+} // namespace zopobsolete::call_frame
