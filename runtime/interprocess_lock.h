@@ -18,7 +18,8 @@ public:
     InterprocessLock& operator=(const InterprocessLock&) = delete;
 
     // Waits up to timeout milliseconds, a cancellation point meanwhile; the mutex is created at
-    // first use, open to administrators and the system. failure is the detail text of the error
+    // first use, open to administrators and the system. A client that holds the lock already gets
+    // ERROR_POSSIBLE_DEADLOCK. failure is the detail text of the error
     // thrown: vosexception with the code (ERROR_TIMEOUT when the time has passed).
     void lock(const wchar_t* failure, DWORD timeout = INFINITE);
     void unlock(const wchar_t* failure);

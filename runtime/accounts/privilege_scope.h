@@ -1,9 +1,12 @@
 // Enables privileges of the token in force (the thread's while it impersonates, otherwise the
-// process's) for the life of the object, and gives back what was not enabled before.
+// process's) for the life of the object, and gives back what was not enabled before. Scopes may
+// overlap, on one thread or on several: a privilege goes with the last scope that wanted it.
 #pragma once
 
 #include "runtime/auto_handle.h"
 
+#include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 #include <windows.h>
@@ -19,12 +22,23 @@ public:
     PrivilegeScope(const PrivilegeScope&) = delete;
     PrivilegeScope& operator=(const PrivilegeScope&) = delete;
 
+    // Whether this scope asked for the privilege and it is enabled.
     bool holds(const wchar_t* name) const;
+    // Those asked for that the token does not hold, in the order asked.
     const std::vector<std::wstring>& missing() const noexcept { return missing_; }
 
 private:
+    struct Held {
+        std::wstring name;
+        LUID privilege;
+    };
+
+    void enable(const wchar_t* name);
+    void giveBack() noexcept;
+
     AutoHandle token_;
-    std::vector<LUID> enabled_; // by us: given back at the end
+    std::uint64_t tokenId_ = 0;
+    std::vector<Held> held_;
     std::vector<std::wstring> missing_;
 };
 

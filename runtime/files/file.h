@@ -79,6 +79,9 @@ private:
     std::unique_ptr<State> state_;
 };
 
+// Whether a code says that nothing has the name: no such file, path, drive, or no name at all.
+bool meansMissing(DWORD code) noexcept;
+
 // Whether anything, a link included, has this name. Throws when the system cannot tell (access
 // denied, a network that is gone): "Unable to get attributes (%s)".
 bool exists(const std::wstring& path);
@@ -90,6 +93,11 @@ FileInformation fileInformation(const std::wstring& path);
 // Opens with FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT. On failure an empty handle
 // is returned, with GetLastError() set: callers decide what a failure means to them.
 AutoHandle openExisting(const std::wstring& path, DWORD access, DWORD share, DWORD flags = 0);
+
+// Opens a directory for listing and holds it without delete sharing, so that nobody can put a link
+// in its place while paths lead through it. Empty when the directory has gone, or a link or file
+// stands there instead. Tries again while it is in use. "Unable to list directory (%s)".
+AutoHandle openPinnedDirectory(const std::wstring& path, int tryCount = defaultTryCount);
 
 // Deletes a file, or a link to a file. A read-only file is deleted too; when that fails in the end
 // its attribute is put back, and hard links elsewhere keep theirs. A missing file is no error.
@@ -117,6 +125,7 @@ std::wstring temporaryMove(const std::wstring& path, const std::wstring& prefix,
 
 // A name that nothing has in the directory: stem and random hexadecimal digits, in long form. It is
 // a name only: whoever uses it creates with CREATE_NEW, and asks again on ERROR_FILE_EXISTS.
+// "Unable to find a temporary name in (%s)".
 std::wstring temporaryName(const std::wstring& directory, const std::wstring& stem,
                            int tryCount = defaultTryCount);
 
@@ -125,7 +134,7 @@ std::wstring temporaryName(const std::wstring& directory, const std::wstring& st
 bool createDirectory(const std::wstring& path, SECURITY_ATTRIBUTES* security = nullptr);
 
 // What lies below a directory; links are neither followed nor counted as data. A file has its own
-// size. A missing path has none.
+// size. A missing path has none, and neither has a link. A cancellation point at every directory.
 struct TreeSize {
     std::int64_t bytes = 0; // of main data streams
     std::int64_t files = 0;

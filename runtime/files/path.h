@@ -35,8 +35,9 @@ std::wstring combine(const std::wstring& directory, std::wstring_view name);
 // Without the backslashes at the end; the one of a drive or volume root stays.
 std::wstring withoutTrailingBackslash(const std::wstring& path);
 
-// What stands before and behind the last backslash. The parent of a root, of a share
-// ("\\server\share") and of a bare name is empty.
+// What stands before and behind the last backslash; backslashes at the end of path do not count.
+// Directly below a drive or volume the parent is its root, with the backslash. The parent of a
+// root, of a share ("\\server\share") and of a bare name is empty, and so is a root's name.
 std::wstring parentPath(const std::wstring& path);
 std::wstring lastName(const std::wstring& path);
 
@@ -60,8 +61,8 @@ bool isStrictlyInside(const std::wstring& path, const std::wstring& directory);
 std::wstring shortPath(const std::wstring& path);
 std::wstring longNamePath(const std::wstring& path);
 
-// Root of the volume that holds path, mounted folders seen, with a backslash at the end. The path
-// need not exist: the nearest existing directory above it is asked then.
+// Root of the volume that holds path, mounted folders seen, in long form and with a backslash at
+// the end. The path need not exist: the nearest existing directory above it is asked then.
 std::wstring volumeRoot(const std::wstring& path);
 
 // Whether both lie on one volume. The volumes' GUID names are compared where the system has them
@@ -75,7 +76,7 @@ bool theSameDirectory(const std::wstring& first, const std::wstring& second);
 
 // What a volume is and can hold.
 struct VolumeInformation {
-    std::wstring root;       // with a backslash at the end
+    std::wstring root;       // in long form, with a backslash at the end
     std::wstring fileSystem; // "NTFS"
     DWORD serial = 0;
     DWORD flags = 0;             // FILE_PERSISTENT_ACLS, FILE_NAMED_STREAMS, FILE_SUPPORTS_...

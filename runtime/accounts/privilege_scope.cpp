@@ -1,0 +1,148 @@
+#include "runtime/accounts/privilege_scope.h"
+
+#include "runtime/exception.h"
+#include "runtime/format_string.h"
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <utility>
+
+namespace RunTime {
+
+namespace {
+
+std::uint64_t number(const LUID& id) {
+    return static_cast<std::uint64_t>(static_cast<std::uint32_t>(id.HighPart)) << 32 | id.LowPart;
+}
+
+// How many scopes want a privilege of a token, and whether the first of them had to enable it.
+struct Use {
+    int scopes = 0;
+    bool ours = false;
+};
+
+struct Uses {
+    std::mutex mutex;
+    std::map<std::pair<std::uint64_t, std::uint64_t>, Use> map; // token and privilege
+};
+
+Uses& uses() {
+    static Uses instance;
+    return instance;
+}
+
+// Sets one privilege. On success was tells whether it had been enabled before. Returns a Win32
+// code; ERROR_NOT_ALL_ASSIGNED when the token does not hold the privilege.
+DWORD adjust(HANDLE token, const LUID& privilege, DWORD attributes, bool& was) noexcept {
+    TOKEN_PRIVILEGES wanted = {};
+    wanted.PrivilegeCount = 1;
+    wanted.Privileges[0].Luid = privilege;
+    wanted.Privileges[0].Attributes = attributes;
+    TOKEN_PRIVILEGES before = {};
+    DWORD size = sizeof(before);
+    ::SetLastError(ERROR_SUCCESS);
+    if (!::AdjustTokenPrivileges(token, FALSE, &wanted, sizeof(before), &before, &size)) {
+        return ::GetLastError();
+    }
+    const DWORD code = ::GetLastError(); // TRUE comes back even when nothing was enabled
+    // What did not change is not listed.
+    was = before.PrivilegeCount == 0
+              ? attributes != 0
+              : (before.Privileges[0].Attributes & SE_PRIVILEGE_ENABLED) != 0;
+    return code;
+}
+
+} // namespace
+
+PrivilegeScope::PrivilegeScope(std::initializer_list<const wchar_t*> names) {
+    constexpr DWORD access = TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY;
+    // As the process: the impersonated account need not have the right to its own token.
+    if (!::OpenThreadToken(::GetCurrentThread(), access, TRUE, token_.put())) {
+        DWORD code = ::GetLastError();
+        if (code == ERROR_NO_TOKEN) {
+            code = ::OpenProcessToken(::GetCurrentProcess(), access, token_.put())
+                       ? ERROR_SUCCESS
+                       : ::GetLastError();
+        }
+        if (code != ERROR_SUCCESS) {
+            _throwError(L"Unable to open token", code,
+                        {L"", "RunTime::PrivilegeScope::PrivilegeScope", __LINE__});
+        }
+    }
+    TOKEN_STATISTICS statistics = {};
+    DWORD size = 0;
+    if (!::GetTokenInformation(token_.get(), TokenStatistics, &statistics, sizeof(statistics),
+                               &size)) {
+        const DWORD code = ::GetLastError();
+        _throwError(L"Unable to open token", code,
+                    {L"", "RunTime::PrivilegeScope::PrivilegeScope", __LINE__});
+    }
+    tokenId_ = number(statistics.TokenId);
+    try {
+        // One by one: asked for together, one that is missing would hide which.
+        for (const wchar_t* name : names) {
+            enable(name);
+        }
+    } catch (...) {
+        giveBack(); // no destructor runs for an object that was not made
+        throw;
+    }
+}
+
+PrivilegeScope::~PrivilegeScope() {
+    giveBack();
+}
+
+bool PrivilegeScope::holds(const wchar_t* name) const {
+    return std::any_of(held_.begin(), held_.end(),
+                       [=](const Held& held) { return held.name == name; });
+}
+
+void PrivilegeScope::enable(const wchar_t* name) {
+    LUID privilege = {};
+    DWORD code =
+        ::LookupPrivilegeValueW(nullptr, name, &privilege) ? ERROR_SUCCESS : ::GetLastError();
+    if (code == ERROR_SUCCESS) {
+        const std::lock_guard lock(uses().mutex);
+        held_.push_back({name, privilege}); // first, so that nothing enabled is lost
+        Use& use = uses().map[{tokenId_, number(privilege)}];
+        bool was = false;
+        code = adjust(token_.get(), privilege, SE_PRIVILEGE_ENABLED, was);
+        if (code == ERROR_SUCCESS) {
+            if (use.scopes++ == 0) {
+                use.ours = !was;
+            }
+            return;
+        }
+        held_.pop_back();
+        if (use.scopes == 0) {
+            uses().map.erase({tokenId_, number(privilege)});
+        }
+    }
+    if (code != ERROR_NOT_ALL_ASSIGNED && code != ERROR_NO_SUCH_PRIVILEGE) {
+        _throwError(L"Unable to adjust token privileges", code,
+                    {L"", "RunTime::PrivilegeScope::enable", __LINE__});
+    }
+    missing_.push_back(name);
+}
+
+void PrivilegeScope::giveBack() noexcept {
+    const DWORD code = ::GetLastError();
+    const std::lock_guard lock(uses().mutex);
+    for (const Held& held : held_) {
+        const auto use = uses().map.find({tokenId_, number(held.privilege)});
+        if (use == uses().map.end() || --use->second.scopes != 0) {
+            continue;
+        }
+        if (use->second.ours) {
+            bool was = false;
+            adjust(token_.get(), held.privilege, 0, was);
+        }
+        uses().map.erase(use);
+    }
+    held_.clear();
+    ::SetLastError(code);
+}
+
+} // namespace RunTime

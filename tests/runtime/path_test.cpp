@@ -1,0 +1,199 @@
+#include "runtime/exception.h"
+#include "runtime/files/path.h"
+#include "runtime/text.h"
+#include "tests/support/expect_error.h"
+#include "tests/support/import_patch.h"
+#include "tests/support/temp_directory.h"
+
+using namespace RunTime;
+
+namespace {
+
+struct Texts {
+    const wchar_t* given;
+    const wchar_t* expected;
+};
+
+// The current directory for the life of the object.
+class CurrentDirectory {
+public:
+    explicit CurrentDirectory(const std::wstring& path) {
+        ::GetCurrentDirectoryW(MAX_PATH, old_);
+        EXPECT_TRUE(::SetCurrentDirectoryW(path.c_str()));
+    }
+    ~CurrentDirectory() { ::SetCurrentDirectoryW(old_); }
+
+private:
+    wchar_t old_[MAX_PATH] = {};
+};
+
+} // namespace
+
+TEST(LongPathTest, TypedPathsBecomeAbsoluteAndPrefixed) {
+    const CurrentDirectory current(L"C:\\windows");
+    constexpr Texts cases[] = {
+        {L"C:\\data", L"\\\\?\\C:\\data"},
+        {L"C:/data/sub/", L"\\\\?\\C:\\data\\sub\\"},
+        {L"C:\\data\\..\\other\\.\\x", L"\\\\?\\C:\\other\\x"},
+        {L"C:\\..\\..\\x", L"\\\\?\\C:\\x"},
+        {L"C:\\data\\name. .", L"\\\\?\\C:\\data\\name"},
+        {L"C:foo", L"\\\\?\\C:\\windows\\foo"},
+        {L"\\foo", L"\\\\?\\C:\\foo"},
+        {L"foo\\bar", L"\\\\?\\C:\\windows\\foo\\bar"},
+        {L"\\\\server\\share\\x", L"\\\\?\\UNC\\server\\share\\x"},
+        {L"//server/share", L"\\\\?\\UNC\\server\\share"},
+        {L"//?/C:/x/../y", L"\\\\?\\C:\\y"},
+        {L"C:\\\U0001F600\\\u00E4", L"\\\\?\\C:\\\U0001F600\\\u00E4"},
+    };
+    for (const Texts& row : cases) {
+        SCOPED_TRACE(toUtf8(row.given));
+        EXPECT_EQ(longPath(row.given), row.expected);
+    }
+}
+
+TEST(LongPathTest, PrefixedPathsStayAsTheyAre) {
+    for (const wchar_t* path :
+         {L"\\\\?\\C:\\data\\name. .", L"\\\\?\\C:\\x\\CON", L"\\\\?\\UNC\\server\\share\\aux.txt",
+          L"\\\\?\\Volume{00000000-0000-0000-0000-000000000043}\\x", L"\\\\?\\C:\\a/b\\..\\c"}) {
+        EXPECT_EQ(longPath(path), path);
+    }
+}
+
+TEST(LongPathTest, DevicesAreRefused) {
+    for (const wchar_t* path : {L"NUL", L"con.txt", L"COM1  ", L"C:\\x\\aux.log", L"LPT9:",
+                                L"\\\\.\\C:\\x", L"\\\\.\\pipe\\x", L"//./C:/x"}) {
+        expectError<ArgumentException>(L"The path (" + std::wstring(path) +
+                                           L") names a device, not a file or directory",
+                                       [&] { longPath(path); });
+    }
+}
+
+TEST(LongPathTest, UnusableTextsAreRefused) {
+    expectError<ArgumentException>(L"The path is empty", [] { longPath(L""); });
+    expectError<ArgumentException>(L"The path has a zero character in it",
+                                   [] { longPath(std::wstring(L"C:\\a\0b", 6)); });
+    expectError<VInvalidNameException>(ERROR_INVALID_NAME, L"Unable to get a full path (   )",
+                              [] { longPath(L"   "); });
+    const std::wstring tail(32700, L'a');
+    EXPECT_EQ(longPath(L"C:\\" + tail).size(), 7 + tail.size());
+    for (const std::wstring& path :
+         {L"C:\\" + tail + std::wstring(62, L'b'), // too long once it has its prefix
+          std::wstring(L"\\\\?\\C:\\") + tail + std::wstring(60, L'b'),
+          std::wstring(70000, L'a')}) {
+        expectError<vosexception>(ERROR_FILENAME_EXCED_RANGE,
+                                  L"Unable to get a full path: it is too long",
+                                  [&] { longPath(path); });
+    }
+}
+
+TEST(NicePathTest, PrefixIsCutOff) {
+    constexpr Texts cases[] = {
+        {L"\\\\?\\C:\\data", L"C:\\data"},
+        {L"\\\\?\\UNC\\server\\share\\x", L"\\\\server\\share\\x"},
+        {L"\\\\?\\unc\\server\\share", L"\\\\server\\share"},
+        {L"C:\\data", L"C:\\data"},
+        {L"\\\\server\\share", L"\\\\server\\share"},
+        {L"\\\\?\\", L""},
+        {L"\\\\?", L"\\\\?"},
+        {L"", L""},
+    };
+    for (const Texts& row : cases) {
+        EXPECT_EQ(nicePath(row.given), row.expected) << toUtf8(row.given);
+    }
+}
+
+TEST(PathPartsTest, RootParentAndNameAreFoundInBothForms) {
+    struct Parts {
+        const wchar_t* path;
+        bool root;
+        const wchar_t* parent;
+        const wchar_t* name;
+        const wchar_t* bare; // without the backslash at the end
+    };
+    constexpr Parts cases[] = {
+        {L"C:\\", true, L"", L"", L"C:\\"},
+        {L"C:", true, L"", L"", L"C:"},
+        {L"C:\\a", false, L"C:\\", L"a", L"C:\\a"},
+        {L"C:\\a\\b\\\\", false, L"C:\\a", L"b", L"C:\\a\\b"},
+        {L"\\\\?\\C:\\", true, L"", L"", L"\\\\?\\C:\\"},
+        {L"\\\\?\\C:\\a", false, L"\\\\?\\C:\\", L"a", L"\\\\?\\C:\\a"},
+        {L"\\\\?\\C:\\a\\ \\", false, L"\\\\?\\C:\\a", L" ", L"\\\\?\\C:\\a\\ "},
+        {L"\\\\?\\Volume{1}\\", true, L"", L"", L"\\\\?\\Volume{1}\\"},
+        {L"\\\\?\\Volume{1}", true, L"", L"", L"\\\\?\\Volume{1}"},
+        {L"\\\\?\\Volume{1}\\a", false, L"\\\\?\\Volume{1}\\", L"a", L"\\\\?\\Volume{1}\\a"},
+        {L"\\\\s\\h", true, L"", L"", L"\\\\s\\h"},
+        {L"\\\\s\\h\\", true, L"", L"", L"\\\\s\\h"},
+        {L"\\\\s\\h\\a", false, L"\\\\s\\h", L"a", L"\\\\s\\h\\a"},
+        {L"\\\\?\\UNC\\s\\h\\", true, L"", L"", L"\\\\?\\UNC\\s\\h"},
+        {L"\\\\?\\UNC\\s\\h\\a", false, L"\\\\?\\UNC\\s\\h", L"a", L"\\\\?\\UNC\\s\\h\\a"},
+        {L"name", false, L"", L"name", L"name"},
+        {L"a\\b", false, L"a", L"b", L"a\\b"},
+        {L"", false, L"", L"", L""},
+        {L"\\", false, L"", L"", L"\\"},
+    };
+    for (const Parts& row : cases) {
+        SCOPED_TRACE(toUtf8(row.path));
+        EXPECT_EQ(isRoot(row.path), row.root);
+        EXPECT_EQ(parentPath(row.path), row.parent);
+        EXPECT_EQ(lastName(row.path), row.name);
+        EXPECT_EQ(withoutTrailingBackslash(row.path), row.bare);
+    }
+}
+
+TEST(PathPartsTest, CombineLeavesOneBackslash) {
+    EXPECT_EQ(combine(L"C:\\", L"a"), L"C:\\a");
+    EXPECT_EQ(combine(L"C:\\a\\\\", L"b"), L"C:\\a\\b");
+    EXPECT_EQ(combine(L"\\\\?\\C:\\a", L". "), L"\\\\?\\C:\\a\\. ");
+    EXPECT_EQ(combine(L"", L"a"), L"a");
+}
+
+TEST(PathNamesTest, ComparisonIgnoresCaseAndNothingElse) {
+    EXPECT_TRUE(equalNames(L"\u00C4pfel \u0416", L"\u00E4PFEL \u0436"));
+    EXPECT_TRUE(equalNames(L"", L""));
+    EXPECT_TRUE(equalNames({}, L""));
+    EXPECT_FALSE(equalNames(L"stra\u00DFe", L"strasse"));
+    EXPECT_FALSE(equalNames(L"co-op", L"coop")); // what a collation would take for equal
+    EXPECT_FALSE(equalNames(L"a", L"a "));
+    EXPECT_TRUE(beginsWith(L"C:\\DATA2", L"c:\\data"));
+    EXPECT_TRUE(beginsWith(L"x", L""));
+    EXPECT_FALSE(beginsWith(L"C:\\dat", L"C:\\data"));
+    EXPECT_TRUE(isDotEntry(L".") && isDotEntry(L"..") && isDotEntry(L""));
+    EXPECT_FALSE(isDotEntry(L"...") || isDotEntry(L".a"));
+}
+
+TEST(PathInsideTest, OnlyWholeComponentsBelowCount) {
+    struct Row {
+        std::wstring path;
+        const wchar_t* directory;
+        bool inside;
+    };
+    const Row cases[] = {
+        {L"\\\\?\\C:\\data\\a", L"\\\\?\\C:\\data", true},
+        {L"\\\\?\\c:\\DATA\\a\\b", L"\\\\?\\C:\\data\\", true},
+        {L"\\\\?\\C:\\a", L"\\\\?\\C:\\", true},
+        {L"\\\\?\\C:\\data\\...", L"\\\\?\\C:\\data",
+         true}, // a name like any other with the prefix
+        {L"\\\\?\\UNC\\s\\h\\a", L"\\\\?\\UNC\\s\\h", true},
+        {L"C:\\data\\.htaccess", L"C:\\data", true},
+        {L"\\\\?\\C:\\data", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\C:\\data\\", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\C:\\data2\\a", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\D:\\data\\a", L"\\\\?\\C:\\data", false},
+        {L"C:\\data\\a", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\C:\\data\\..", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\C:\\data\\a\\..\\..\\x", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\C:\\data\\.\\a", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\C:\\data\\\\a", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\C:\\data\\a/../../x", L"\\\\?\\C:\\data", false},
+        {L"\\\\?\\C:\\data\\a:stream", L"\\\\?\\C:\\data", false},
+        {std::wstring(L"\\\\?\\C:\\data\\\0a", 14), L"\\\\?\\C:\\data", false},
+        {L"C:\\data\\.. \\x", L"C:\\data", false},
+        {L"\\\\?\\C:\\x\\..\\data\\a", L"\\\\?\\C:\\x\\..\\data", false},
+        {L"\\a", L"", false},
+        {L"\\\\?\\UNC\\s\\h\\a", L"\\\\?\\UNC\\s", false}, // a server is no directory
+    };
+    for (const Row& row : cases) {
+        EXPECT_EQ(isStrictlyInside(row.path, row.directory), row.inside)
+            << toUtf8(row.path) << " in " << toUtf8(row.directory);
+    }
+}
