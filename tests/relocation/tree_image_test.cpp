@@ -10,7 +10,7 @@ std::wstring scratch() {
     wchar_t directory[MAX_PATH];
     ::GetTempPathW(MAX_PATH, directory);
     static int count = 0;
-    return directory + std::wstring(L"image") + std::to_wstring(::GetCurrentProcessId()) + L"-" +
+    return directory + std::wstring(L"image") + std::to_wstring(::GetTickCount64()) + L"-" +
            std::to_wstring(++count);
 }
 
