@@ -1,18 +1,10 @@
 #include "tests/support/tree_image.h"
 
-#include "tests/support/unix_call.h"
+#include "tests/support/temp_directory.h"
 
 #include <gtest/gtest.h>
 
 namespace {
-
-std::wstring scratch() {
-    wchar_t directory[MAX_PATH];
-    ::GetTempPathW(MAX_PATH, directory);
-    static int count = 0;
-    return directory + std::wstring(L"image") + std::to_wstring(::GetTickCount64()) + L"-" +
-           std::to_wstring(++count);
-}
 
 void change(const std::wstring& path, std::int64_t written, DWORD attributes) {
     const HANDLE file = ::CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr,
@@ -26,7 +18,8 @@ void change(const std::wstring& path, std::int64_t written, DWORD attributes) {
 
 // TreeImageTest: an image that misses a change would let every test pass that trusts it.
 TEST(TreeImageTest, EqualTreesHaveEqualImagesAndEveryChangeShows) {
-    const std::wstring one = scratch(), two = scratch();
+    const TempDirectory temp;
+    const std::wstring one = temp / L"one", two = temp / L"two";
     for (const std::wstring& root : {one, two}) {
         TreeBuilder tree(root);
         tree.everything();
@@ -59,7 +52,8 @@ TEST(TreeImageTest, EqualTreesHaveEqualImagesAndEveryChangeShows) {
 }
 
 TEST(TreeImageTest, LinksAreNeverReadThrough) {
-    const std::wstring root = scratch();
+    const TempDirectory temp;
+    const std::wstring root = temp / L"root";
     {
         TreeBuilder tree(root);
         tree.file(L"victim\\secret", "secret").link(L"a", "victim").link(L"b", "victim/secret");

@@ -1,5 +1,7 @@
 #include "tests/support/temp_directory.h"
 
+#include "tests/support/unix_call.h"
+
 #include <algorithm>
 #include <atomic>
 #include <stdexcept>
@@ -54,6 +56,10 @@ TempDirectory::TempDirectory(const std::wstring& base) {
 }
 
 TempDirectory::~TempDirectory() {
+    if (underWine()) { // whose own calls act on what a link names
+        unixRemoveTree(unixPath(path_));
+        return;
+    }
     walk(path_, L"", [](const std::wstring& path, const std::wstring&, DWORD attributes) {
         ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
         attributes& FILE_ATTRIBUTE_DIRECTORY ? ::RemoveDirectoryW(path.c_str())

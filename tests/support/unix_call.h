@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 #include <windows.h>
 
 // Negative errno on failure.
@@ -24,8 +25,9 @@ inline long long unixCall(long long number, const void* a, const void* b = nullp
 namespace unixcall {
 
 inline constexpr long long Open = 2, Close = 3, Stat = 4, Fstat = 5, Lstat = 6, Lseek = 8,
-                           Rename = 82, Rmdir = 84, Unlink = 87, Symlink = 88, Readlink = 89,
-                           Setxattr = 188, Getxattr = 191, Getdents = 217, Utimensat = 280;
+                           Pread = 17, Pwrite = 18, Rename = 82, Rmdir = 84, Unlink = 87,
+                           Symlink = 88, Readlink = 89, Setxattr = 188, Getxattr = 191,
+                           Getdents = 217, Utimensat = 280, Fallocate = 285;
 inline constexpr std::intptr_t ReadOnly = 0, OnlyPath = 0x200000, NoFollow = 0x20000,
                                CloseOnExec = 0x80000;
 
@@ -103,4 +105,45 @@ inline std::string unixReadLink(const std::string& path) {
 // target is a Unix path, absolute or relative to the link's directory; it need not exist.
 inline bool unixSymlink(const std::string& target, const std::wstring& link) {
     return unixCall(unixcall::Symlink, target.c_str(), unixPath(link).c_str()) == 0;
+}
+
+// Names in a directory, in the order of the system; links that lead nowhere are among them.
+inline std::vector<std::string> unixEntries(const std::string& directory) {
+    std::vector<std::string> names;
+    const long long fd = unixCall(unixcall::Open, directory.c_str(),
+                                  unixcall::number(unixcall::ReadOnly | unixcall::CloseOnExec));
+    alignas(8) char buffer[8192];
+    for (long long length = fd; fd >= 0 && length >= 0;) {
+        length = unixCall(unixcall::Getdents, unixcall::number(fd), buffer,
+                          unixcall::number(sizeof buffer));
+        for (long long at = 0; at < length;) { // inode 8, offset 8, length 2, type 1, name
+            std::uint16_t size = 0;
+            std::memcpy(&size, buffer + at + 16, sizeof size);
+            const std::string name = buffer + at + 19;
+            if (name != "." && name != "..") {
+                names.push_back(name);
+            }
+            at += size;
+        }
+        if (length == 0) {
+            break;
+        }
+    }
+    if (fd >= 0) {
+        unixCall(unixcall::Close, unixcall::number(fd));
+    }
+    return names;
+}
+
+// Removes a tree, links as links.
+inline void unixRemoveTree(const std::string& path) {
+    unixcall::Stat64 item;
+    if (unixStat(path, item) && item.isDirectory()) {
+        for (const std::string& name : unixEntries(path)) {
+            unixRemoveTree(path + "/" + name);
+        }
+        unixCall(unixcall::Rmdir, path.c_str());
+    } else {
+        unixCall(unixcall::Unlink, path.c_str());
+    }
 }
