@@ -5,9 +5,10 @@
 #include "tests/support/expect_error.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/temp_directory.h"
+#include "tests/support/unix_call.h"
 
 #include <algorithm>
-#include <chrono>
+#include <cstring>
 #include <thread>
 
 using namespace RunTime;
@@ -67,6 +68,155 @@ TEST(FilePrimitivesTest, OddAndLongNamesAreCreatedListedMovedAndDeleted) {
     }
 }
 
+// Every path that reaches the system with 248 characters or more must carry the prefix.
+namespace {
+
+std::wstring offender;
+
+void checkPrefix(const wchar_t* path) {
+    if (path != nullptr && std::wcslen(path) >= 248 && !beginsWith(path, longPrefix)) {
+        offender = path;
+    }
+}
+
+// One import, replaced by a check of its first argument (and of the second, where that is a path).
+template <auto function>
+class PrefixCheck;
+template <class Result, class... Rest, Result(WINAPI* function)(const wchar_t*, Rest...)>
+class PrefixCheck<function> {
+public:
+    explicit PrefixCheck(const char* name) : patch_(name, &check) {
+        original = patch_.original<Result(WINAPI*)(const wchar_t*, Rest...)>();
+    }
+
+private:
+    static Result WINAPI check(const wchar_t* path, Rest... rest) {
+        checkPrefix(path);
+        checkSecond(rest...);
+        return original(path, rest...);
+    }
+    template <class First, class... Others>
+    static void checkSecond(First first, Others...) {
+        if constexpr (std::is_same_v<First, const wchar_t*>) {
+            checkPrefix(first);
+        }
+    }
+    static void checkSecond() {}
+
+    static inline Result(WINAPI* original)(const wchar_t*, Rest...) = nullptr;
+    ImportPatch patch_;
+};
+
+} // namespace
+
+TEST(FilePrimitivesTest, LongPathsCarryThePrefixToEveryCall) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(deepName()).substr(4); // as typed
+    offender.clear();
+    const PrefixCheck<&::CreateFileW> create("CreateFileW");
+    const PrefixCheck<&::CreateDirectoryW> createDir("CreateDirectoryW");
+    const PrefixCheck<&::DeleteFileW> remove("DeleteFileW");
+    const PrefixCheck<&::RemoveDirectoryW> removeDir("RemoveDirectoryW");
+    const PrefixCheck<&::MoveFileExW> move("MoveFileExW");
+    const PrefixCheck<&::GetFileAttributesW> attributes("GetFileAttributesW");
+    const PrefixCheck<&::FindFirstFileExW> find("FindFirstFileExW");
+    const PrefixCheck<&::GetShortPathNameW> shortName("GetShortPathNameW");
+    const PrefixCheck<&::GetLongPathNameW> longName("GetLongPathNameW");
+    const PrefixCheck<&::GetVolumePathNameW> volume("GetVolumePathNameW");
+
+    EXPECT_TRUE(exists(file));
+    EXPECT_EQ(fileInformation(file).size, 4);
+    moveEx(file, file + L"2");
+    moveEx(file + L"2", file);
+    EXPECT_TRUE(createDirectory(file + L"d"));
+    EXPECT_EQ(treeSize(temp.nice()).files, 1);
+    const std::wstring temporary = nicePath(temporaryMove(file + L"d", L"x"));
+    EXPECT_FALSE(exists(temporaryName(parentPath(file), L"y")));
+    EXPECT_TRUE(theSameDirectory(temporary, temporary));
+    EXPECT_TRUE(theSameVolume(temporary, file + L"\\missing"));
+    EXPECT_EQ(longNamePath(shortPath(file)).size(), longNamePath(file).size());
+    deleteFile(file);
+    removeDirectory(temporary);
+    EXPECT_EQ(offender, L"");
+    EXPECT_FALSE(exists(file) || exists(temporary));
+}
+
+TEST(FilePrimitivesTest, WhatIsThereIsToldFromWhatIsNot) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(L"Mixed Case", "four");
+    temp.makeDirectory(L"directory");
+    EXPECT_TRUE(isDirectory(temp / L"directory\\"));
+    EXPECT_FALSE(isDirectory(file));
+    EXPECT_TRUE(exists(L"C:"));
+    EXPECT_TRUE(isDirectory(L"\\\\?\\C:"));
+    EXPECT_EQ(fileInformation(temp / L"MIXED CASE").name, L"Mixed Case");
+    EXPECT_TRUE(fileInformation(L"C:\\").isDirectory());
+    for (const std::wstring& missing : {temp / L"x", temp / L"x\\y", file + L"\\x", temp / L"a?b",
+                                        temp / L"a*", std::wstring(L"\\\\?\\Q:\\x")}) {
+        SCOPED_TRACE(toUtf8(missing));
+        EXPECT_FALSE(exists(missing));
+        EXPECT_FALSE(isDirectory(missing));
+    }
+    expectError<VFileNotFoundException>(ERROR_FILE_NOT_FOUND,
+                                        L"Unable to get file information (" + temp.nice() + L"\\x)",
+                                        [&] { fileInformation(temp / L"x"); });
+    expectError<VInvalidNameException>(
+        ERROR_INVALID_NAME, L"Unable to get file information (" + temp.nice() + L"\\Mixed*)",
+        [&] { fileInformation(temp / L"Mixed*"); });
+}
+
+TEST(FilePrimitivesTest, DeniedAttributesAreLookedUpInTheDirectoryAndByHandle) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(L"file");
+    temp.makeDirectory(L"directory");
+    FaultPoint attributes("GetFileAttributesW");
+    attributes.failAt = 0;
+    attributes.failOnwards = true;
+    attributes.result = INVALID_FILE_ATTRIBUTES;
+    EXPECT_TRUE(exists(file));
+    EXPECT_TRUE(isDirectory(temp / L"directory"));
+    EXPECT_FALSE(exists(temp / L"missing"));
+    FaultPoint find("FindFirstFileExW");
+    find.failAt = 0;
+    find.failOnwards = true;
+    find.result = reinterpret_cast<std::uintptr_t>(INVALID_HANDLE_VALUE);
+    EXPECT_TRUE(exists(file));
+    EXPECT_TRUE(isDirectory(temp / L"directory"));
+    EXPECT_FALSE(exists(temp / L"missing"));
+    FaultPoint open("CreateFileW");
+    open.failAt = 0;
+    open.failOnwards = true;
+    open.result = find.result.load();
+    expectError<VAccessDeniedException>(ERROR_ACCESS_DENIED,
+                                        L"Unable to get attributes (" + nicePath(file) + L")",
+                                        [&] { exists(file); });
+    open.code = ERROR_SHARING_VIOLATION; // someone has it open: there
+    EXPECT_TRUE(exists(file));
+}
+
+TEST(FilePrimitivesTest, LinksAreSeenAsLinksAndNotCounted) {
+    if (!underWine()) {
+        GTEST_SKIP() << "the link is made by a Unix call";
+    }
+    const TempDirectory temp;
+    temp.writeFile(L"outside\\file", "12345");
+    temp.writeFile(L"tree\\own", "123");
+    ASSERT_TRUE(unixSymlink(unixPath(temp / L"outside"), temp / L"tree\\link"));
+    EXPECT_TRUE(exists(temp / L"tree\\link"));
+    EXPECT_FALSE(isDirectory(temp / L"tree\\link"));
+    EXPECT_TRUE(fileInformation(temp / L"tree\\link").isLink());
+    const TreeSize size = treeSize(temp / L"tree");
+    EXPECT_EQ(size.bytes, 3);
+    EXPECT_EQ(size.files, 1);
+    EXPECT_EQ(size.directories, 0);
+    EXPECT_EQ(treeSize(temp / L"tree\\link").files, 0);
+
+    FileInformation deduplicated;
+    deduplicated.attributes = FILE_ATTRIBUTE_REPARSE_POINT;
+    deduplicated.reparseTag = 0x80000013; // its data is read like any file's
+    EXPECT_FALSE(deduplicated.isLink());
+}
+
 TEST(FileRetryTest, DeletionWaitsForAHolderThatLetsGo) {
     const TempDirectory temp;
     const std::wstring file = temp.writeFile(L"file");
@@ -78,4 +228,220 @@ TEST(FileRetryTest, DeletionWaitsForAHolderThatLetsGo) {
     deleteFile(file);
     release.join();
     EXPECT_FALSE(temp.has(L"file"));
+}
+
+TEST(FileRetryTest, OnlyPassingCausesAreTriedAgainAndNotForEver) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(L"file");
+    const auto attempts = [&](DWORD code, int tryCount) {
+        FaultPoint fault("DeleteFileW");
+        fault.failAt = 0;
+        fault.failOnwards = true;
+        fault.code = code;
+        try {
+            deleteFile(file, tryCount);
+            ADD_FAILURE() << "deleted";
+        } catch (const vosexception& e) {
+            EXPECT_EQ(e.get_errorCode(), code);
+        }
+        return fault.calls.load();
+    };
+    for (const DWORD code : {ERROR_SHARING_VIOLATION, ERROR_LOCK_VIOLATION, ERROR_DIR_NOT_EMPTY,
+                             ERROR_USER_MAPPED_FILE, ERROR_DELETE_PENDING}) {
+        EXPECT_EQ(attempts(code, 3), 3) << code;
+    }
+    for (const DWORD code : {ERROR_DISK_FULL, ERROR_NOT_SAME_DEVICE, ERROR_INVALID_NAME}) {
+        EXPECT_EQ(attempts(code, 3), 1) << code;
+    }
+    EXPECT_EQ(attempts(ERROR_SHARING_VIOLATION, 0), 1);
+}
+
+TEST(FileRetryTest, CancellationEndsTheWaiting) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(L"file");
+    const AutoHandle holder = hold(file);
+    const ThreadCancelation::CancelationPoint cancellable;
+    const DWORD thread = ::GetCurrentThreadId();
+    std::thread canceller([=] {
+        ::Sleep(50);
+        ThreadCancelation::request(thread);
+    });
+    expectError<CanceledException>(L"Canceled!", [&] { deleteFile(file, 1000); });
+    canceller.join();
+    EXPECT_TRUE(temp.has(L"file"));
+}
+
+TEST(FileDeleteTest, ReadOnlyIsPassedAndOtherNamesKeepIt) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(L"file", "data", FILE_ATTRIBUTE_READONLY);
+    const std::wstring other = temp / L"other";
+    ASSERT_TRUE(::CreateHardLinkW(other.c_str(), file.c_str(), nullptr));
+    deleteFile(file, 1);
+    EXPECT_FALSE(temp.has(L"file"));
+    EXPECT_NE(::GetFileAttributesW(other.c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
+    deleteFile(other, 1);
+    EXPECT_FALSE(temp.has(L"other"));
+}
+
+namespace {
+
+// SetFileInformationByHandle as systems of different ages have it.
+struct Dispositions {
+    static inline decltype(&::SetFileInformationByHandle) original = nullptr;
+    static inline bool knowsExtended = false;
+    static inline bool refuses = false;
+    static inline DWORD flags = 0;
+    static inline int basic = 0;
+
+    static BOOL WINAPI set(HANDLE handle, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD size) {
+        if (kind == static_cast<FILE_INFO_BY_HANDLE_CLASS>(21)) {
+            if (!knowsExtended) {
+                ::SetLastError(ERROR_INVALID_PARAMETER);
+                return FALSE;
+            }
+            std::memcpy(&flags, data, sizeof(flags));
+            return TRUE;
+        }
+        basic += kind == FileBasicInfo;
+        if (kind == FileDispositionInfo && refuses) {
+            ::SetLastError(ERROR_ACCESS_DENIED);
+            return FALSE;
+        }
+        return original(handle, kind, data, size);
+    }
+};
+
+} // namespace
+
+TEST(FileDeleteTest, ReadOnlyIsPutBackWhenTheDeletionFails) {
+    const TempDirectory temp;
+    const std::wstring file =
+        temp.writeFile(L"file", "data", FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN);
+    const ImportPatch patch("SetFileInformationByHandle", &Dispositions::set);
+    Dispositions::original = patch.original<decltype(Dispositions::original)>();
+    Dispositions::knowsExtended = false;
+    Dispositions::refuses = true;
+    Dispositions::basic = 0;
+    expectError<VAccessDeniedException>(ERROR_ACCESS_DENIED,
+                                        L"Unable to delete file (" + nicePath(file) + L")",
+                                        [&] { deleteFile(file, 1); });
+    EXPECT_EQ(Dispositions::basic, 2); // cleared and put back
+    EXPECT_EQ(::GetFileAttributesW(file.c_str()) &
+                  (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN),
+              DWORD{FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN});
+
+    // A system that can ignore the attribute is asked to, and nothing else is touched.
+    Dispositions::knowsExtended = true;
+    Dispositions::basic = 0;
+    deleteFile(file, 1);
+    EXPECT_EQ(Dispositions::flags, 0x13u); // delete, at once, read-only ignored
+    EXPECT_EQ(Dispositions::basic, 0);
+}
+
+TEST(FileDeleteTest, AFileIsNoDirectoryAndTheOtherWayRound) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(L"full\\file");
+    const std::wstring empty = temp.makeDirectory(L"empty");
+    const ULONGLONG start = ::GetTickCount64();
+    expectError<VAccessDeniedException>(ERROR_ACCESS_DENIED,
+                                        L"Unable to delete file (" + nicePath(empty) + L")",
+                                        [&] { deleteFile(empty); });
+    expectError<VInvalidDirectoryNameException>(
+        ERROR_DIRECTORY, L"Unable to remove directory (" + nicePath(file) + L")",
+        [&] { removeDirectory(file); });
+    EXPECT_LT(::GetTickCount64() - start, 1000u) << "neither will change by waiting";
+    expectError<VDirectoryNotEmptyException>(
+        ERROR_DIR_NOT_EMPTY, L"Unable to remove directory (" + temp.nice() + L"\\full)",
+        [&] { removeDirectory(temp / L"full", 1); });
+    deleteFile(temp / L"missing");
+    removeDirectory(temp / L"missing\\below");
+    EXPECT_EQ(temp.list(), (std::vector<std::wstring>{L"empty\\", L"full\\", L"full\\file"}));
+}
+
+TEST(FileMoveTest, MoveSaysWhatItCouldNotDo) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(L"a");
+    temp.writeFile(L"b");
+    const std::wstring text =
+        L"Unable to move (" + temp.nice() + L"\\a) to (" + temp.nice() + L"\\b)";
+    expectError<VAlreadyExistsException>(ERROR_ALREADY_EXISTS, text,
+                                         [&] { moveEx(temp.nice() + L"\\a", temp / L"b"); });
+    expectError<ArgumentException>(L"A move must not become a copy", [&] {
+        moveEx(file, temp / L"c", MOVEFILE_COPY_ALLOWED | MOVEFILE_REPLACE_EXISTING);
+    });
+    moveEx(file, temp / L"b", MOVEFILE_REPLACE_EXISTING);
+    temp.makeDirectory(L"d");
+    moveEx(temp / L"d\\", temp / L"e\\");
+    EXPECT_EQ(temp.list(), (std::vector<std::wstring>{L"b", L"e\\"}));
+}
+
+TEST(FileMoveTest, TemporaryNamesAreFreshEvenWhenSomeAreTaken) {
+    const TempDirectory temp;
+    const std::wstring directory = temp.makeDirectory(L"directory");
+    {
+        FaultPoint move("MoveFileExW");
+        move.code = ERROR_ALREADY_EXISTS;
+        move.failAt = 0;
+        const std::wstring now = temporaryMove(temp.nice() + L"\\directory\\", L"$Backup", 1);
+        EXPECT_TRUE(beginsWith(now, temp / L"$Backup"));
+        EXPECT_EQ(temp.list(), (std::vector<std::wstring>{lastName(now) + L"\\"}));
+        moveEx(now, directory);
+        move.failAt = move.calls.load();
+        move.failOnwards = true;
+        EXPECT_THROW(temporaryMove(directory, L"$Backup"), VAlreadyExistsException);
+    }
+    expectError<ArgumentException>(L"A root (C:\\) cannot be renamed",
+                                   [] { temporaryMove(L"C:\\", L"x"); });
+
+    const std::wstring first = temporaryName(temp.nice(), L"{stem}");
+    EXPECT_TRUE(beginsWith(first, temp / L"{stem}"));
+    EXPECT_NE(first, temporaryName(temp.path(), L"{stem}"));
+    FaultPoint attributes("GetFileAttributesW"); // returns 0: there
+    attributes.failAt = 0;
+    attributes.failOnwards = true;
+    expectError<VFileExistsException>(ERROR_FILE_EXISTS,
+                                      L"Unable to find a temporary name in (" + temp.nice() + L")",
+                                      [&] { temporaryName(temp.path(), L"x", 3); });
+    EXPECT_EQ(attributes.calls, 3);
+}
+
+TEST(FileMoveTest, DirectoriesAreMadeOnceAndNeverOverAFile) {
+    const TempDirectory temp;
+    temp.writeFile(L"file");
+    expectError<VAlreadyExistsException>(ERROR_ALREADY_EXISTS,
+                                         L"Unable to create directory (" + temp.nice() + L"\\file)",
+                                         [&] { createDirectory(temp / L"file"); });
+    expectError<VPathNotFoundException>(ERROR_PATH_NOT_FOUND,
+                                        L"Unable to create directory (" + temp.nice() + L"\\a\\b)",
+                                        [&] { createDirectory(temp / L"a\\b"); });
+    EXPECT_FALSE(createDirectory(L"C:\\"));
+}
+
+TEST(TreeSizeTest, EverythingBelowIsCountedUntilEnoughIsKnown) {
+    const TempDirectory temp;
+    temp.writeFile(L"a\\1", "1");
+    temp.writeFile(L"a\\b\\2", "22");
+    temp.writeFile(L"a\\b\\" + deepName(), "4444");
+    temp.makeDirectory(L"a\\empty");
+    const TreeSize size = treeSize(temp / L"a\\");
+    EXPECT_EQ(size.bytes, 7);
+    EXPECT_EQ(size.files, 3);
+    EXPECT_EQ(size.directories, 8);
+    EXPECT_EQ(treeSize(temp / L"a\\b\\2").bytes, 2);
+    EXPECT_EQ(treeSize(temp / L"missing\\x").bytes, 0);
+    int asked = 0;
+    const TreeSize seen = treeSize(temp / L"a", [&](const TreeSize& s) {
+        ++asked;
+        return s.files == 1;
+    });
+    EXPECT_EQ(seen.files, 1);
+    EXPECT_EQ(asked, static_cast<int>(seen.files + seen.directories));
+    // Nothing stays open: the tree can be renamed.
+    moveEx(temp / L"a", temp / L"z", 0, 1);
+    // Whoever holds a directory against listing is named.
+    const AutoHandle holder(::CreateFileW((temp / L"z\\b").c_str(), DELETE, 0, nullptr,
+                                          OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    expectError<VSharingViolationException>(
+        ERROR_SHARING_VIOLATION, L"Unable to list directory (" + temp.nice() + L"\\z\\b)",
+        [&] { openPinnedDirectory(temp / L"z\\b", 1); });
 }

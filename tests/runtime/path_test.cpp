@@ -4,6 +4,7 @@
 #include "tests/support/expect_error.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/temp_directory.h"
+#include "tests/support/unix_call.h"
 
 using namespace RunTime;
 
@@ -73,7 +74,7 @@ TEST(LongPathTest, UnusableTextsAreRefused) {
     expectError<ArgumentException>(L"The path has a zero character in it",
                                    [] { longPath(std::wstring(L"C:\\a\0b", 6)); });
     expectError<VInvalidNameException>(ERROR_INVALID_NAME, L"Unable to get a full path (   )",
-                              [] { longPath(L"   "); });
+                                       [] { longPath(L"   "); });
     const std::wstring tail(32700, L'a');
     EXPECT_EQ(longPath(L"C:\\" + tail).size(), 7 + tail.size());
     for (const std::wstring& path :
@@ -196,4 +197,73 @@ TEST(PathInsideTest, OnlyWholeComponentsBelowCount) {
         EXPECT_EQ(isStrictlyInside(row.path, row.directory), row.inside)
             << toUtf8(row.path) << " in " << toUtf8(row.directory);
     }
+}
+
+TEST(PathNamesTest, ShortAndLongFormsLeadToEachOther) {
+    const TempDirectory temp;
+    const std::wstring file = temp.writeFile(L"A rather long name\\and another one.txt");
+    const std::wstring brief = shortPath(file);
+    EXPECT_TRUE(beginsWith(brief, longPrefix));
+    EXPECT_EQ(longNamePath(brief), file);
+    const std::wstring typed = shortPath(nicePath(file));
+    EXPECT_EQ(typed, nicePath(brief));
+    EXPECT_EQ(longNamePath(typed), nicePath(file));
+    EXPECT_TRUE(theSameDirectory(brief, nicePath(file)));
+    // Names that exist with the prefix only are not mistaken for what they read as without it.
+    const std::wstring odd = temp.writeFile(L"odd.");
+    EXPECT_TRUE(equalNames(longNamePath(odd), odd));
+    expectError<VFileNotFoundException>(ERROR_FILE_NOT_FOUND,
+                                        L"Unable to get a short path (" + temp.nice() + L"\\x)",
+                                        [&] { shortPath(temp / L"x"); });
+    expectError<VFileNotFoundException>(ERROR_FILE_NOT_FOUND,
+                                        L"Unable to get a long path (" + temp.nice() + L"\\x)",
+                                        [&] { longNamePath(temp / L"x"); });
+}
+
+TEST(VolumeTest, RootIsThatOfTheNearestExistingDirectory) {
+    const TempDirectory temp;
+    EXPECT_EQ(volumeRoot(temp.nice() + L"\\missing\\below"), L"\\\\?\\C:\\");
+    EXPECT_EQ(volumeRoot(L"C:"), L"\\\\?\\C:\\");
+    EXPECT_EQ(volumeRoot(L"\\\\server\\share\\x\\y"), L"\\\\?\\UNC\\server\\share\\");
+    EXPECT_TRUE(theSameVolume(temp.path(), L"c:\\missing"));
+    EXPECT_FALSE(theSameVolume(temp.path(), L"\\\\server\\share\\x"));
+    EXPECT_TRUE(theSameVolume(L"\\\\server\\share\\x", L"\\\\SERVER\\share\\y"));
+    const VolumeInformation volume = volumeInformation(temp / L"missing");
+    EXPECT_EQ(volume.root, L"\\\\?\\C:\\");
+    EXPECT_EQ(volume.fileSystem, L"NTFS");
+    EXPECT_EQ(volume.driveType, UINT{DRIVE_FIXED});
+    EXPECT_NE(volume.serial, 0u);
+    EXPECT_GT(volume.freeBytes, 0u);
+    EXPECT_GE(volume.totalBytes, volume.freeBytes);
+    EXPECT_GE(volume.clusterBytes, 512u);
+    expectError<VPathNotFoundException>(ERROR_PATH_NOT_FOUND,
+                                        L"Unable to get volume information (Q:\\)",
+                                        [] { volumeInformation(L"Q:\\x"); });
+}
+
+TEST(SameDirectoryTest, IdentityIsSeenThroughNamesAndLinks) {
+    const TempDirectory temp;
+    const std::wstring directory = temp.makeDirectory(L"Directory");
+    temp.makeDirectory(L"other");
+    EXPECT_TRUE(theSameDirectory(directory, temp.nice() + L"\\other\\..\\DIRECTORY\\"));
+    EXPECT_FALSE(theSameDirectory(directory, temp / L"other"));
+    EXPECT_FALSE(theSameDirectory(directory, temp / L"missing"));
+    EXPECT_FALSE(theSameDirectory(temp / L"missing", temp / L"missing"));
+    if (underWine()) {
+        ASSERT_TRUE(unixSymlink(unixPath(directory), temp / L"link"));
+        EXPECT_TRUE(theSameDirectory(directory, temp / L"link"));
+        // Ids are compared as the file system has them: here only the narrow ones.
+        FaultPoint wide("GetFileInformationByHandleEx");
+        wide.failAt = 0;
+        wide.failOnwards = true;
+        wide.code = ERROR_INVALID_PARAMETER;
+        EXPECT_TRUE(theSameDirectory(directory, temp / L"link"));
+        EXPECT_FALSE(theSameDirectory(directory, temp / L"other"));
+    }
+    FaultPoint open("CreateFileW");
+    open.failAt = 1;
+    open.result = reinterpret_cast<std::uintptr_t>(INVALID_HANDLE_VALUE);
+    expectError<VAccessDeniedException>(
+        ERROR_ACCESS_DENIED, L"Unable to get file information (" + temp.nice() + L"\\other)",
+        [&] { theSameDirectory(directory, temp / L"other"); });
 }
