@@ -7,6 +7,8 @@
 #include "runtime/format_string.h"
 
 #include <algorithm>
+#include <iterator>
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -22,12 +24,19 @@ constexpr const wchar_t* sessionManager = L"SYSTEM\\CurrentControlSet\\Control\\
 constexpr const wchar_t* listNames[] = {L"PendingFileRenameOperations",
                                         L"PendingFileRenameOperations2"};
 
+constexpr std::wstring_view kernelPrefix = L"\\??\\";
+
 // An operation of the list: two paths in the kernel's form ("\??\C:\..."). An empty target stands
 // for deletion; in front of a path there may be marks, such as "!" for "replace what is there".
 struct Operation {
     std::wstring source;
     std::wstring target;
 };
+
+// Of a path in long form.
+Operation deletion(const std::wstring& path) {
+    return {std::wstring(kernelPrefix).append(path, longPrefix.size()), {}};
+}
 
 // Nothing when the data is not a list of pairs, each text with its zero, and perhaps one more zero.
 std::optional<std::vector<Operation>> parse(std::wstring_view data) {
@@ -65,7 +74,6 @@ std::wstring compose(const std::vector<Operation>& operations) {
 
 // Whether a path of the list is one of the given ones (long forms) or lies below.
 bool names(std::wstring_view listed, const std::vector<std::wstring>& paths) {
-    constexpr std::wstring_view kernelPrefix = L"\\??\\";
     const std::size_t begin = listed.find(kernelPrefix);
     if (begin == listed.npos || begin > 2) { // "!" or "*" and a digit
         return false;
@@ -81,25 +89,34 @@ bool names(std::wstring_view listed, const std::vector<std::wstring>& paths) {
     });
 }
 
-[[noreturn]] void readFailed(DWORD code, int line) {
-    _throwError(L"Unable to read pending operations", code,
-                {L"", "RunTime::dropPendingOperations", line});
+[[noreturn]] void readFailed(LSTATUS status, int line) {
+    _throwError(L"Unable to read pending operations", static_cast<DWORD>(status),
+                {L"", "RunTime::PendingOperations::read", line});
 }
 
-[[noreturn]] void writeFailed(DWORD code, int line) {
-    _throwError(L"Unable to write pending operations", code,
-                {L"", "RunTime::dropPendingOperations", line});
+[[noreturn]] void writeFailed(LSTATUS status, int line) {
+    _throwError(L"Unable to write pending operations", static_cast<DWORD>(status),
+                {L"", "RunTime::PendingOperations::write", line});
 }
 
 // Empty when there is no such list. The registry's own helpers end a list at its first empty text,
 // so the bytes are read as they stand.
-std::vector<Operation> readList(HKEY key, const wchar_t* listName) {
+std::vector<Operation> read(const wchar_t* listName) {
+    AutoRegKey key;
+    LSTATUS status =
+        ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, sessionManager, 0, KEY_QUERY_VALUE, key.put());
+    if (status == ERROR_FILE_NOT_FOUND) {
+        return {};
+    }
+    if (status != ERROR_SUCCESS) {
+        readFailed(status, __LINE__);
+    }
     std::vector<wchar_t> buffer(4096);
     for (;;) {
         DWORD type = REG_NONE;
         DWORD bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-        const LSTATUS status = ::RegQueryValueExW(key, listName, nullptr, &type,
-                                                  reinterpret_cast<BYTE*>(buffer.data()), &bytes);
+        status = ::RegQueryValueExW(key.get(), listName, nullptr, &type,
+                                    reinterpret_cast<BYTE*>(buffer.data()), &bytes);
         if (status == ERROR_FILE_NOT_FOUND) {
             return {};
         }
@@ -108,7 +125,7 @@ std::vector<Operation> readList(HKEY key, const wchar_t* listName) {
             continue;
         }
         if (status != ERROR_SUCCESS) {
-            readFailed(static_cast<DWORD>(status), __LINE__);
+            readFailed(status, __LINE__);
         }
         std::optional<std::vector<Operation>> operations;
         if (type == REG_MULTI_SZ && bytes % sizeof(wchar_t) == 0) {
@@ -121,53 +138,29 @@ std::vector<Operation> readList(HKEY key, const wchar_t* listName) {
     }
 }
 
-int dropFrom(const wchar_t* listName, const std::vector<std::wstring>& paths) {
+void write(const wchar_t* listName, const std::vector<Operation>& operations) {
     AutoRegKey key;
     LSTATUS status =
-        ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, sessionManager, 0, KEY_QUERY_VALUE, key.put());
-    if (status == ERROR_FILE_NOT_FOUND) {
-        return 0;
-    }
-    if (status != ERROR_SUCCESS) {
-        readFailed(static_cast<DWORD>(status), __LINE__);
-    }
-    std::vector<Operation> operations = readList(key.get(), listName);
-    const auto dropped = std::erase_if(operations, [&](const Operation& operation) {
-        return names(operation.source, paths) || names(operation.target, paths);
-    });
-    if (dropped == 0) {
-        return 0;
-    }
-    status = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, sessionManager, 0, KEY_SET_VALUE, key.put());
-    if (status != ERROR_SUCCESS) {
-        writeFailed(static_cast<DWORD>(status), __LINE__);
-    }
-    if (operations.empty()) {
+        ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, sessionManager, 0, KEY_SET_VALUE, key.put());
+    if (status == ERROR_SUCCESS && operations.empty()) {
         status = ::RegDeleteValueW(key.get(), listName);
-    } else {
+    } else if (status == ERROR_SUCCESS) {
         const std::wstring data = compose(operations);
+        if (data.size() > std::numeric_limits<DWORD>::max() / sizeof(wchar_t)) {
+            writeFailed(ERROR_BUFFER_OVERFLOW, __LINE__);
+        }
         status = ::RegSetValueExW(key.get(), listName, 0, REG_MULTI_SZ,
                                   reinterpret_cast<const BYTE*>(data.data()),
                                   static_cast<DWORD>(data.size() * sizeof(wchar_t)));
     }
     if (status != ERROR_SUCCESS) {
-        writeFailed(static_cast<DWORD>(status), __LINE__);
+        writeFailed(status, __LINE__);
     }
-    return static_cast<int>(dropped);
 }
 
 [[noreturn]] void removeFailed(const std::wstring& path, DWORD code, int line) {
     _throwError(formatString(L"Unable to remove (%s)", nicePath(path).c_str()).c_str(), code,
                 {L"", "RunTime::removeAtRestart", line});
-}
-
-void schedule(const std::wstring& path) {
-    if (!::MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT)) {
-        const DWORD code = ::GetLastError();
-        if (!meansMissing(code)) { // gone since it was listed
-            removeFailed(path, code, __LINE__);
-        }
-    }
 }
 
 // A directory on the way down, held so that no link can take its place meanwhile.
@@ -177,7 +170,7 @@ struct Level {
     std::vector<std::wstring> subdirectories;
 };
 
-Level enter(std::wstring path) {
+Level enter(std::wstring path, std::vector<Operation>& deletions) {
     Level level;
     level.handle = openPinnedDirectory(path);
     level.path = std::move(path);
@@ -192,26 +185,49 @@ Level enter(std::wstring path) {
         if (entry.isDirectory() && !entry.isLink()) {
             level.subdirectories.push_back(std::move(entry.name));
         } else {
-            schedule(combine(level.path, entry.name));
+            deletions.push_back(deletion(combine(level.path, entry.name)));
         }
     }
     return level;
 }
 
-// From the bottom up, in which order the system works through the list.
-void scheduleTree(const std::wstring& top) {
+// The deletions of all below top, from the bottom up, in which order the system works through the
+// list.
+std::vector<Operation> deletionsBelow(const std::wstring& top) {
+    std::vector<Operation> deletions;
     std::vector<Level> levels;
-    levels.push_back(enter(top));
+    levels.push_back(enter(top, deletions));
     while (!levels.empty()) {
         Level& level = levels.back();
         if (level.subdirectories.empty()) {
-            schedule(level.path);
+            if (levels.size() > 1) {
+                deletions.push_back(deletion(level.path));
+            }
             levels.pop_back();
             continue;
         }
         std::wstring child = combine(level.path, level.subdirectories.back());
         level.subdirectories.pop_back();
-        levels.push_back(enter(std::move(child)));
+        levels.push_back(enter(std::move(child), deletions));
+    }
+    return deletions;
+}
+
+// All items in one write and the top by the system: each call of MoveFileExW reads and writes the
+// whole list, which takes hours for a tree of a hundred thousand files.
+void schedule(const std::wstring& path) {
+    const FileInformation top = fileInformation(path);
+    if (top.isDirectory() && !top.isLink()) {
+        std::vector<Operation> below = deletionsBelow(path);
+        if (!below.empty()) {
+            std::vector<Operation> operations = read(listNames[0]);
+            std::move(below.begin(), below.end(), std::back_inserter(operations));
+            write(listNames[0], operations);
+        }
+    }
+    if (!::MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT)) {
+        const DWORD code = ::GetLastError();
+        removeFailed(path, code, __LINE__);
     }
 }
 
@@ -240,12 +256,7 @@ std::wstring removeAtRestart(const std::wstring& path) {
         }
     };
     try {
-        const FileInformation top = fileInformation(now);
-        if (top.isDirectory() && !top.isLink()) {
-            scheduleTree(now);
-        } else {
-            schedule(now);
-        }
+        schedule(now);
     } catch (const vosexception& e) {
         const DWORD code = e.get_errorCode();
         undo();
@@ -279,7 +290,14 @@ int dropPendingOperations(const std::wstring& path) {
     }
     int dropped = 0;
     for (const wchar_t* listName : listNames) {
-        dropped += dropFrom(listName, paths);
+        std::vector<Operation> operations = read(listName);
+        const auto count = std::erase_if(operations, [&](const Operation& operation) {
+            return names(operation.source, paths) || names(operation.target, paths);
+        });
+        if (count != 0) {
+            write(listName, operations);
+            dropped += static_cast<int>(count);
+        }
     }
     return dropped;
 }

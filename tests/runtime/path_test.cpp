@@ -228,6 +228,11 @@ TEST(VolumeTest, RootIsThatOfTheNearestExistingDirectory) {
     EXPECT_TRUE(theSameVolume(temp.path(), L"c:\\missing"));
     EXPECT_FALSE(theSameVolume(temp.path(), L"\\\\server\\share\\x"));
     EXPECT_TRUE(theSameVolume(L"\\\\server\\share\\x", L"\\\\SERVER\\share\\y"));
+    wchar_t drive[MAX_PATH] = {};
+    if (::GetEnvironmentVariableW(L"ZOP_TEST_TMPFS_DRIVE", drive, MAX_PATH) != 0) {
+        EXPECT_FALSE(theSameVolume(temp.path(), drive + std::wstring(L"missing")));
+        EXPECT_TRUE(theSameVolume(longPath(drive), drive + std::wstring(L"missing\\x")));
+    }
     const VolumeInformation volume = volumeInformation(temp / L"missing");
     EXPECT_EQ(volume.root, L"\\\\?\\C:\\");
     EXPECT_EQ(volume.fileSystem, L"NTFS");

@@ -5,6 +5,7 @@
 #include "runtime/text.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/pending_list.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/unix_call.h"
 
@@ -15,58 +16,11 @@ using namespace RunTime;
 
 namespace {
 
-constexpr const wchar_t* listName = L"PendingFileRenameOperations";
-
-// MoveFileExW writes to the real key whatever predefined key is overridden, so the list is kept
-// aside for the test and put back.
 class PendingOperationsTest : public testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE,
-                                    L"SYSTEM\\CurrentControlSet\\Control\\Session Manager", 0,
-                                    nullptr, 0, KEY_ALL_ACCESS, nullptr, key_.put(), nullptr),
-                  ERROR_SUCCESS);
-        saved_ = bytes();
-        ::RegDeleteValueW(key_.get(), listName);
-    }
-    void TearDown() override {
-        if (saved_) {
-            write(*saved_);
-        } else {
-            ::RegDeleteValueW(key_.get(), listName);
-        }
-    }
+    std::string shown() { return toUtf8(list.shown()); }
 
-    void write(const std::wstring& data, DWORD type = REG_MULTI_SZ, DWORD cut = 0) {
-        ASSERT_EQ(::RegSetValueExW(key_.get(), listName, 0, type,
-                                   reinterpret_cast<const BYTE*>(data.data()),
-                                   static_cast<DWORD>(data.size() * sizeof(wchar_t)) - cut),
-                  ERROR_SUCCESS);
-    }
-    std::optional<std::wstring> bytes() {
-        std::wstring data(64 * 1024, L'\0');
-        DWORD size = static_cast<DWORD>(data.size() * sizeof(wchar_t));
-        if (::RegQueryValueExW(key_.get(), listName, nullptr, nullptr,
-                               reinterpret_cast<BYTE*>(data.data()), &size) != ERROR_SUCCESS) {
-            return std::nullopt;
-        }
-        data.resize(size / sizeof(wchar_t));
-        return data;
-    }
-    // Zeros shown as "|".
-    std::string shown() {
-        std::wstring data = bytes().value_or(L"none");
-        std::replace(data.begin(), data.end(), L'\0', L'|');
-        return toUtf8(data);
-    }
-
-    static std::wstring data(std::wstring shownData) {
-        std::replace(shownData.begin(), shownData.end(), L'|', L'\0');
-        return shownData;
-    }
-
-    AutoRegKey key_;
-    std::optional<std::wstring> saved_;
+    PendingList list;
 };
 
 } // namespace
@@ -83,21 +37,21 @@ TEST_F(PendingOperationsTest, ATreeIsScheduledFromTheBottomUpUnderAFreshName) {
     const std::wstring now = removeAtRestart(temp.nice() + L"\\tree\\");
     EXPECT_TRUE(beginsWith(now, temp / L"$Removed"));
     EXPECT_FALSE(temp.has(L"tree"));
-    const std::wstring list = bytes().value_or(L"");
+    const std::wstring all = list.shown();
     const auto at = [&](const std::wstring& item) {
-        return list.find(data(L"\\??\\" + nicePath(now) + item + L"||"));
+        return all.find(L"\\??\\" + nicePath(now) + item + L"||");
     };
     std::size_t last = at(L"");
     for (const wchar_t* item : {L"\\a\\b\\file", L"\\a\\z", L"\\top", L"\\a\\b", L"\\a"}) {
-        EXPECT_NE(at(item), list.npos) << toUtf8(item);
+        EXPECT_NE(at(item), all.npos) << toUtf8(item);
         EXPECT_LT(at(item), last) << toUtf8(item);
     }
     EXPECT_LT(at(L"\\a\\b\\file"), at(L"\\a\\b"));
     EXPECT_LT(at(L"\\a\\b"), at(L"\\a"));
-    EXPECT_EQ(list.find(L"outside"), list.npos);
-    EXPECT_EQ(list.find(L"kept"), list.npos);
+    EXPECT_EQ(all.find(L"outside"), all.npos);
+    EXPECT_EQ(all.find(L"kept"), all.npos);
     if (underWine()) {
-        EXPECT_NE(at(L"\\link"), list.npos);
+        EXPECT_NE(at(L"\\link"), all.npos);
     }
     EXPECT_EQ(dropPendingOperations(now), underWine() ? 7 : 6);
     EXPECT_EQ(shown(), "none");
@@ -107,9 +61,7 @@ TEST_F(PendingOperationsTest, AFailureLeavesNothingScheduledAndTheOldName) {
     const TempDirectory temp;
     temp.writeFile(L"tree\\1");
     temp.writeFile(L"tree\\2");
-    {
-        FaultPoint move("MoveFileExW");
-        move.failAt = 2; // the rename, the first file, the second
+    const auto refused = [&] {
         try {
             removeAtRestart(temp / L"tree");
             ADD_FAILURE() << "scheduled";
@@ -120,6 +72,17 @@ TEST_F(PendingOperationsTest, AFailureLeavesNothingScheduledAndTheOldName) {
         }
         EXPECT_EQ(shown(), "none");
         EXPECT_EQ(temp.list(L"tree"), (std::vector<std::wstring>{L"1", L"2"}));
+    };
+    {
+        FaultPoint set("RegSetValueExW");
+        set.failAt = 0;
+        set.result = ERROR_ACCESS_DENIED;
+        refused();
+    }
+    {
+        FaultPoint move("MoveFileExW");
+        move.failAt = 1; // the rename first, then the top
+        refused();
         // A tree that cannot be renamed is scheduled as it is.
         move.failAt = move.calls.load();
         EXPECT_EQ(removeAtRestart(temp / L"tree"), temp / L"tree");
@@ -149,15 +112,15 @@ TEST_F(PendingOperationsTest, OnlyOperationsOnThePathAreDropped) {
                             L"\\??\\C:\\other|!\\??\\C:\\dat|"
                             L"\\??\\D:\\data||"
                             L"odd|odd|";
-    write(data(std::wstring(others) + L"\\??\\c:\\DATA||"
-                                      L"*1\\??\\C:\\data\\a\\b||"
-                                      L"\\??\\C:\\elsewhere|!\\??\\C:\\data\\c|"
-                                      L"\\??\\C:\\data\\d|\\??\\C:\\elsewhere||"));
+    list.write((std::wstring(others) + L"\\??\\c:\\DATA||"
+                                       L"*1\\??\\C:\\data\\a\\b||"
+                                       L"\\??\\C:\\elsewhere|!\\??\\C:\\data\\c|"
+                                       L"\\??\\C:\\data\\d|\\??\\C:\\elsewhere||"));
     EXPECT_EQ(dropPendingOperations(L"C:\\data\\"), 4);
     EXPECT_EQ(shown(), toUtf8(others) + "|");
     EXPECT_EQ(dropPendingOperations(L"C:\\data"), 0);
     EXPECT_EQ(shown(), toUtf8(others) + "|");
-    write(data(L"\\??\\C:\\data||")); // without the closing zero
+    list.write(L"\\??\\C:\\data||"); // without the closing zero
     EXPECT_EQ(dropPendingOperations(L"\\\\?\\C:\\"), 1);
     EXPECT_EQ(shown(), "none");
     EXPECT_EQ(dropPendingOperations(L"C:\\data"), 0);
@@ -166,23 +129,23 @@ TEST_F(PendingOperationsTest, OnlyOperationsOnThePathAreDropped) {
 TEST_F(PendingOperationsTest, AListThatIsNotUnderstoodIsLeftAlone) {
     const auto refused = [&](int line) {
         SCOPED_TRACE(line);
-        const auto before = bytes();
+        const auto before = list.shown();
         expectError<vosexception>(ERROR_INVALID_DATA, L"Unable to read pending operations",
                                   [] { dropPendingOperations(L"C:\\data"); });
-        EXPECT_EQ(bytes(), before);
+        EXPECT_EQ(list.shown(), before);
     };
-    write(data(L"\\??\\C:\\data||\\??\\C:\\x|")); // no target
+    list.write(L"\\??\\C:\\data||\\??\\C:\\x|"); // no target
     refused(__LINE__);
-    write(data(L"\\??\\C:\\data||\\??\\C:\\x")); // no zero
+    list.write(L"\\??\\C:\\data||\\??\\C:\\x"); // no zero
     refused(__LINE__);
-    write(data(L"\\??\\C:\\data|||\\??\\C:\\x||")); // something behind the end
+    list.write(L"\\??\\C:\\data|||\\??\\C:\\x||"); // something behind the end
     refused(__LINE__);
-    write(data(L"\\??\\C:\\data||"), REG_MULTI_SZ, 1); // half a character
+    list.write(L"\\??\\C:\\data||", REG_MULTI_SZ, 1); // half a character
     refused(__LINE__);
-    write(data(L"\\??\\C:\\data||"), REG_SZ);
+    list.write(L"\\??\\C:\\data||", REG_SZ);
     refused(__LINE__);
 
-    write(data(L"\\??\\C:\\data||\\??\\C:\\x||"));
+    list.write(L"\\??\\C:\\data||\\??\\C:\\x||");
     FaultPoint set("RegSetValueExW");
     set.failAt = 0;
     set.result = ERROR_ACCESS_DENIED;

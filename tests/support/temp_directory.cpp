@@ -61,10 +61,6 @@ TempDirectory::~TempDirectory() {
         return;
     }
     walk(path_, L"", [](const std::wstring& path, const std::wstring&, DWORD attributes) {
-        if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && underWine()) {
-            unixCall(unixcall::Unlink, unixPath(path).c_str()); // Win32 calls act on its target
-            return;
-        }
         ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
         if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
             ::RemoveDirectoryW(path.c_str());
