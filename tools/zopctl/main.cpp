@@ -1,0 +1,10 @@
+#include "tools/zopctl/commands.h"
+
+#include <string>
+#include <vector>
+
+int wmain(int count, wchar_t* words[]) {
+    zopctl::Console console;
+    const std::vector<std::wstring> arguments(words + (count > 0 ? 1 : 0), words + count);
+    return static_cast<int>(zopctl::runCommandLine(arguments, console));
+}

@@ -1,0 +1,14 @@
+// zopctl tree compare A B
+#pragma once
+
+#include "tools/zopctl/console.h"
+#include "tools/zopctl/exit_code.h"
+
+#include <string>
+#include <vector>
+
+namespace zopctl {
+
+ExitCode runTreeCompare(const std::vector<std::wstring>& arguments, Console& console);
+
+} // namespace zopctl
