@@ -143,9 +143,17 @@ TEST(DirectoryListerTest, DamagedListingsAreRefused) {
         std::wstring name;
     };
     const Damage cases[] = {
-        {0, 0xFFFFFFFE, L"abc"}, {0, 0x7FFFFFFE, L"abc"}, {0, 32768, L"abc"},   {0, 5, L"abc"},
-        {8, 6, L"abc"},          {0xFFFFFFFF, 6, L"abc"}, {32700, 6, L"abc"},   {32769, 6, L"abc"},
-        {0, 8, L"..\\x"},        {0, 6, L"a/b"},          {0, 6, {L"a\0b", 3}},
+        {0, 0xFFFFFFFE, L"abc"},
+        {0, 0x7FFFFFFE, L"abc"},
+        {0, 32 * 1024 - offsetof(FILE_ID_BOTH_DIR_INFO, FileName) + 2, L"abc"},
+        {0, 5, L"abc"},
+        {8, 6, L"abc"},
+        {0xFFFFFFFF, 6, L"abc"},
+        {32700, 6, L"abc"},
+        {32769, 6, L"abc"},
+        {0, 8, L"..\\x"},
+        {0, 6, L"a/b"},
+        {0, 6, {L"a\0b", 3}},
     };
     for (const Damage& row : cases) {
         SCOPED_TRACE(std::to_string(row.next) + ", " + std::to_string(row.nameLength));

@@ -210,11 +210,45 @@ TEST(FilePrimitivesTest, LinksAreSeenAsLinksAndNotCounted) {
     EXPECT_EQ(size.files, 1);
     EXPECT_EQ(size.directories, 0);
     EXPECT_EQ(treeSize(temp / L"tree\\link").files, 0);
+}
 
-    FileInformation deduplicated;
-    deduplicated.attributes = FILE_ATTRIBUTE_REPARSE_POINT;
-    deduplicated.reparseTag = 0x80000013; // its data is read like any file's
-    EXPECT_FALSE(deduplicated.isLink());
+namespace {
+
+// Every item of these is a reparse point with this tag.
+struct Reparse {
+    static inline decltype(&::GetFileAttributesW) attributes = nullptr;
+    static inline decltype(&::FindFirstFileExW) find = nullptr;
+    static inline DWORD tag = 0;
+
+    static DWORD WINAPI getAttributes(const wchar_t* path) {
+        return attributes(path) | FILE_ATTRIBUTE_REPARSE_POINT;
+    }
+    static HANDLE WINAPI findFirst(const wchar_t* path, FINDEX_INFO_LEVELS level, void* data,
+                                   FINDEX_SEARCH_OPS search, void* filter, DWORD flags) {
+        const HANDLE handle = find(path, level, data, search, filter, flags);
+        static_cast<WIN32_FIND_DATAW*>(data)->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        static_cast<WIN32_FIND_DATAW*>(data)->dwReserved0 = tag;
+        return handle;
+    }
+};
+
+} // namespace
+
+TEST(FilePrimitivesTest, OnlyReparsePointsThatNameAnotherItemAreLinks) {
+    const TempDirectory temp;
+    const ImportPatch attributes("GetFileAttributesW", &Reparse::getAttributes);
+    const ImportPatch find("FindFirstFileExW", &Reparse::findFirst);
+    Reparse::attributes = attributes.original<decltype(Reparse::attributes)>();
+    Reparse::find = find.original<decltype(Reparse::find)>();
+    for (const DWORD tag :
+         {DWORD{IO_REPARSE_TAG_SYMLINK}, DWORD{IO_REPARSE_TAG_MOUNT_POINT}, DWORD{0}}) {
+        Reparse::tag = tag;
+        EXPECT_FALSE(isDirectory(temp.path())) << tag;
+    }
+    for (const DWORD tag : {0x80000013ul, 0x9000001Aul}) { // deduplicated, kept in a cloud
+        Reparse::tag = tag;
+        EXPECT_TRUE(isDirectory(temp.path())) << tag;
+    }
 }
 
 TEST(FileRetryTest, DeletionWaitsForAHolderThatLetsGo) {
