@@ -10,6 +10,7 @@
 #include "runtime/auto_handle.h"
 
 #include <gtest/gtest.h>
+#include <winefs.h>
 #include <winioctl.h>
 
 namespace {
@@ -128,6 +129,38 @@ TEST(NtfsFakeTest, HolesTravelAsSparseBlocks) {
     EXPECT_EQ(imageOf(temp / L"copy").at(L"").content, imageOf(file).at(L"").content);
     EXPECT_EQ(imageOf(temp / L"copy").at(L"").attributes & FILE_ATTRIBUTE_SPARSE_FILE,
               DWORD(FILE_ATTRIBUTE_SPARSE_FILE));
+}
+
+TEST(NtfsFakeTest, EncryptedFilesTravelRaw) {
+    const TempDirectory temp;
+    NtfsFake ntfs;
+    const std::wstring file = temp.writeFile(L"file", sampleBytes(10'000));
+    void* context = nullptr;
+    EXPECT_EQ(::OpenEncryptedFileRawW(file.c_str(), 0, &context), DWORD(ERROR_FILE_NOT_ENCRYPTED));
+    ntfs.setFlags(file, FILE_ATTRIBUTE_ENCRYPTED);
+    std::string raw;
+    EXPECT_EQ(::OpenEncryptedFileRawW(file.c_str(), 0, &context), 0u);
+    const auto take = [](PBYTE bytes, PVOID to, ULONG count) -> DWORD {
+        static_cast<std::string*>(to)->append(reinterpret_cast<char*>(bytes), count);
+        return 0;
+    };
+    EXPECT_EQ(::ReadEncryptedFileRaw(take, &raw, context), 0u);
+    ::CloseEncryptedFileRaw(context);
+    EXPECT_EQ(::OpenEncryptedFileRawW((temp / L"copy").c_str(), CREATE_FOR_IMPORT, &context), 0u);
+    const auto give = [](PBYTE bytes, PVOID from, PULONG count) -> DWORD {
+        auto& left = *static_cast<std::string*>(from);
+        *count = static_cast<ULONG>(left.copy(reinterpret_cast<char*>(bytes), *count));
+        left.erase(0, *count);
+        return 0;
+    };
+    EXPECT_EQ(::WriteEncryptedFileRaw(give, &raw, context), 0u);
+    ::CloseEncryptedFileRaw(context);
+    const TreeImage copy = imageOf(temp / L"copy");
+    EXPECT_EQ(copy.at(L"").content, imageOf(file).at(L"").content);
+    EXPECT_NE(copy.at(L"").attributes & FILE_ATTRIBUTE_ENCRYPTED, 0u);
+    ntfs.setVolumeFlags(L'C', FILE_NAMED_STREAMS);
+    EXPECT_EQ(::OpenEncryptedFileRawW((temp / L"2").c_str(), CREATE_FOR_IMPORT, &context),
+              DWORD(ERROR_VOLUME_NOT_SUPPORT_EFS));
 }
 
 TEST(NtfsFakeTest, BreachesOfTheBackupApiAreNoticed) {

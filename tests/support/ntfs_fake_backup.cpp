@@ -287,7 +287,7 @@ DWORD startStream(Context& context, OpenFile& open) {
 }
 
 DWORD writeData(Context& context, const std::string& bytes) {
-    const UnixFile file(context.data->proc(), 2); // read and write
+    const UnixFile file(context.data->proc(), unixcall::ReadWrite);
     if (context.header.id == idSparse && context.offset == 0 && context.pending.size() < 8) {
         return ERROR_INVALID_DATA;
     }
@@ -393,9 +393,9 @@ DWORD take(Context& context, OpenFile& open, bool security, const char*& at, std
             std::memcpy(&context.offset, context.pending.data(), 8);
             context.left -= 8;
             if (context.left == 0) { // the closing block: the end of the file
-                const UnixFile file(context.data->proc(), 2);
-                const DWORD code = errorOf(unixCall(77, file.fd(), // ftruncate
-                                                    unixcall::number(context.offset)));
+                const UnixFile file(context.data->proc(), unixcall::ReadWrite);
+                const DWORD code = errorOf(
+                    unixCall(unixcall::Ftruncate, file.fd(), unixcall::number(context.offset)));
                 context.pending.clear();
                 context.part = Context::InHeader;
                 return code;
@@ -434,10 +434,6 @@ BOOL WINAPI backupWrite(HANDLE handle, LPBYTE buffer, DWORD size, LPDWORD writte
     }
     Context* context = enter(handle, slot, false, abort, "BackupWrite");
     if (context == nullptr || abort) {
-        if (context != nullptr &&
-            (context->part != Context::InHeader || !context->pending.empty())) {
-            context->part = Context::InHeader; // broken off: the caller's affair
-        }
         return context != nullptr && leave(context, slot, written);
     }
     *written = 0;
@@ -457,6 +453,20 @@ BOOL WINAPI backupWrite(HANDLE handle, LPBYTE buffer, DWORD size, LPDWORD writte
             return fail(code);
         }
     }
+    return TRUE;
+}
+
+BOOL WINAPI findNextStream(HANDLE handle, LPVOID data) {
+    const Lock lock;
+    const auto found = state->searches.find(handle);
+    if (found == state->searches.end() || found->second.next == found->second.streams.size()) {
+        return fail(ERROR_HANDLE_EOF);
+    }
+    const auto& [name, size] = found->second.streams[found->second.next++];
+    auto* out = static_cast<WIN32_FIND_STREAM_DATA*>(data);
+    *out = {};
+    out->StreamSize.QuadPart = size;
+    name.copy(out->cStreamName, std::size(out->cStreamName) - 1);
     return TRUE;
 }
 
@@ -481,22 +491,8 @@ HANDLE WINAPI findFirstStream(LPCWSTR path, STREAM_INFO_LEVELS, LPVOID data, DWO
     }
     const HANDLE handle = REAL(CreateEventW)(nullptr, TRUE, FALSE, nullptr);
     state->searches.insert_or_assign(handle, std::move(search));
-    ::FindNextStreamW(handle, data);
+    findNextStream(handle, data);
     return handle;
-}
-
-BOOL WINAPI findNextStream(HANDLE handle, LPVOID data) {
-    const Lock lock;
-    const auto found = state->searches.find(handle);
-    if (found == state->searches.end() || found->second.next == found->second.streams.size()) {
-        return fail(ERROR_HANDLE_EOF);
-    }
-    const auto& [name, size] = found->second.streams[found->second.next++];
-    auto* out = static_cast<WIN32_FIND_STREAM_DATA*>(data);
-    *out = {};
-    out->StreamSize.QuadPart = size;
-    name.copy(out->cStreamName, std::size(out->cStreamName) - 1);
-    return TRUE;
 }
 
 } // namespace
@@ -524,6 +520,10 @@ std::vector<std::pair<std::int64_t, std::int64_t>> allocatedRanges(const UnixFil
     return found;
 }
 
+std::string readAll(const UnixFile& file) {
+    return readUnix(file, 0, static_cast<std::size_t>(file.stat().size));
+}
+
 // Opens the Unix file that holds a stream. A read-only file or directory takes no new ones.
 UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create, DWORD& code) {
     Extra* extra = extraOf(file, create);
@@ -537,8 +537,7 @@ UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create,
             return UnixFile("");
         }
         const std::string backing = state->backing + "/" + std::to_string(++state->backingCount);
-        unixCall(unixcall::Open, backing.c_str(), unixcall::number(0x42 | unixcall::CloseOnExec),
-                 unixcall::number(0600)); // create, read and write
+        UnixFile(backing, unixcall::CreateNew);
         extra->streams[name] = backing;
     }
     return UnixFile(extra->streams[name]);
@@ -575,7 +574,7 @@ void NtfsFake::setStream(const std::wstring& path, const std::wstring& name,
     const ntfs::UnixFile file(unixPath(path));
     DWORD code = 0;
     const ntfs::UnixFile held = ntfs::openStream(file, name, true, code);
-    const ntfs::UnixFile writable(held.proc(), 0x201 | 1); // truncated, for writing
+    const ntfs::UnixFile writable(held.proc(), unixcall::Truncate);
     if (code != 0 ||
         unixCall(unixcall::Pwrite, writable.fd(), content.data(),
                  unixcall::number(static_cast<std::intptr_t>(content.size())), 0) < 0) {
@@ -587,8 +586,7 @@ std::map<std::wstring, std::string> NtfsFake::streams(const std::wstring& path) 
     std::map<std::wstring, std::string> result;
     if (const ntfs::Extra* record = ntfs::extraAt(unixPath(path))) {
         for (const auto& [name, backing] : record->streams) {
-            const ntfs::UnixFile file(backing);
-            result[name] = ntfs::readUnix(file, 0, static_cast<std::size_t>(file.stat().size));
+            result[name] = ntfs::readAll(ntfs::UnixFile(backing));
         }
     }
     return result;

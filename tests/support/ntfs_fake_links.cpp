@@ -149,7 +149,7 @@ BOOL WINAPI deviceIoControl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, 
         return ranges(*file, in, inSize, out, outSize, returned);
     case FSCTL_SET_ZERO_DATA: { // PUNCH_HOLE | KEEP_SIZE
         const auto* zero = static_cast<FILE_ZERO_DATA_INFORMATION*>(in);
-        const UnixFile writable(file->file.proc(), 2);
+        const UnixFile writable(file->file.proc(), unixcall::ReadWrite);
         const DWORD error =
             errorOf(unixCall(unixcall::Fallocate, writable.fd(), unixcall::number(3),
                              unixcall::number(zero->FileOffset.QuadPart),

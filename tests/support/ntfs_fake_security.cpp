@@ -1,7 +1,6 @@
 // NtfsFake: security descriptors, kept byte for byte.
 #include "tests/support/ntfs_fake_state.h"
 
-#include <aclapi.h>
 #include <sddl.h>
 #include <stdexcept>
 
@@ -113,17 +112,6 @@ bool canRead(const OpenFile& file, SECURITY_INFORMATION parts) {
     return file.may(READ_CONTROL) || fail(ERROR_ACCESS_DENIED);
 }
 
-BOOL give(const Descriptor& descriptor, SECURITY_INFORMATION parts, void* out, DWORD size,
-          DWORD* needed) {
-    const std::string bytes = descriptor.selfRelative(parts);
-    *needed = static_cast<DWORD>(bytes.size());
-    if (bytes.size() > size) {
-        return fail(ERROR_INSUFFICIENT_BUFFER);
-    }
-    std::memcpy(out, bytes.data(), bytes.size());
-    return TRUE;
-}
-
 BOOL WINAPI getKernelSecurity(HANDLE handle, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR out,
                               DWORD size, LPDWORD needed) {
     const Lock lock;
@@ -131,7 +119,16 @@ BOOL WINAPI getKernelSecurity(HANDLE handle, SECURITY_INFORMATION parts, PSECURI
     if (file == nullptr) {
         return REAL(GetKernelObjectSecurity)(handle, parts, out, size, needed);
     }
-    return canRead(*file, parts) && give(securityOf(file->file), parts, out, size, needed);
+    if (!canRead(*file, parts)) {
+        return FALSE;
+    }
+    const std::string bytes = securityOf(file->file).selfRelative(parts);
+    *needed = static_cast<DWORD>(bytes.size());
+    if (bytes.size() > size) {
+        return fail(ERROR_INSUFFICIENT_BUFFER);
+    }
+    std::memcpy(out, bytes.data(), bytes.size());
+    return TRUE;
 }
 
 BOOL WINAPI setKernelSecurity(HANDLE handle, SECURITY_INFORMATION parts,
@@ -143,123 +140,6 @@ BOOL WINAPI setKernelSecurity(HANDLE handle, SECURITY_INFORMATION parts,
     }
     const DWORD code = applySecurity(*file, parts, descriptor, true);
     return code == 0 || fail(code);
-}
-
-// By name as by handle, with all the access that is needed.
-OpenFile byName(LPCWSTR path) {
-    return OpenFile(UnixFile(unixPath(path)),
-                    GENERIC_ALL |
-                        (hasPrivilege(L"SeSecurityPrivilege") ? ACCESS_SYSTEM_SECURITY : 0));
-}
-
-BOOL WINAPI getFileSecurity(LPCWSTR path, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR out,
-                            DWORD size, LPDWORD needed) {
-    const Lock lock;
-    const OpenFile file = byName(path);
-    if (!file.file) {
-        return REAL(GetFileSecurityW)(path, parts, out, size, needed);
-    }
-    return canRead(file, parts) && give(securityOf(file.file), parts, out, size, needed);
-}
-
-BOOL WINAPI setFileSecurity(LPCWSTR path, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR from) {
-    const Lock lock;
-    OpenFile file = byName(path);
-    if (!file.file) {
-        return REAL(SetFileSecurityW)(path, parts, from);
-    }
-    const DWORD code = applySecurity(file, parts, from, true);
-    return code == 0 || fail(code);
-}
-
-// The SE_FILE_OBJECT functions: pointers into a descriptor that the caller frees.
-DWORD giveParts(const OpenFile& file, SECURITY_INFORMATION parts, PSID* owner, PSID* group,
-                PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* out) {
-    if (!canRead(file, parts)) {
-        return REAL(GetLastError)();
-    }
-    const std::string bytes = securityOf(file.file).selfRelative(parts);
-    PSECURITY_DESCRIPTOR made = REAL(LocalAlloc)(LMEM_FIXED, bytes.size());
-    std::memcpy(made, bytes.data(), bytes.size());
-    PSID sid = nullptr;
-    PACL acl = nullptr;
-    BOOL ignored = FALSE, present = FALSE;
-    for (PSID* to : {owner, group}) {
-        if (to != nullptr) {
-            (to == owner ? REAL(GetSecurityDescriptorOwner)
-                         : REAL(GetSecurityDescriptorGroup))(made, &sid, &ignored);
-            *to = sid;
-        }
-    }
-    for (PACL* to : {dacl, sacl}) {
-        if (to != nullptr) {
-            acl = nullptr;
-            (to == dacl ? REAL(GetSecurityDescriptorDacl)
-                        : REAL(GetSecurityDescriptorSacl))(made, &present, &acl, &ignored);
-            *to = acl;
-        }
-    }
-    if (out != nullptr) {
-        *out = made;
-    } else {
-        REAL(LocalFree)(made);
-    }
-    return ERROR_SUCCESS;
-}
-
-DWORD takeParts(OpenFile& file, SECURITY_INFORMATION parts, PSID owner, PSID group, PACL dacl,
-                PACL sacl) {
-    SECURITY_DESCRIPTOR made;
-    REAL(InitializeSecurityDescriptor)(&made, SECURITY_DESCRIPTOR_REVISION);
-    REAL(SetSecurityDescriptorOwner)(&made, owner, FALSE);
-    REAL(SetSecurityDescriptorGroup)(&made, group, FALSE);
-    REAL(SetSecurityDescriptorDacl)(&made, TRUE, dacl, FALSE);
-    REAL(SetSecurityDescriptorSacl)(&made, TRUE, sacl, FALSE);
-    // These functions take the inheritance flags from the present list unless told otherwise.
-    const WORD keep = SE_DACL_PROTECTED | SE_SACL_PROTECTED;
-    REAL(SetSecurityDescriptorControl)(&made, keep, securityOf(file.file).control & keep);
-    const WORD marks = SE_DACL_AUTO_INHERITED | SE_DACL_AUTO_INHERIT_REQ;
-    REAL(SetSecurityDescriptorControl)(&made, marks, marks);
-    return applySecurity(file, parts, &made, true);
-}
-
-DWORD WINAPI getInfo(HANDLE handle, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID* owner,
-                     PSID* group, PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* out) {
-    const Lock lock;
-    const OpenFile* file = state->find(handle);
-    return file == nullptr
-               ? REAL(GetSecurityInfo)(handle, type, parts, owner, group, dacl, sacl, out)
-               : giveParts(*file, parts, owner, group, dacl, sacl, out);
-}
-
-DWORD WINAPI setInfo(HANDLE handle, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner,
-                     PSID group, PACL dacl, PACL sacl) {
-    const Lock lock;
-    OpenFile* file = state->find(handle);
-    return file == nullptr ? REAL(SetSecurityInfo)(handle, type, parts, owner, group, dacl, sacl)
-                           : takeParts(*file, parts, owner, group, dacl, sacl);
-}
-
-DWORD WINAPI getNamed(LPCWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID* owner,
-                      PSID* group, PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* out) {
-    const Lock lock;
-    if (type == SE_FILE_OBJECT) {
-        if (const OpenFile file = byName(name); file.file) {
-            return giveParts(file, parts, owner, group, dacl, sacl, out);
-        }
-    }
-    return REAL(GetNamedSecurityInfoW)(name, type, parts, owner, group, dacl, sacl, out);
-}
-
-DWORD WINAPI setNamed(LPWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner,
-                      PSID group, PACL dacl, PACL sacl) {
-    const Lock lock;
-    if (type == SE_FILE_OBJECT) {
-        if (OpenFile file = byName(name); file.file) {
-            return takeParts(file, parts, owner, group, dacl, sacl);
-        }
-    }
-    return REAL(SetNamedSecurityInfoW)(name, type, parts, owner, group, dacl, sacl);
 }
 
 // One list's bits of the control word. AUTO_INHERITED is only kept when it is asked for.
@@ -373,17 +253,8 @@ DWORD applySecurity(OpenFile& file, SECURITY_INFORMATION parts, PSECURITY_DESCRI
 }
 
 void patchSecurity(State& to) {
-    const auto hook = [&](const char* name, auto* function) {
-        patch(to, name, reinterpret_cast<void*>(function));
-    };
-    hook("GetKernelObjectSecurity", getKernelSecurity);
-    hook("SetKernelObjectSecurity", setKernelSecurity);
-    hook("GetFileSecurityW", getFileSecurity);
-    hook("SetFileSecurityW", setFileSecurity);
-    hook("GetSecurityInfo", getInfo);
-    hook("SetSecurityInfo", setInfo);
-    hook("GetNamedSecurityInfoW", getNamed);
-    hook("SetNamedSecurityInfoW", setNamed);
+    patch(to, "GetKernelObjectSecurity", reinterpret_cast<void*>(&getKernelSecurity));
+    patch(to, "SetKernelObjectSecurity", reinterpret_cast<void*>(&setKernelSecurity));
 }
 
 } // namespace ntfs

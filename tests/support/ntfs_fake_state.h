@@ -56,7 +56,7 @@ class UnixFile {
 public:
     explicit UnixFile(const std::string& path, std::intptr_t flags = unixcall::OnlyPath)
         : fd_(unixCall(unixcall::Open, path.c_str(),
-                       unixcall::number(flags | unixcall::CloseOnExec))) {}
+                       unixcall::number(flags | unixcall::CloseOnExec), unixcall::number(0600))) {}
     UnixFile(UnixFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     UnixFile& operator=(UnixFile&& other) noexcept {
         std::swap(fd_, other.fd_);
@@ -150,13 +150,17 @@ bool fail(DWORD code); // sets the last error; false
 DWORD errorOf(long long unixResult);
 std::int64_t fileTime(std::int64_t seconds, std::int64_t nanoseconds);
 bool hasPrivilege(const wchar_t* name);
+DWORD volumeFlagsOf(const std::wstring& path);
 std::wstring widen(const std::string& text);
 std::string narrow(const std::wstring& text);
 
 // The record of a file; null, or a new one with create.
 Extra* extraOf(const UnixFile& file, bool create = false);
 Extra* extraAt(const std::string& unixName, bool create = false); // links not followed
-Extra& freshExtra(const UnixFile& file);
+// A file has come into being: its record begins.
+void created(const UnixFile& file, DWORD attributes, const SECURITY_ATTRIBUTES* security);
+// The record of a file ends with it.
+void forgetIfGone(const UnixFile& file);
 Shown shownOf(const std::string& unixName, DWORD attributes, std::int64_t created);
 
 // links
@@ -176,6 +180,7 @@ Descriptor& securityOf(const UnixFile& file);
 
 // streams
 UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create, DWORD& code);
+std::string readAll(const UnixFile& file);
 std::vector<std::pair<std::int64_t, std::int64_t>> allocatedRanges(const UnixFile& file);
 
 void patch(State& state, const char* name, void* hook);
@@ -183,5 +188,6 @@ void patchFiles(State& state);
 void patchLinks(State& state);
 void patchSecurity(State& state);
 void patchBackup(State& state);
+void patchEncrypted(State& state);
 
 } // namespace ntfs

@@ -25,11 +25,12 @@ inline long long unixCall(long long number, const void* a, const void* b = nullp
 namespace unixcall {
 
 inline constexpr long long Open = 2, Close = 3, Stat = 4, Fstat = 5, Lstat = 6, Lseek = 8,
-                           Pread = 17, Pwrite = 18, Rename = 82, Rmdir = 84, Unlink = 87,
-                           Symlink = 88, Readlink = 89, Setxattr = 188, Getxattr = 191,
-                           Getdents = 217, Utimensat = 280, Fallocate = 285;
+                           Pread = 17, Pwrite = 18, Ftruncate = 77, Rename = 82, Mkdir = 83,
+                           Rmdir = 84, Unlink = 87, Symlink = 88, Readlink = 89, Setxattr = 188,
+                           Getxattr = 191, Getdents = 217, Utimensat = 280, Fallocate = 285;
 inline constexpr std::intptr_t ReadOnly = 0, OnlyPath = 0x200000, NoFollow = 0x20000,
-                               CloseOnExec = 0x80000;
+                               CloseOnExec = 0x80000, ReadWrite = 2, Truncate = 0x201,
+                               CreateNew = 0xC2;
 
 inline const void* number(std::intptr_t value) {
     return reinterpret_cast<const void*>(value);
