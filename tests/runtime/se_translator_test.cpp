@@ -1,7 +1,9 @@
 #include "runtime/cwrpexception.h"
 #include "runtime/se_translator.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
+#include <string>
 #include <thread>
 
 namespace {
@@ -28,6 +30,53 @@ __attribute__((noinline)) int leafRead(const int* p) {
 // A leaf has no unwind data at all when it is written in assembly.
 extern "C" int zopTestBareLeaf(const int* p);
 asm(".text\n.globl zopTestBareLeaf\nzopTestBareLeaf:\n mov (%rcx), %eax\n ret\n");
+
+// A frame with a handler of its own, as a managed callback or a __try of the system has. It lets
+// a raise of foreignCode return.
+std::atomic<DWORD> foreignCode = 0;
+extern "C" EXCEPTION_DISPOSITION zopTestForeignHandler(PEXCEPTION_RECORD record, void*, PCONTEXT,
+                                                       PDISPATCHER_CONTEXT) {
+    return record->ExceptionCode == foreignCode ? ExceptionContinueExecution
+                                                : ExceptionContinueSearch;
+}
+extern "C" void zopTestForeignCall(void (*function)());
+asm(R"(
+    .text
+    .globl zopTestForeignCall
+    .seh_proc zopTestForeignCall
+zopTestForeignCall:
+    sub $40, %rsp
+    .seh_stackalloc 40
+    .seh_endprologue
+    .seh_handler zopTestForeignHandler, @except
+    call *%rcx
+    nop
+    add $40, %rsp
+    ret
+    .seh_endproc
+)");
+
+void raiseForeign() {
+    ::RaiseException(foreignCode, 0, 0, nullptr);
+}
+
+// Whether our frames, in a scope with this translator, let a raise of the code pass outwards.
+bool passesBy(DWORD code, SeTranslatorLocal::Translator translator) {
+    static SeTranslatorLocal::Translator current;
+    static bool passed;
+    current = translator;
+    foreignCode = code;
+    zopTestForeignCall([] {
+        const SeTranslatorLocal scope(current);
+        try {
+            raiseForeign();
+            passed = true;
+        } catch (const cwrpexception&) {
+            passed = false;
+        }
+    });
+    return passed;
+}
 
 template <class Fault>
 __attribute__((noinline)) void withGuards(int& alive, Fault fault) {
@@ -94,4 +143,74 @@ TEST(SeTranslatorTest, TheSameThreadCanFaultAgainAndAgain) {
     for (int i = 0; i < 1000; ++i) {
         expectTranslated(EXCEPTION_ACCESS_VIOLATION, [] { *hidden<volatile int*>(nullptr) = 1; });
     }
+}
+
+TEST(SeTranslatorTest, InnerScopeDecidesAndTheOuterOneComesBack) {
+    struct Inner {};
+    struct Outer {
+        std::uintptr_t address;
+    };
+    const auto fault = [] { *hidden(reinterpret_cast<volatile int*>(0x40)) = 1; };
+    const SeTranslatorLocal outer([](std::uint32_t, const EXCEPTION_RECORD& record) {
+        throw Outer{record.ExceptionInformation[1]};
+    });
+    {
+        const SeTranslatorLocal inner(
+            [](std::uint32_t, const EXCEPTION_RECORD&) { throw Inner{}; });
+        EXPECT_THROW(fault(), Inner);
+    }
+    try {
+        fault();
+        ADD_FAILURE() << "not translated";
+    } catch (const Outer& e) {
+        EXPECT_EQ(0x40u, e.address);
+    }
+}
+
+TEST(SeTranslatorTest, HandlersOfFramesNearerToTheFaultComeFirst) {
+    const SeTranslatorLocal translator;
+    foreignCode = 0xE000AAAA;
+    zopTestForeignCall(&raiseForeign); // handled there
+    EXPECT_THROW(zopTestForeignCall([] { *hidden<volatile int*>(nullptr) = 1; }), cwrpexception);
+}
+
+TEST(SeTranslatorTest, CppExceptionsPassAsTheyAre) {
+    const SeTranslatorLocal translator;
+    EXPECT_THROW(throw std::string("text"), std::string);
+    try {
+        try {
+            *hidden<volatile int*>(nullptr) = 1;
+        } catch (const cwrpexception&) {
+            throw; // rethrown, and faulting while another exception is being handled
+        }
+    } catch (...) {
+        EXPECT_THROW((*hidden<volatile int*>(nullptr) = 1), cwrpexception);
+    }
+}
+
+TEST(SeTranslatorTest, WhatIsNotOursGoesOnToTheOuterFrames) {
+    constexpr auto translator = &SeTranslatorLocal::throwCwrpexception;
+    EXPECT_FALSE(passesBy(0xE0001234, translator));
+    EXPECT_TRUE(passesBy(0xE0001234, nullptr)) << "translation is off in that scope";
+    for (const DWORD code : {0xE06D7363ul, 0xE0434352ul, 0xC0000374ul, 0xC00000FDul, 0x406D1388ul,
+                             0x80000003ul, 0x40010006ul}) {
+        EXPECT_TRUE(passesBy(code, translator)) << code;
+    }
+}
+
+TEST(SeTranslatorTest, OtherThreadsAreLeftAlone) {
+    const SeTranslatorLocal translator;
+    foreignCode = 0xE000AAAA;
+    static bool passed;
+    passed = false;
+    std::thread([] {
+        zopTestForeignCall([] {
+            try {
+                raiseForeign();
+                passed = true;
+            } catch (...) {
+            }
+        });
+    }).join();
+    EXPECT_TRUE(passed);
 }

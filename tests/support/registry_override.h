@@ -9,8 +9,7 @@
 
 class RegistryOverride {
 public:
-    RegistryOverride()
-        : path_(L"Software\\ZopTests\\" + std::to_wstring(::GetCurrentProcessId())) {
+    RegistryOverride() : path_(L"Software\\ZopTests\\" + std::to_wstring(::GetCurrentProcessId())) {
         ::RegDeleteTreeW(HKEY_CURRENT_USER, path_.c_str());
         EXPECT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_CURRENT_USER, path_.c_str(), 0, nullptr, 0,
                                                    KEY_ALL_ACCESS, nullptr, root_.put(), nullptr));
