@@ -14,8 +14,6 @@ else()
   target_compile_options(zop_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Werror -Wno-array-bounds -Wno-stringop-overread
     -fnon-call-exceptions)
-  # Our handler in front of the compiler's, on every C++ frame (runtime/se_translator.h).
-  target_link_options(zop_options INTERFACE -Wl,--wrap=__gxx_personality_seh0)
   add_link_options(-static) # libgcc, libstdc++, winpthread: only system DLLs are imported
   if(CMAKE_BUILD_TYPE STREQUAL "Debug")
     add_compile_options(-gdwarf-4) # Wine's crash dumps cannot read version 5

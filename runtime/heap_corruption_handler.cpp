@@ -65,8 +65,8 @@ void writeDump(EXCEPTION_POINTERS* exception) {
     information.ThreadId = ::GetCurrentThreadId();
     information.ExceptionPointers = exception;
     information.ClientPointers = FALSE;
-    constexpr auto type = static_cast<MINIDUMP_TYPE>(MiniDumpWithIndirectlyReferencedMemory |
-                                                     MiniDumpWithThreadInfo | MiniDumpWithDataSegs);
+    constexpr auto type =
+        static_cast<MINIDUMP_TYPE>(MiniDumpWithThreadInfo | MiniDumpWithIndirectlyReferencedMemory);
     if (!::MiniDumpWriteDump(::GetCurrentProcess(), ::GetCurrentProcessId(), file.get(), type,
                              &information, nullptr, nullptr)) {
         const DWORD code = ::GetLastError();

@@ -7,8 +7,8 @@
 // our handler stands in front of the C++ one on every C++ frame of the module, so it is asked in
 // the order of the frames. Whatever the fault passes first on its way out and handles it (a
 // __try of the system, a managed callback's own handler) keeps it; a fault in a system DLL that
-// we called comes to us. It needs two things of the build, which cmake/compile.cmake gives to
-// every target: -fnon-call-exceptions, and the linker's --wrap=__gxx_personality_seh0.
+// we called comes to us. It needs two things of the build, which come with the
+// targets: -fnon-call-exceptions, and the linker's --wrap=__gxx_personality_seh0.
 //
 // Never translated: threads without a scope; exceptions of other languages; what belongs to a
 // debugger; stack overflow, heap corruption and stack cookie failures, which a process must not

@@ -93,7 +93,6 @@ TEST_F(HeapCorruptionHandlerTest, NothingIsWrittenUnlessItIsEnabledTwice) {
 TEST_F(HeapCorruptionHandlerTest, ProcessStillEnds) {
     EXPECT_EXIT(
         {
-            RegistryOverride::setString(L"CrashDumpDirectory", folder_);
             const HeapCorruptionHandler handler(true);
             ::RaiseException(heapCorruption, EXCEPTION_NONCONTINUABLE, 0, nullptr);
         },
