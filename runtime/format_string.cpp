@@ -23,7 +23,7 @@ struct ArgumentCopy {
     ~ArgumentCopy() { va_end(list); }
     ArgumentCopy(const ArgumentCopy&) = delete;
     ArgumentCopy& operator=(const ArgumentCopy&) = delete;
-    std::va_list list;
+    std::va_list list{};
 };
 
 } // namespace

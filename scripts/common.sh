@@ -18,3 +18,9 @@ build() {
     [ -f "$root/build/$preset/build.ninja" ] || (cd "$root" && cmake --preset "$preset")
     (cd "$root" && cmake --build --preset "$preset" -j "$(nproc)" ${1:+--target "$@"})
 }
+
+# Runs a command whose output matters only when it fails.
+quietly() {
+    local log
+    log=$("$@" 2>&1 < /dev/null) || fail "$log" "Failed: $*"
+}

@@ -10,7 +10,7 @@ packages=(
     wine wine64 ntfs-3g                           # run; ntfs-3g gives the tests a drive with streams
     mariadb-server-core mariadb-client-core       # the database, without service and account
     mono-mcs                                      # the .NET assembly
-    clang-tidy clang-format cppcheck gcovr python3 # check.sh, coverage.sh
+    clang-tidy-16 clang-format cppcheck gcovr python3 # check.sh, coverage.sh
     rsync                                         # the benchmarks compare with it
 )
 

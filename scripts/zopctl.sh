@@ -4,5 +4,5 @@ set -euo pipefail
 here=$(dirname "${BASH_SOURCE[0]}")
 . "$here/common.sh"
 "$here/setup.sh"
-log=$(build release zopctl 2>&1 < /dev/null) || fail "$log" "zopctl could not be built (see above)."
+quietly build release zopctl
 exec "$here/wine.sh" "$root/build/release/bin/zopctl.exe" "$@"
