@@ -24,6 +24,7 @@ Handle open(const std::wstring& path, DWORD access, DWORD disposition, DWORD att
         path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
         disposition, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT | attributes,
         nullptr);
+    // cppcheck-suppress resourceLeak ; the owner takes it
     return Handle(handle == INVALID_HANDLE_VALUE ? nullptr : handle);
 }
 
