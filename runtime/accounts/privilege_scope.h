@@ -17,7 +17,7 @@ class PrivilegeScope {
 public:
     // names such as SE_BACKUP_NAME. A privilege that the token does not hold is no error here; ask
     // holds() or missing(). "Unable to open token", "Unable to adjust token privileges".
-    explicit PrivilegeScope(std::initializer_list<const wchar_t*> names);
+    PrivilegeScope(std::initializer_list<const wchar_t*> names);
     ~PrivilegeScope();
     PrivilegeScope(const PrivilegeScope&) = delete;
     PrivilegeScope& operator=(const PrivilegeScope&) = delete;

@@ -204,7 +204,7 @@ bool Retry::again(DWORD code) {
     for (DWORD rest = pause_; rest != 0;) {
         ThreadCancelation::check();
         const DWORD slice = std::min<DWORD>(rest, 50);
-        ::Sleep(slice);
+        ::Sleep(slice); // allow(sleep): a holder that goes away tells nobody
         rest -= slice;
     }
     ThreadCancelation::check();
@@ -217,7 +217,7 @@ struct DirectoryLister::State {
     // Most directories fit; a deep walk holds one buffer a level.
     static constexpr DWORD bufferSize = 32 * 1024;
 
-    HANDLE directory;
+    HANDLE directory = nullptr;
     std::wstring path;
     std::unique_ptr<std::byte[]> buffer; // null until the first call, and when listing by path
     std::size_t position = 0;

@@ -182,7 +182,7 @@ bool isKnown(const Identity& identity) {
 
 // The volume's GUID name, which is the same whatever way leads to the volume; otherwise the root.
 std::wstring volumeName(const std::wstring& path) {
-    const std::wstring root = volumeRoot(path);
+    std::wstring root = volumeRoot(path);
     wchar_t name[64] = {}; // "\\?\Volume{...}\" has 49 characters
     if (::GetVolumeNameForVolumeMountPointW(callablePath(root).c_str(), name,
                                             static_cast<DWORD>(std::size(name)))) {

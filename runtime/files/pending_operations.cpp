@@ -75,7 +75,7 @@ std::wstring compose(const std::vector<Operation>& operations) {
 // Whether a path of the list is one of the given ones (long forms) or lies below.
 bool names(std::wstring_view listed, const std::vector<std::wstring>& paths) {
     const std::size_t begin = listed.find(kernelPrefix);
-    if (begin == listed.npos || begin > 2) { // "!" or "*" and a digit
+    if (begin > 2) { // not there, or behind more than "!" or "*" and a digit
         return false;
     }
     listed.remove_prefix(begin + kernelPrefix.size());

@@ -49,8 +49,10 @@ TEST(PrivilegeScopeTest, EnablesForItsLifeWhatTheTokenHolds) {
 }
 
 TEST(PrivilegeScopeTest, OverlappingScopesDoNotTakeFromEachOther) {
-    std::optional<PrivilegeScope> first(std::in_place, std::initializer_list{SE_BACKUP_NAME});
-    std::optional<PrivilegeScope> second(std::in_place, std::initializer_list{SE_BACKUP_NAME});
+    std::optional<PrivilegeScope> first(std::in_place,
+                                        std::initializer_list<const wchar_t*>{SE_BACKUP_NAME});
+    std::optional<PrivilegeScope> second(std::in_place,
+                                         std::initializer_list<const wchar_t*>{SE_BACKUP_NAME});
     first.reset();
     EXPECT_TRUE(isEnabled(SE_BACKUP_NAME));
     second.reset();
