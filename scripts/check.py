@@ -148,7 +148,8 @@ def reachable(path, known):
 
 def check_tidy(sources):
     """clang-tidy, a process a source; a clean result holds until something it read has changed."""
-    commands = {Path(entry["file"]): entry["command"]
+    # Without the place of the clone, so that every clone on the machine shares the results.
+    commands = {Path(entry["file"]): entry["command"].replace(str(ROOT), "")
                 for entry in json.loads((LINT_BUILD / "compile_commands.json").read_text())}
     version = run(CLANG_TIDY, "--version").stdout
     compiler = run("x86_64-w64-mingw32-g++-posix", "-dumpfullversion").stdout
@@ -159,7 +160,7 @@ def check_tidy(sources):
     def one(source):
         state = hashlib.sha256((version + compiler + configs + commands[source]).encode())
         for path in sorted(reachable(source, known)):
-            state.update(str(path).encode() + path.read_bytes())
+            state.update(relative(path).encode() + path.read_bytes())
         clean = CACHE / state.hexdigest()
         if clean.exists():
             clean.touch()
