@@ -97,9 +97,9 @@ struct Level {
     AutoHandle second;
     std::vector<Pair> pairs;
     std::size_t next = 0; // pair to be compared
-    std::size_t firstLength;
-    std::size_t secondLength;
-    std::size_t relativeLength;
+    std::size_t firstLength = 0;
+    std::size_t secondLength = 0;
+    std::size_t relativeLength = 0;
 };
 
 class Walk {
