@@ -172,14 +172,17 @@ TEST(NtfsFakeTest, BreachesOfTheBackupApiAreNoticed) {
     BYTE bytes[24] = {3, 0, 0, 0, 0, 0, 0, 0, 9}; // security of 9 bytes, the payload not there
     {
         const AutoHandle file = open(path, GENERIC_READ | GENERIC_WRITE);
+        const AutoHandle second = open(path, GENERIC_READ);
         ::BackupRead(file.get(), bytes + 20, 1, &count, FALSE, FALSE, &context);
+        EXPECT_FALSE(::BackupRead(second.get(), bytes + 20, 1, &count, FALSE, FALSE, &context));
         EXPECT_FALSE(::BackupWrite(file.get(), bytes, 20, &count, FALSE, FALSE, &context));
         EXPECT_FALSE(::BackupSeek(file.get(), 1, 0, &count, &count, &context));
         void* other = nullptr;
         ::BackupWrite(file.get(), bytes, 20, &count, FALSE, FALSE, &other);
     }
     EXPECT_EQ(ntfs.takeViolations(),
-              (std::vector<std::string>{"BackupWrite: a context of the other direction",
+              (std::vector<std::string>{"BackupRead: a context of another handle",
+                                        "BackupWrite: a context of the other direction",
                                         "BackupSeek: within a header or a name",
                                         "BackupWrite: a small stream in more than one call",
                                         "the handle was closed before its context was ended",
@@ -328,6 +331,21 @@ TEST(NtfsFakeTest, AttributesAndTimesAreKeptAsSetAndSweepsSeeTheFake) {
     const ProcessCounters growth = growthOver(20, [&] { imageOf(temp / L"one"); });
     EXPECT_EQ(growth.handles, 0);
     EXPECT_EQ(growth.blocks, 0);
+    std::vector<AutoHandle> kept;
+    std::vector<std::unique_ptr<int>> blocks;
+    kept.reserve(10);
+    blocks.reserve(10);
+    const ProcessCounters leak = growthOver(5, [&] {
+        kept.emplace_back(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        blocks.push_back(std::make_unique<int>(1));
+    });
+    EXPECT_EQ(leak.handles, 5);
+    EXPECT_EQ(leak.blocks, 5);
+
+    ntfs.setStream(temp / L"one\\.f", L"s", "");
+    ntfs.setSecurity(temp / L"one\\.f", L"O:BUG:SYD:");
+    const std::string lines = difference(image, imageOf(temp / L"one"));
+    EXPECT_NE(lines.find("'.f' streams:  -> :s:$DATA= ; security:"), lines.npos) << lines;
 }
 
 } // namespace
