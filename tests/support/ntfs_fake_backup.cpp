@@ -537,7 +537,7 @@ UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create,
             return UnixFile("");
         }
         const std::string backing = state->backing + "/" + std::to_string(++state->backingCount);
-        UnixFile(backing, unixcall::CreateNew);
+        const UnixFile made(backing, unixcall::CreateNew);
         extra->streams[name] = backing;
     }
     return UnixFile(extra->streams[name]);

@@ -31,7 +31,7 @@ DWORD WINAPI openRaw(LPCWSTR path, ULONG flags, PVOID* context) {
         if ((flags & CREATE_FOR_DIR) != 0) {
             unixCall(unixcall::Mkdir, name.c_str(), unixcall::number(0755));
         } else {
-            UnixFile(name, unixcall::CreateNew);
+            const UnixFile made(name, unixcall::CreateNew);
         }
         created(UnixFile(name), 0, nullptr);
     }
@@ -88,7 +88,7 @@ DWORD WINAPI writeRaw(PFE_IMPORT_FUNC give, PVOID argument, PVOID context) {
 }
 
 void WINAPI closeRaw(PVOID context) {
-    std::unique_ptr<Raw>(static_cast<Raw*>(context));
+    const std::unique_ptr<Raw> raw(static_cast<Raw*>(context));
 }
 
 } // namespace
