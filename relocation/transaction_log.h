@@ -53,6 +53,8 @@ public:
     void close() noexcept { file_.reset(); }
 
 private:
+    void cutTo(std::int64_t size);
+    std::uint64_t sumOfFile(std::int64_t size);
     void readAt(std::int64_t position, void* buffer, std::uint32_t bytes, const wchar_t* failure);
 
     RunTime::AutoHandle file_;
@@ -63,5 +65,7 @@ private:
     std::int32_t totalCount_ = 0;
     std::int64_t totalCost_ = 0;
     std::int64_t costBefore_ = 0;
+    std::uint64_t sum_ = 0; // of all bytes that should be in the file
+    std::uint64_t sumBefore_ = 0;
     std::vector<unsigned char> buffer_;
 };

@@ -1,0 +1,143 @@
+#include "runtime/files/descriptor.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace RunTime {
+
+namespace {
+
+constexpr std::size_t usualBytes = 1024;
+
+// The header of a self-relative descriptor, copied out: the bytes need not be aligned.
+SECURITY_DESCRIPTOR_RELATIVE headerOf(const void* bytes) noexcept {
+    SECURITY_DESCRIPTOR_RELATIVE header;
+    std::memcpy(&header, bytes, sizeof(header));
+    return header;
+}
+
+bool isWholeSid(const unsigned char* base, std::size_t count, DWORD offset) noexcept {
+    constexpr std::size_t fixed = 8; // revision, count of sub-authorities, authority
+    return offset <= count && count - offset >= fixed &&
+           base[offset + 1] <= SID_MAX_SUB_AUTHORITIES &&
+           count - offset >= fixed + base[offset + 1] * sizeof(DWORD);
+}
+
+// Size of the list at offset; 0 when it does not lie within the bytes.
+std::size_t aclSize(const unsigned char* base, std::size_t count, DWORD offset) noexcept {
+    ACL list;
+    if (offset > count || count - offset < sizeof(list)) {
+        return 0;
+    }
+    std::memcpy(&list, base + offset, sizeof(list));
+    return list.AclSize >= sizeof(list) && list.AclSize <= count - offset ? list.AclSize : 0;
+}
+
+struct Part {
+    const unsigned char* data = nullptr; // null: present without a list, or absent
+    std::size_t size = 0;
+    friend bool operator==(const Part& a, const Part& b) noexcept {
+        return (a.data == nullptr) == (b.data == nullptr) && a.size == b.size &&
+               (a.size == 0 || std::memcmp(a.data, b.data, a.size) == 0);
+    }
+};
+
+Part listAt(const DescriptorBytes& bytes, DWORD offset) noexcept {
+    return offset == 0 ? Part{}
+                       : Part{bytes.data() + offset, aclSize(bytes.data(), bytes.size(), offset)};
+}
+
+Part sidAt(const DescriptorBytes& bytes, DWORD offset) noexcept {
+    return offset == 0 ? Part{}
+                       : Part{bytes.data() + offset, 8 + bytes[offset + 1] * sizeof(DWORD)};
+}
+
+} // namespace
+
+DWORD readDescriptor(HANDLE handle, bool audit, DescriptorBytes& bytes) {
+    const SECURITY_INFORMATION parts =
+        OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION |
+        (audit ? static_cast<SECURITY_INFORMATION>(SACL_SECURITY_INFORMATION) : 0);
+    bytes.resize(std::max(bytes.capacity(), usualBytes));
+    DWORD needed = 0;
+    while (!::GetKernelObjectSecurity(handle, parts, bytes.data(), static_cast<DWORD>(bytes.size()),
+                                      &needed)) {
+        const DWORD code = ::GetLastError();
+        if (code != ERROR_INSUFFICIENT_BUFFER || needed <= bytes.size()) {
+            bytes.clear();
+            return code;
+        }
+        bytes.resize(needed);
+    }
+    if (!isWholeDescriptor(bytes.data(), bytes.size())) {
+        bytes.clear();
+        return ERROR_INVALID_SECURITY_DESCR;
+    }
+    bytes.resize(::GetSecurityDescriptorLength(bytes.data()));
+    return ERROR_SUCCESS;
+}
+
+bool isWholeDescriptor(const void* bytes, std::size_t count) noexcept {
+    if (count < sizeof(SECURITY_DESCRIPTOR_RELATIVE)) {
+        return false;
+    }
+    const SECURITY_DESCRIPTOR_RELATIVE header = headerOf(bytes);
+    const auto* base = static_cast<const unsigned char*>(bytes);
+    return header.Revision == SECURITY_DESCRIPTOR_REVISION && (header.Control & SE_SELF_RELATIVE) &&
+           (header.Owner == 0 || isWholeSid(base, count, header.Owner)) &&
+           (header.Group == 0 || isWholeSid(base, count, header.Group)) &&
+           (header.Dacl == 0 || aclSize(base, count, header.Dacl) != 0) &&
+           (header.Sacl == 0 || aclSize(base, count, header.Sacl) != 0);
+}
+
+DWORD writeDescriptor(HANDLE handle, DescriptorBytes& bytes, bool owner, bool audit) noexcept {
+    const SECURITY_DESCRIPTOR_RELATIVE header = headerOf(bytes.data());
+    SECURITY_INFORMATION parts = 0;
+    if (header.Control & SE_DACL_PRESENT) {
+        parts |= DACL_SECURITY_INFORMATION;
+    }
+    if (audit && (header.Control & SE_SACL_PRESENT)) {
+        parts |= SACL_SECURITY_INFORMATION;
+    }
+    if (owner && header.Owner != 0) {
+        parts |= OWNER_SECURITY_INFORMATION;
+    }
+    if (owner && header.Group != 0) {
+        parts |= GROUP_SECURITY_INFORMATION;
+    }
+    if (parts == 0) {
+        return ERROR_SUCCESS;
+    }
+    // The system clears the auto-inherited flags of what it is given unless they are asked for.
+    SECURITY_DESCRIPTOR_RELATIVE asking = header;
+    if (header.Control & SE_DACL_AUTO_INHERITED) {
+        asking.Control |= SE_DACL_AUTO_INHERIT_REQ;
+    }
+    if (header.Control & SE_SACL_AUTO_INHERITED) {
+        asking.Control |= SE_SACL_AUTO_INHERIT_REQ;
+    }
+    std::memcpy(bytes.data(), &asking, sizeof(asking));
+    const DWORD code =
+        ::SetKernelObjectSecurity(handle, parts, bytes.data()) ? ERROR_SUCCESS : ::GetLastError();
+    std::memcpy(bytes.data(), &header, sizeof(header));
+    return code;
+}
+
+bool sameDescriptor(const DescriptorBytes& present, const DescriptorBytes& wanted, bool owner,
+                    bool audit) noexcept {
+    if (present.empty() || wanted.empty()) {
+        return false;
+    }
+    const SECURITY_DESCRIPTOR_RELATIVE a = headerOf(present.data());
+    const SECURITY_DESCRIPTOR_RELATIVE b = headerOf(wanted.data());
+    constexpr WORD daclFlags = SE_DACL_PRESENT | SE_DACL_PROTECTED | SE_DACL_AUTO_INHERITED;
+    constexpr WORD saclFlags = SE_SACL_PRESENT | SE_SACL_PROTECTED | SE_SACL_AUTO_INHERITED;
+    const WORD compared = audit ? daclFlags | saclFlags : daclFlags;
+    return (a.Control & compared) == (b.Control & compared) &&
+           listAt(present, a.Dacl) == listAt(wanted, b.Dacl) &&
+           (!audit || listAt(present, a.Sacl) == listAt(wanted, b.Sacl)) &&
+           (!owner || (sidAt(present, a.Owner) == sidAt(wanted, b.Owner) &&
+                       sidAt(present, a.Group) == sidAt(wanted, b.Group)));
+}
+
+} // namespace RunTime
