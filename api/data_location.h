@@ -73,6 +73,8 @@ public:
     void Dispose();
 
 private:
+    DataLocationProxy& native();
+
     std::unique_ptr<DataLocationProxy> proxy_;
     bool moved_ = false;
 };

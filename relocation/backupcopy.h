@@ -3,6 +3,7 @@
 #pragma once
 
 #include "relocation/copy_report.h"
+#include "relocation/directory.h"
 #include "relocation/stream_type.h"
 #include "runtime/event.h"
 
@@ -18,12 +19,7 @@ public:
     backupcopy(const backupcopy&) = delete;
     backupcopy& operator=(const backupcopy&) = delete;
 
-    // What the target of a copy is taken to be.
-    enum class Target {
-        Missing, // it is created; one that has appeared meanwhile is an error
-        Empty,   // an empty directory, which takes over attributes and security of the source
-        Filled   // a directory that is merged into and keeps its own
-    };
+    using Target = RunTime::Directory::CopyTarget;
 
     // Copies source to target; paths in either form, of any length. Items are created new: an item
     // whose name the target has already is an error of that item, except that a directory is merged
@@ -62,6 +58,8 @@ public:
 
 protected:
     std::vector<std::wstring> failed_;
+    std::unordered_set<std::wstring> failedPaths_; // the same, in long form
+    std::vector<RunTime::Directory::Existing> existing_;
     CopyReport report_;
 
 private:

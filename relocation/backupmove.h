@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+class PinnedPath;
+
 class backupmove : public backupcopy {
 public:
     backupmove();
@@ -68,26 +70,34 @@ private:
     // What rollback() has to do for the tree.
     enum class Undo { Nothing, RemoveTarget, EmptyTarget, ReplayLog, RenameBack };
 
-    void hookCopier();
     bool setTargetAside();
-    void renameSource();
-    void copySource(bool targetExists);
+    bool renameSource(); // false when the system sees two volumes
+    void copySource();
     void removeSource();
     void mergeSetAside();
-    void undoCopy();
+    void undoMove();
     void replayLog();
+    void removeLogged(const TransactionLog::Record& record, PinnedPath& pinned);
+    void restoreExisting();
     void renameBack();
+    void removeTree(const std::wstring& path, bool keepTop,
+                    const std::unordered_set<std::wstring>* kept);
+    void removeLater(const std::wstring& path);
+    void takeOwnership(const std::wstring& path);
+    void reportStep(const std::wstring& text, bool isFile, bool mayCancel);
     void close();
-    void reportStep(const std::wstring& text, bool isFile);
 
     std::wstring source_;
     std::wstring target_;
+    std::wstring from_; // the two in long form
+    std::wstring to_;
     std::wstring targetBackup_;
     bool started_ = false;
     bool moved_ = false;
     bool completed_ = false;  // move() did all of its work
     bool committing_ = false; // commit() has begun to remove
     Undo undo_ = Undo::Nothing;
+    std::int64_t itemsMade_ = 0; // by the copy, in the target
     TransactionLog log_;
     RunTime::InterprocessLock logsLock_;
     bool lockLogs_ = false;

@@ -26,7 +26,7 @@ const wchar_t* describe(CopyLoss kind) {
     case CopyLoss::AuditList:
         return L"audit lists, because SeSecurityPrivilege is not held";
     case CopyLoss::Owner:
-        return L"owners, because SeRestorePrivilege is not held";
+        return L"owners, which could not be set";
     case CopyLoss::ExtendedAttributes:
         return L"extended attributes, which the target's file system does not have";
     case CopyLoss::ObjectId:

@@ -10,7 +10,7 @@ enum class CopyLoss : unsigned {
     AlternateStream,    // named streams: the target's file system has none
     Security,           // security descriptors: the target's file system keeps none
     AuditList,          // audit lists: SeSecurityPrivilege is not held
-    Owner,              // owners: SeRestorePrivilege is not held
+    Owner,              // owners that could not be set
     ExtendedAttributes, // extended attributes
     ObjectId,           // object identifiers, which are unique on a volume
     ReparseTag,         // tags that are no links (deduplicated, cloud): the data was copied

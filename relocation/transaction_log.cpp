@@ -1,5 +1,6 @@
 #include "relocation/transaction_log.h"
 
+#include "relocation/failure.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/format_string.h"
@@ -52,6 +53,10 @@ void TransactionLog::create(const std::wstring& directory) {
 }
 
 void TransactionLog::append(bool isFile, const std::wstring& name, std::int64_t cost) {
+    sizeBefore_ = -1; // an append that fails leaves nothing to drop
+    if (hasStaleEnd_) {
+        cutToSize();
+    }
     const std::uint32_t length = static_cast<std::uint32_t>(name.size());
     const std::size_t nameBytes = name.size() * sizeof(wchar_t);
     buffer_.resize(flagBytes + nameBytes + lengthBytes + costBytes);
@@ -71,7 +76,7 @@ void TransactionLog::append(bool isFile, const std::wstring& name, std::int64_t 
         code = ERROR_DISK_FULL;
     }
     if (code != ERROR_SUCCESS) {
-        cutTo(size_); // the next record must not stand behind half a one
+        hasStaleEnd_ = true; // half a record, perhaps
         _throwError(L"Unable to write log", code, {L"", "TransactionLog::append", __LINE__});
     }
     sizeBefore_ = size_;
@@ -87,21 +92,28 @@ void TransactionLog::dropLast() {
     if (sizeBefore_ < 0) {
         return;
     }
-    cutTo(sizeBefore_);
     size_ = std::exchange(sizeBefore_, -1);
     --totalCount_;
     totalCost_ = costBefore_;
     sum_ = sumBefore_;
+    hasStaleEnd_ = true;
+    try {
+        cutToSize();
+    } catch (const vosexception&) {
+        // What stands behind the size is never acted on, and is cut before the next record.
+        logFailure(formatString(L"Cut (%s) log file", RunTime::nicePath(name_).c_str()));
+    }
 }
 
-void TransactionLog::cutTo(std::int64_t size) {
+void TransactionLog::cutToSize() {
     LARGE_INTEGER position;
-    position.QuadPart = size;
+    position.QuadPart = size_;
     if (!::SetFilePointerEx(file_.get(), position, nullptr, FILE_BEGIN) ||
         !::SetEndOfFile(file_.get())) {
         const DWORD code = ::GetLastError();
-        _throwError(L"Unable to cut log", code, {L"", "TransactionLog::cutTo", __LINE__});
+        _throwError(L"Unable to cut log", code, {L"", "TransactionLog::cutToSize", __LINE__});
     }
+    hasStaleEnd_ = false;
 }
 
 void TransactionLog::seekToEnd(const std::wstring& target) {
@@ -111,8 +123,8 @@ void TransactionLog::seekToEnd(const std::wstring& target) {
         _throwError(L"Unable to get size of log", code,
                     {L"", "TransactionLog::seekToEnd", __LINE__});
     }
-    position_ = size.QuadPart;
-    if (size.QuadPart != size_ || sumOfFile(size_) != sum_) {
+    position_ = hasStaleEnd_ ? std::min(size_, size.QuadPart) : size.QuadPart;
+    if (position_ != size_ || sumOfFile(size_) != sum_) {
         Record record;
         while (previous(record, target)) { // says what is wrong, if it shows
         }

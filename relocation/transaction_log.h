@@ -41,11 +41,12 @@ public:
     std::int32_t totalCount() const noexcept { return totalCount_; }
     std::int64_t totalCost() const noexcept { return totalCost_; }
 
-    // Reading backwards: begin at the end, then previous() until it returns false. Throws
-    // vexception for a record that is damaged ("Unable to read complete size from log", "... name
-    // length ...",
-    // "... name ...", "... file type ...") or names anything but an item strictly inside target.
-    void seekToEnd();
+    // Reading backwards: begin at the end, then previous() until it returns false. The first reads
+    // the whole log and compares it with what was written, so that a damaged log is refused before
+    // anything is acted on. Both throw vexception for a record that is damaged ("Unable to read
+    // complete size from log", and so for name length, name and file type) or that names anything
+    // but an item strictly inside target.
+    void seekToEnd(const std::wstring& target);
     bool previous(Record& record, const std::wstring& target);
 
     // Closes the file and deletes it. The name is kept until the file is gone.
@@ -53,13 +54,14 @@ public:
     void close() noexcept { file_.reset(); }
 
 private:
-    void cutTo(std::int64_t size);
+    void cutToSize();
     std::uint64_t sumOfFile(std::int64_t size);
     void readAt(std::int64_t position, void* buffer, std::uint32_t bytes, const wchar_t* failure);
 
     RunTime::AutoHandle file_;
     std::wstring name_;
     std::int64_t size_ = 0;
+    bool hasStaleEnd_ = false;     // something stands in the file behind size_
     std::int64_t sizeBefore_ = -1; // of the record last appended; -1: there is none to drop
     std::int64_t position_ = 0;    // of the reader
     std::int32_t totalCount_ = 0;

@@ -29,6 +29,7 @@ Requests& requests() {
 }
 
 thread_local bool cancellable = false;
+thread_local bool shielded = false;
 thread_local bool inCall = false; // some enabled scope is open, shielded or not
 
 } // namespace
@@ -84,13 +85,15 @@ void ThreadCancelation::checkRequests() {
 }
 
 ThreadCancelation::CancelationPoint::CancelationPoint(bool enable) noexcept
-    : outer_(cancellable), outermost_(enable && !inCall) {
-    cancellable = enable;
+    : outer_(cancellable), outerShield_(shielded), outermost_(enable && !inCall) {
+    shielded = shielded || !enable;
+    cancellable = !shielded;
     inCall = inCall || enable;
 }
 
 ThreadCancelation::CancelationPoint::~CancelationPoint() {
     cancellable = outer_;
+    shielded = outerShield_;
     if (!outermost_) {
         return;
     }

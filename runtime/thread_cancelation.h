@@ -25,7 +25,7 @@ class ThreadCancelation {
 public:
     // A scope in which the thread can be cancelled, or, with enable false, cannot: steps that must
     // run to their end, such as those of a rollback, shield themselves so, and the request waits
-    // for the first check outside. Scopes nest; the innermost decides.
+    // for the first check outside. Scopes nest, and a shield holds for all that is inside it.
     class CancelationPoint {
     public:
         explicit CancelationPoint(bool enable = true) noexcept;
@@ -35,6 +35,7 @@ public:
 
     private:
         bool outer_;
+        bool outerShield_;
         bool outermost_;
     };
 

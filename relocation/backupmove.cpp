@@ -1,0 +1,524 @@
+#include "relocation/backupmove.h"
+
+#include "relocation/directory.h"
+#include "relocation/failure.h"
+#include "relocation/pinned_path.h"
+#include "runtime/accounts/privilege_scope.h"
+#include "runtime/exception.h"
+#include "runtime/files/file.h"
+#include "runtime/files/pending_operations.h"
+#include "runtime/format_string.h"
+#include "runtime/native_span.h"
+#include "runtime/thread_cancelation.h"
+
+#include <utility>
+
+using RunTime::Directory;
+using RunTime::longPath;
+using RunTime::nicePath;
+
+namespace {
+
+constexpr wchar_t logsLockName[] = L"Global\\{C715576D-9449-4f09-8D28-C7B869DABB5E}";
+constexpr wchar_t setAsidePrefix[] = L"$Backup";
+
+// Holds the lock of the product's log files where an owner asked for that.
+class LogsLock {
+public:
+    LogsLock(RunTime::InterprocessLock& lock, bool wanted) : lock_(lock), held_(wanted) {
+        if (held_) {
+            try {
+                lock_.lock(L"Unable to lock Tarvo logs");
+            } catch (...) {
+                logFailure(L"Unable to lock Tarvo logs");
+                throw;
+            }
+        }
+    }
+    ~LogsLock() { // an exception passes: it is the one to be seen
+        try {
+            release();
+        } catch (const vexception&) {
+            logFailure(L"Unable to unlock Tarvo logs");
+        }
+    }
+    LogsLock(const LogsLock&) = delete;
+    LogsLock& operator=(const LogsLock&) = delete;
+    void release() {
+        if (std::exchange(held_, false)) {
+            lock_.unlock(L"Unable to unlock Tarvo logs");
+        }
+    }
+
+private:
+    RunTime::InterprocessLock& lock_;
+    bool held_;
+};
+
+std::wstring withNames(const wchar_t* format, const std::wstring& first,
+                       const std::wstring& second) {
+    return formatString(format, nicePath(first).c_str(), nicePath(second).c_str());
+}
+
+// Whether a directory holds nothing at all: no entry, and no named stream of its own.
+bool isEmptyDirectory(const std::wstring& path) {
+    if (!RunTime::isDirectory(path)) {
+        return false;
+    }
+    std::vector<RunTime::FileInformation> entries;
+    Directory(path).list(entries, 2);
+    WIN32_FIND_STREAM_DATA stream;
+    const RunTime::AutoFindHandle find(
+        ::FindFirstStreamW(path.c_str(), FindStreamInfoStandard, &stream, 0));
+    return entries.empty() && !find;
+}
+
+} // namespace
+
+backupmove::backupmove() : logsLock_(logsLockName) {
+    hooks_.push_back(
+        progressEvent_Name2.hook([this](const std::wstring& source, const std::wstring& target,
+                                        bool isFile, std::int64_t cost, bool& cancel) {
+            ++itemsMade_;
+            progressEvent_Name.raise(L"Copy: " + nicePath(source), isFile, cost, cancel);
+            if (log_.isOpen() && !cancel) { // a cancelled item is not created
+                log_.append(isFile, target, cost);
+            }
+        }));
+    hooks_.push_back(itemAbandonedEvent.hook([this] {
+        --itemsMade_;
+        if (log_.isOpen()) {
+            log_.dropLast();
+        }
+    }));
+}
+
+backupmove::~backupmove() = default;
+
+bool backupmove::move(const std::wstring& source, const std::wstring& target, bool copy) {
+    const NativeSpan span("backupmove::move", __LINE__);
+    const ThreadCancelation::CancelationPoint cancellable;
+    ThreadCancelation::check();
+    if (!source_.empty() || !target_.empty()) {
+        throw vexception(L"Unable to start new transaction", {L"", "backupmove::move", __LINE__});
+    }
+    from_ = RunTime::withoutTrailingBackslash(longPath(source));
+    to_ = RunTime::withoutTrailingBackslash(longPath(target));
+    leftBehind_.clear();
+    pendingRestart_.clear();
+    failed_.clear();
+    failedPaths_.clear();
+    existing_.clear();
+    report_.clear();
+    if (!RunTime::exists(from_)) {
+        _throwError(formatString(L"Unable to move (%s)", nicePath(source).c_str()).c_str(),
+                    ERROR_PATH_NOT_FOUND, {L"", "backupmove::move", __LINE__});
+    }
+    // What the system was to do with these names at its next restart is not meant for what they
+    // hold from now on.
+    RunTime::dropPendingOperations(from_);
+    RunTime::dropPendingOperations(to_);
+
+    source_ = source;
+    target_ = target;
+    const bool sameVolume = RunTime::theSameVolume(from_, to_);
+    // A tree cannot be renamed into itself.
+    bool copies = copy || !sameVolume || RunTime::isStrictlyInside(to_, from_);
+    if (RunTime::exists(to_)) {
+        if (RunTime::equalNames(RunTime::shortPath(from_), RunTime::shortPath(to_)) ||
+            RunTime::theSameDirectory(from_, to_)) {
+            source_.clear();
+            target_.clear();
+            return true;
+        }
+        const bool isEmpty =
+            sameVolume && RunTime::treeSize(to_, [](const RunTime::TreeSize& size) {
+                              return size.bytes != 0;
+                          }).bytes == 0;
+        if (!isEmpty || !setTargetAside()) {
+            copies = true;
+        }
+    }
+    started_ = true;
+    if (copies || !renameSource()) {
+        copySource();
+    }
+    completed_ = true;
+    return moved_;
+}
+
+bool backupmove::setTargetAside() {
+    std::wstring given = RunTime::shortPath(target_);
+    while (!given.empty() && given.back() == L'\\') {
+        given.pop_back();
+    }
+    const std::size_t last = given.rfind(L'\\');
+    constexpr std::size_t fifth = 4;
+    const bool allowed = last != std::wstring::npos &&
+                         (given.starts_with(RunTime::longPrefix) || last > fifth) &&
+                         !RunTime::isRoot(RunTime::parentPath(to_));
+    if (!allowed || !RunTime::isDirectory(to_)) {
+        return false;
+    }
+    try {
+        targetBackup_ = RunTime::temporaryMove(to_, setAsidePrefix);
+    } catch (const CanceledException&) {
+        throw;
+    } catch (const vexception&) {
+        logFailure(formatString(L"Set (%s) aside", nicePath(to_).c_str()));
+        targetBackup_.clear();
+    }
+    return !targetBackup_.empty();
+}
+
+bool backupmove::renameSource() {
+    const NativeSpan span("backupmove::rename", __LINE__);
+    LogsLock lock(logsLock_, lockLogs_);
+    try {
+        RunTime::moveEx(from_, to_);
+    } catch (const vosexception& error) {
+        if (error.get_errorCode() == ERROR_NOT_SAME_DEVICE) { // two volumes after all
+            return false;
+        }
+        logFailure(withNames(L"Move (%s) to (%s)", from_, to_));
+        throw;
+    }
+    moved_ = true;
+    undo_ = Undo::RenameBack;
+    lock.release();
+    reportStep(L"Move: " + nicePath(source_), false, true);
+    return true;
+}
+
+void backupmove::copySource() {
+    Target kind = Target::Filled;
+    if (!RunTime::exists(to_)) {
+        kind = Target::Missing;
+        undo_ = Undo::RemoveTarget;
+    } else if (isEmptyDirectory(to_)) {
+        kind = Target::Empty;
+        undo_ = Undo::EmptyTarget;
+    } else {
+        log_.create(RunTime::volumeRoot(to_));
+        undo_ = Undo::ReplayLog;
+    }
+    itemsMade_ = 0;
+    const RunTime::PrivilegeScope privilege{SE_BACKUP_NAME};
+    backupcopy::copy(from_, to_, kind);
+}
+
+void backupmove::commit() {
+    const NativeSpan span("backupmove::commit", __LINE__);
+    const ThreadCancelation::CancelationPoint cancellable;
+    ThreadCancelation::check();
+    const ThreadCancelation::CancelationPoint shielded(false);
+    LogsLock lock(logsLock_, lockLogs_);
+    try {
+        if (!target_.empty()) {
+            if (!completed_) { // what is not in the new place must not go from the old one
+                throw vexception(
+                    L"Unable to commit files: the move was not completed and must be rolled back",
+                    {L"", "backupmove::commit", __LINE__});
+            }
+            committing_ = true;
+            leftBehind_.clear();
+            if (!moved_ && RunTime::exists(from_)) {
+                removeSource();
+            }
+            if (!targetBackup_.empty()) {
+                mergeSetAside();
+            }
+        }
+        close();
+    } catch (...) {
+        logFailure(L"Unable to commit files");
+        throw;
+    }
+    lock.release();
+}
+
+void backupmove::removeSource() {
+    if (keepsSource(from_, to_)) {
+        reportStep(L"Commit: " + nicePath(source_), true, false);
+        return;
+    }
+    try {
+        removeTree(from_, false, &failedPaths_);
+    } catch (...) {
+        logFailure(withNames(L"Commit move (%s) to (%s) transaction ", target_, source_));
+        if (!failedPaths_.empty()) { // they are not in the new place: they must outlive a restart
+            leftBehind_.push_back(nicePath(from_));
+            return;
+        }
+        removeLater(from_);
+    }
+}
+
+bool backupmove::keepsSource(const std::wstring& source, const std::wstring& target) {
+    std::wstring from = RunTime::withoutTrailingBackslash(longPath(source));
+    std::wstring to = RunTime::withoutTrailingBackslash(longPath(target));
+    if (RunTime::exists(from) && RunTime::exists(to)) {
+        from = RunTime::longNamePath(from);
+        to = RunTime::longNamePath(to);
+    }
+    return RunTime::beginsWith(to, from); // of characters, not of components
+}
+
+void backupmove::mergeSetAside() {
+    struct Pair {
+        std::wstring from;
+        std::wstring to;
+        RunTime::AutoHandle heldFrom; // neither can be replaced by a link meanwhile
+        RunTime::AutoHandle heldTo;
+        std::vector<RunTime::FileInformation> entries;
+    };
+    const auto open = [](std::wstring from, std::wstring to) {
+        constexpr DWORD access = FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES;
+        constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE;
+        Pair pair;
+        pair.heldFrom = RunTime::openExisting(from, access, share);
+        pair.heldTo = RunTime::openExisting(to, access, share);
+        if (RunTime::isDirectory(from) && RunTime::isDirectory(to)) {
+            Directory(from).list(pair.entries, 2);
+        }
+        pair.from = std::move(from);
+        pair.to = std::move(to);
+        return pair;
+    };
+    std::vector<Pair> pairs;
+    pairs.push_back(open(targetBackup_, to_));
+    while (!pairs.empty()) {
+        if (pairs.back().entries.empty()) {
+            pairs.pop_back();
+            continue;
+        }
+        const RunTime::FileInformation entry = std::move(pairs.back().entries.back());
+        pairs.back().entries.pop_back();
+        const std::wstring from = RunTime::combine(pairs.back().from, entry.name);
+        const std::wstring to = RunTime::combine(pairs.back().to, entry.name);
+        if (!RunTime::exists(to)) {
+            RunTime::moveEx(from, to);
+        } else if (entry.isDirectory() && !entry.isLink() && RunTime::isDirectory(to)) {
+            pairs.push_back(open(from, to));
+        }
+    }
+    try {
+        removeTree(targetBackup_, false, nullptr);
+    } catch (...) {
+        logFailure(withNames(L"Commit move (%s) to (%s) transaction ", target_, source_));
+        removeLater(targetBackup_);
+    }
+    targetBackup_.clear();
+}
+
+void backupmove::rollback() {
+    const NativeSpan span("backupmove::rollback", __LINE__);
+    const ThreadCancelation::CancelationPoint cancellable;
+    ThreadCancelation::check();
+    const ThreadCancelation::CancelationPoint shielded(false);
+    LogsLock lock(logsLock_, lockLogs_);
+    try {
+        if (committing_) { // parts of the old place are gone
+            throw vexception(L"Unable to rollback files: the commit has begun and must be repeated",
+                             {L"", "backupmove::rollback", __LINE__});
+        }
+        leftBehind_.clear();
+        undoMove();
+        undo_ = Undo::Nothing;
+        if (!targetBackup_.empty()) {
+            try {
+                RunTime::moveEx(targetBackup_, to_);
+            } catch (...) {
+                logFailure(withNames(L"Restore (%s) from (%s)", to_, targetBackup_));
+                throw;
+            }
+            targetBackup_.clear();
+        }
+        close();
+    } catch (...) {
+        logFailure(L"Unable to rollback files");
+        throw;
+    }
+    lock.release();
+}
+
+void backupmove::undoMove() {
+    switch (undo_) {
+    case Undo::Nothing:
+        break;
+    case Undo::RemoveTarget:
+        if (itemsMade_ > 0 && RunTime::exists(to_)) {
+            try {
+                removeTree(to_, false, nullptr);
+            } catch (...) {
+                logFailure(withNames(L"Rollback move (%s) to (%s) transaction ", target_, source_));
+                removeLater(to_);
+            }
+        }
+        break;
+    case Undo::EmptyTarget:
+        removeTree(to_, true, nullptr);
+        restoreExisting();
+        break;
+    case Undo::ReplayLog:
+        replayLog();
+        restoreExisting();
+        break;
+    case Undo::RenameBack:
+        renameBack();
+        break;
+    }
+}
+
+void backupmove::replayLog() {
+    bool cancel = false;
+    progressEvent_Total.raise(log_.totalCount(), log_.totalCost(), cancel);
+    if (cancel) { // the log stays, and rollback() can be called again
+        throw CanceledException({L"", "backupmove::rollback", __LINE__});
+    }
+    log_.seekToEnd(to_);
+    PinnedPath pinned(to_);
+    for (TransactionLog::Record record; log_.previous(record, to_);) {
+        progressEvent_Name.raise(nicePath(record.name), record.isFile, record.cost, cancel);
+        if (cancel) {
+            throw CanceledException({L"", "backupmove::rollback", __LINE__});
+        }
+        try {
+            removeLogged(record, pinned);
+        } catch (const vosexception& failure) {
+            const vosexception error(
+                failure.get_errorCode(),
+                formatString(L"remove(%s)", nicePath(record.name).c_str()).c_str(),
+                {L"", "backupmove::rollback", __LINE__});
+            bool ignore = false;
+            errorEvent.raise(error.what(), ignore);
+            leftBehind_.push_back(nicePath(record.name));
+            if (!ignore) {
+                throw error;
+            }
+        }
+    }
+}
+
+void backupmove::removeLogged(const TransactionLog::Record& record, PinnedPath& pinned) {
+    if (!pinned.hold(RunTime::parentPath(record.name))) {
+        return; // gone, with the directory it was in
+    }
+    if (record.isFile) {
+        RunTime::deleteFile(record.name);
+        return;
+    }
+    constexpr int tries = 3; // what was below may take a moment to be gone
+    pinned.release(record.name);
+    try {
+        RunTime::removeDirectory(record.name, tries);
+    } catch (const VDirectoryNotEmptyException&) { // it holds what is not ours
+        leftBehind_.push_back(nicePath(record.name));
+    }
+}
+
+void backupmove::restoreExisting() {
+    for (auto existing = existing_.rbegin(); existing != existing_.rend(); ++existing) {
+        const RunTime::AutoHandle directory = RunTime::openExisting(
+            existing->path,
+            FILE_WRITE_ATTRIBUTES |
+                (existing->descriptor.empty() ? 0 : static_cast<DWORD>(WRITE_DAC)),
+            FILE_SHARE_READ | FILE_SHARE_WRITE);
+        DWORD code = directory ? ERROR_SUCCESS : ::GetLastError();
+        if (code == ERROR_SUCCESS && !existing->descriptor.empty()) {
+            code = RunTime::writeDescriptor(directory.get(), existing->descriptor, false, false);
+        }
+        if (code == ERROR_SUCCESS &&
+            !::SetFileInformationByHandle(directory.get(), FileBasicInfo, &existing->basic,
+                                          sizeof(existing->basic))) {
+            code = ::GetLastError();
+        }
+        if (code != ERROR_SUCCESS) {
+            _throwError(
+                formatString(L"Unable to set attributes (%s)", nicePath(existing->path).c_str())
+                    .c_str(),
+                code, {L"", "backupmove::rollback", __LINE__});
+        }
+    }
+    existing_.clear();
+}
+
+void backupmove::renameBack() {
+    if (RunTime::exists(from_)) { // never over what others have put there, nor in its place
+        throw vexception(withNames(L"Unable to move (%s) to (%s), which exists again", to_, from_),
+                         {L"", "backupmove::rollback", __LINE__});
+    }
+    try {
+        RunTime::moveEx(to_, from_);
+    } catch (...) {
+        logFailure(withNames(L"Rollback move (%s) to (%s) transaction ", target_, source_));
+        takeOwnership(to_);
+        RunTime::moveAtRestart(to_, from_);
+        pendingRestart_.push_back(nicePath(to_));
+    }
+    reportStep(L"Rollback: " + nicePath(source_), false, false);
+}
+
+void backupmove::remove(const std::wstring& path) {
+    removeTree(longPath(path), false, nullptr);
+}
+
+void backupmove::removeTree(const std::wstring& path, bool keepTop,
+                            const std::unordered_set<std::wstring>* kept) {
+    Directory walker(path, true);
+    walker.set_keepTop(keepTop);
+    walker.set_kept(kept);
+    const Hook hooks[] = {
+        forwardEvent(walker.progressEvent_Total, progressEvent_Total),
+        walker.progressEvent_Name.hook(
+            [this](const std::wstring& name, bool isFile, std::int64_t cost, bool& cancel) {
+                progressEvent_Name.raise(L"Remove: " + nicePath(name), isFile, cost, cancel);
+            }),
+        forwardEvent(walker.errorEvent, errorEvent),
+    };
+    walker.remove(RunTime::defaultTryCount, true, true, nullptr);
+    for (const std::wstring& left : walker.get_leftBehind()) {
+        leftBehind_.push_back(nicePath(left));
+    }
+}
+
+void backupmove::removeLater(const std::wstring& path) {
+    takeOwnership(path);
+    pendingRestart_.push_back(nicePath(RunTime::removeAtRestart(path)));
+}
+
+void backupmove::takeOwnership(const std::wstring& path) {
+    try {
+        Directory::setOwner(path, true);
+    } catch (...) { // the attempt that follows shows whether it was needed
+        logFailure(formatString(L"Take ownership of (%s)", nicePath(path).c_str()));
+    }
+}
+
+void backupmove::reportStep(const std::wstring& text, bool isFile, bool mayCancel) {
+    bool cancel = false;
+    progressEvent_Total.raise(1, 1, cancel);
+    if (cancel && mayCancel) {
+        throw CanceledException({L"", "backupmove::move", __LINE__});
+    }
+    progressEvent_Name.raise(text, isFile, 1, cancel);
+    if (cancel && mayCancel) {
+        throw CanceledException({L"", "backupmove::move", __LINE__});
+    }
+}
+
+void backupmove::close() {
+    source_.clear();
+    target_.clear();
+    started_ = false;
+    moved_ = false;
+    completed_ = false;
+    committing_ = false;
+    undo_ = Undo::Nothing;
+    const std::wstring logName = log_.name();
+    try {
+        log_.remove();
+    } catch (...) { // the move is done or undone all the same
+        logFailure(formatString(L"Remove (%s) log file", nicePath(logName).c_str()));
+    }
+}

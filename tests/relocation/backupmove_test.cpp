@@ -1,0 +1,246 @@
+#include "relocation/backupmove.h"
+
+#include "tests/relocation/move_fixture.h"
+#include "tests/support/expect_error.h"
+
+#include <map>
+
+namespace {
+
+class BackupMoveTest : public MoveFixture {};
+
+// The copy is faithful whichever way the streams go, and wherever a header falls in what is read.
+TEST_F(BackupMoveTest, CopyIsWholeAndRollbackTakesItAway) {
+    makeRichSource();
+    const World before = world();
+    struct Case {
+        const char* name;
+        unsigned seed;
+        DWORD refusal;
+    };
+    for (const Case& way : {Case{"backup API", 0, 0}, Case{"odd chunks", 7, 0},
+                            Case{"ordinary calls", 0, ERROR_NOT_SUPPORTED}}) {
+        SCOPED_TRACE(way.name);
+        ntfs_.chunkSeed = way.seed;
+        ntfs_.backupRefusal = way.refusal;
+        backupmove mover;
+        mover.set_copyOwner(true);
+        EXPECT_FALSE(mover.move(source(), target(), true));
+        EXPECT_TRUE(sameTree(before.source, imageOf(target())));
+        EXPECT_TRUE(mover.get_failed().empty());
+        mover.rollback();
+        expectWorld(before);
+    }
+}
+
+TEST_F(BackupMoveTest, CommitAfterACopyRemovesTheSource) {
+    makeRichSource();
+    const TreeImage before = imageOf(source());
+    backupmove mover;
+    mover.set_copyOwner(true);
+    mover.move(source(), target(), true);
+    mover.commit();
+    EXPECT_TRUE(sameTree(before, imageOf(target())));
+    EXPECT_TRUE(imageOf(source()).empty());
+    EXPECT_TRUE(mover.get_leftBehind().empty());
+    EXPECT_TRUE(mover.get_pendingRestart().empty());
+    mover.commit(); // closed: nothing to do
+    mover.rollback();
+    EXPECT_TRUE(sameTree(before, imageOf(target())));
+}
+
+TEST_F(BackupMoveTest, RenameDoesTheMoveOnOneVolume) {
+    makeSmallSource();
+    const World before = world();
+    const TreeImage tree = imageOf(source());
+    backupmove mover;
+    std::vector<std::wstring> events;
+    const Hook totals =
+        mover.progressEvent_Total.hook([&](std::int32_t count, std::int64_t cost, bool&) {
+            events.push_back(std::to_wstring(count) + L"/" + std::to_wstring(cost));
+        });
+    const Hook names = mover.progressEvent_Name.hook(
+        [&](const std::wstring& name, bool, std::int64_t, bool&) { events.push_back(name); });
+    EXPECT_TRUE(mover.move(source(), target(), false));
+    EXPECT_EQ(events, (std::vector<std::wstring>{L"1/1", L"Move: " + source().substr(4)}));
+    EXPECT_TRUE(sameTree(tree, imageOf(target())));
+    mover.rollback();
+    expectWorld(before);
+    mover.move(source(), target(), false);
+    mover.commit();
+    EXPECT_TRUE(sameTree(tree, imageOf(target())));
+}
+
+TEST_F(BackupMoveTest, TargetWithoutDataIsSetAside) {
+    makeSmallSource();
+    temp_.writeFile(L"store\\data\\a.txt", ""); // the source has one of that name
+    temp_.writeFile(L"store\\data\\only here.txt", "");
+    temp_.writeFile(L"store\\data\\sub\\deep.txt",
+                    ""); // in a directory that the source has as well
+    const World before = world();
+    const TreeImage tree = imageOf(source());
+    {
+        backupmove mover;
+        EXPECT_TRUE(mover.move(source(), target(), false));
+        EXPECT_TRUE(sameTree(tree, imageOf(target())));
+        mover.rollback();
+        expectWorld(before);
+    }
+    backupmove mover;
+    mover.move(source(), target(), false);
+    mover.commit();
+    EXPECT_EQ(temp_.list(L"store"),
+              (std::vector<std::wstring>{L"data\\", L"data\\a.txt", L"data\\empty\\",
+                                         L"data\\only here.txt", L"data\\sub\\",
+                                         L"data\\sub\\b.txt", L"data\\sub\\deep.txt"}));
+    EXPECT_EQ(temp_.readFile(L"store\\data\\a.txt"), "alpha");
+}
+
+TEST_F(BackupMoveTest, FilledTargetGetsBackToExactlyWhatItWas) {
+    makeSmallSource();
+    makeFilledTarget();
+    const World before = world();
+    backupmove mover;
+    EXPECT_FALSE(mover.move(source(), target(), false));
+    EXPECT_EQ(logs().size(), 1u);
+    EXPECT_EQ(temp_.readFile(L"store\\data\\sub\\b.txt"), "beta");
+    EXPECT_EQ(mover.get_report().of(CopyLoss::MergedDirectory).count, 3);
+    std::vector<std::wstring> undone;
+    const Hook names =
+        mover.progressEvent_Name.hook([&](const std::wstring& name, bool, std::int64_t, bool&) {
+            undone.push_back(name.substr(target().size() - 4));
+        });
+    mover.rollback();
+    EXPECT_EQ(undone, (std::vector<std::wstring>{L"\\a.txt", L"\\sub\\b.txt"})); // newest first
+    expectWorld(before);
+}
+
+TEST_F(BackupMoveTest, EmptyTargetIsBackAfterACopy) {
+    makeSmallSource();
+    temp_.makeDirectory(L"store\\data");
+    ntfs_.setSecurity(target(), L"O:BAG:SYD:PAI(A;;FA;;;BA)");
+    const World before = world();
+    {
+        const TempDirectory
+            aside; // so that the target cannot be set aside: something is open in it
+        const HANDLE open =
+            ::CreateFileW(target().c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                          nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+        backupmove mover;
+        EXPECT_FALSE(mover.move(source(), target(), false));
+        EXPECT_TRUE(logs().empty());
+        mover.rollback();
+        ::CloseHandle(open);
+    }
+    expectWorld(before);
+}
+
+TEST_F(BackupMoveTest, CollidingItemsAreErrorsAndOutliveEverything) {
+    makeSmallSource();
+    makeFilledTarget();
+    temp_.writeFile(L"store\\data\\a.txt", "older alpha");
+    const World before = world();
+    {
+        backupmove mover;
+        expectError<VFileExistsException>(ERROR_FILE_EXISTS,
+                                          L"Unable to create (" + target().substr(4) + L"\\a.txt)",
+                                          [&] { mover.move(source(), target(), false); });
+        mover.rollback();
+        expectWorld(before);
+    }
+    for (const bool commit : {false, true}) {
+        backupmove mover;
+        std::vector<std::wstring> messages;
+        const Hook ignoring = mover.errorEvent.hook([&](const std::wstring& message, bool& ignore) {
+            messages.push_back(message);
+            ignore = true;
+        });
+        EXPECT_FALSE(mover.move(source(), target(), false));
+        EXPECT_EQ(messages.size(), 1u);
+        EXPECT_EQ(mover.get_failed(), (std::vector<std::wstring>{source().substr(4) + L"\\a.txt"}));
+        if (commit) { // what is not in the new place stays in the old one
+            mover.commit();
+            EXPECT_EQ(temp_.list(L"panel"), (std::vector<std::wstring>{L"data\\", L"data\\a.txt"}));
+            EXPECT_EQ(temp_.readFile(L"panel\\data\\a.txt"), "alpha");
+            EXPECT_EQ(temp_.readFile(L"store\\data\\a.txt"), "older alpha");
+            EXPECT_EQ(mover.get_leftBehind(), mover.get_failed());
+        } else {
+            mover.rollback();
+            expectWorld(before);
+        }
+    }
+}
+
+TEST_F(BackupMoveTest, StatesAreKeptApart) {
+    makeSmallSource();
+    const World before = world();
+    backupmove mover;
+    EXPECT_TRUE(mover.move(source(), source() + L"\\", false)); // the same directory
+    EXPECT_TRUE(mover.get_source().empty());
+    mover.commit();
+    mover.rollback();
+    expectWorld(before);
+
+    expectError<VPathNotFoundException>(ERROR_PATH_NOT_FOUND, L"Unable to move (Z:\\no such place)",
+                                        [&] { mover.move(L"Z:\\no such place", target(), false); });
+
+    mover.move(source(), target(), true);
+    expectError<vexception>(L"Unable to start new transaction",
+                            [&] { mover.move(source(), target(), true); });
+    mover.rollback();
+    expectWorld(before);
+
+    bool cancelled = false;
+    const Hook cancel = mover.progressEvent_Name.hook(
+        [&](const std::wstring&, bool isFile, std::int64_t, bool& stop) {
+            stop = isFile && !cancelled;
+            cancelled = cancelled || stop;
+        });
+    EXPECT_THROW(mover.move(source(), target(), true), CanceledException);
+    expectError<vexception>(
+        L"Unable to commit files: the move was not completed and must be rolled back",
+        [&] { mover.commit(); });
+    mover.rollback();
+    expectWorld(before);
+}
+
+TEST_F(BackupMoveTest, OldPlaceStaysWhereTheNewPathBeginsWithIt) {
+    makeSmallSource();
+    const TreeImage before = imageOf(source());
+    for (const std::wstring& place : {source() + L"2", source() + L"\\inside"}) {
+        SCOPED_TRACE(testing::PrintToString(place));
+        backupmove mover;
+        EXPECT_FALSE(mover.move(source(), place, true));
+        std::vector<std::wstring> names;
+        const Hook hook = mover.progressEvent_Name.hook(
+            [&](const std::wstring& name, bool, std::int64_t, bool&) { names.push_back(name); });
+        mover.commit();
+        EXPECT_EQ(names, (std::vector<std::wstring>{L"Commit: " + source().substr(4)}));
+        TreeImage copy = imageOf(place);
+        copy[L""].written = before.at(L"").written; // of a parent that got a child, perhaps
+        EXPECT_TRUE(sameTree(before, copy));
+        backupmove().remove(place);
+    }
+    EXPECT_TRUE(imageOf(source() + L"2").empty());
+}
+
+TEST_F(BackupMoveTest, SingleFileMovesToo) {
+    const std::wstring file = temp_.writeFile(L"panel\\one.txt", "one");
+    ntfs_.setStream(file, L"note", "text");
+    const TreeImage before = imageOf(file);
+    for (const bool copy : {false, true}) {
+        backupmove mover;
+        EXPECT_EQ(mover.move(file, temp_ / L"store\\one.txt", copy), !copy);
+        EXPECT_TRUE(sameTree(before, imageOf(temp_ / L"store\\one.txt")));
+        mover.rollback();
+        EXPECT_TRUE(sameTree(before, imageOf(file)));
+        EXPECT_FALSE(temp_.has(L"store\\one.txt"));
+    }
+    backupmove mover;
+    mover.move(file, temp_ / L"store\\one.txt", true);
+    mover.commit();
+    EXPECT_FALSE(temp_.has(L"panel\\one.txt"));
+    EXPECT_EQ(temp_.readFile(L"store\\one.txt"), "one");
+}
+
+} // namespace
