@@ -16,6 +16,9 @@ SOURCE and TARGET are whole paths. Looks first and asks before anything is
 changed. A move on one drive is a rename; otherwise everything is copied and the
 old directory removed at the end. Ctrl+C, or an error, puts everything back.
 
+--streams takes any of: data, ea (extended attributes), security, alternate
+(named streams), property, objectid, reparse (links). Without it all are copied.
+
 Exit codes:
   0  moved (with --dry-run: can be moved)
   2  the command line is wrong
@@ -190,14 +193,12 @@ Parsed<DataMoveOptions> parseDataMove(const std::vector<std::wstring>& arguments
     app.add_flag("--dry-run", options.dryRun, "Only looks, and says what would be done");
     app.add_flag("-y,--yes", options.yes, "Starts without asking");
     app.add_flag("--verify", options.verify,
-                 "Compares the copy with the original before the old directory is removed");
+                 "Compares the copy before the old directory is removed");
     app.add_flag("--copy", options.copy, "Copies even where a rename would do");
     app.add_flag("--copy-owner", options.copyOwner, "Keeps the owners of copied items");
     app.add_flag("--keep-going", options.keepGoing,
                  "Leaves items that fail at the old place and goes on");
-    app.add_option("--streams", streams,
-                   "What is copied of each item: a list of data, ea, security, alternate, "
-                   "property, objectid, reparse (default: all)")
+    app.add_option("--streams", streams, "What is copied, with commas; see below")
         ->type_name("LIST");
     app.add_flag("-q,--quiet", options.quiet, "Prints errors only");
     app.add_flag("-v,--verbose", options.verbose, "Prints each item, and what is logged");

@@ -2,6 +2,7 @@
 
 #include "runtime/exception.h"
 #include "runtime/thread_cancelation.h"
+#include "tools/zopctl/exit_code.h"
 
 #include <condition_variable>
 
@@ -50,11 +51,16 @@ bool CancelKey::enter(Stage stage) {
     return false;
 }
 
-void CancelKey::press(DWORD) {
+bool CancelKey::press() {
     std::wstring text;
+    bool stays = true;
     {
         const std::lock_guard lock(mutex_);
+        stays = stage_ != Stage::Asking;
         switch (stage_) {
+        case Stage::Asking:
+            text = L"\nCancelled; nothing has been changed."; // below the question
+            break;
         case Stage::Looking:
         case Stage::Working:
             if (!requested_.exchange(true)) {
@@ -76,6 +82,7 @@ void CancelKey::press(DWORD) {
         }
     }
     say_(text);
+    return stays;
 }
 
 BOOL WINAPI CancelKey::handler(DWORD event) {
@@ -87,7 +94,9 @@ BOOL WINAPI CancelKey::handler(DWORD event) {
     ++running;
     lock.unlock();
     try {
-        key->press(event);
+        if (!key->press()) {
+            ::ExitProcess(static_cast<UINT>(ExitCode::Cancelled));
+        }
     } catch (const vexception&) {
         // The thread of the work has gone: there is nothing left to cancel.
     }

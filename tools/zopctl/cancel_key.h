@@ -14,6 +14,7 @@ class CancelKey {
 public:
     enum class Stage {
         Looking,     // nothing has been changed
+        Asking,      // nor here; a read of the console may not end by itself, so the process does
         Working,     // a cancel is rolled back
         RollingBack, // goes on to its end
         Committing,  // goes on to its end
@@ -34,8 +35,9 @@ public:
     // Asked once per item by progress handlers.
     bool isRequested() const noexcept { return requested_.load(std::memory_order_relaxed); }
 
-    // A key has been pressed; called by the system's handler, and by tests.
-    void press(DWORD event);
+    // A key has been pressed; called by the system's handler, and by tests. False when the process
+    // is to end at once.
+    bool press();
 
 private:
     static BOOL WINAPI handler(DWORD event);

@@ -2,6 +2,7 @@
 
 #include "runtime/exception.h"
 #include "runtime/text.h"
+#include "tools/zopctl/data_move_command.h"
 #include "tools/zopctl/text_format.h"
 #include "tools/zopctl/tree_compare_command.h"
 
@@ -23,7 +24,7 @@ std::wstring helpText() {
         text += call + command.summary + L"\n";
     }
     return text + L"\n"
-                  L"Help: zopctl COMMAND --help, for example: zopctl tree compare --help";
+                  L"Help: zopctl COMMAND --help, for example: zopctl data move --help";
 }
 
 bool asksForHelp(const std::wstring& word) {
@@ -84,6 +85,7 @@ ExitCode dispatch(std::vector<std::wstring> arguments, Console& console) {
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
+        {L"data", L"move", L"SOURCE TARGET", L"moves a directory to another place", runDataMove},
         {L"tree", L"compare", L"A B", L"compares two directories", runTreeCompare},
     };
     return table;
@@ -93,7 +95,7 @@ ExitCode runCommandLine(const std::vector<std::wstring>& arguments, Console& con
     try {
         return dispatch(arguments, console);
     } catch (const vexception& e) {
-        console.errorLine(L"Error: " + e.what());
+        console.errorLine(L"Error: " + e.message());
     } catch (const std::exception& e) {
         console.errorLine(L"Error: " + toWide(e.what()));
     }

@@ -73,6 +73,7 @@ bool Console::ask(const std::wstring& question) {
     {
         const std::lock_guard lock(mutex_);
         wipe();
+        ::FlushConsoleInputBuffer(input_); // what was typed before was no answer
         write(question, false);
     }
     wchar_t answer[64];

@@ -59,14 +59,16 @@ std::wstring progressLine(const ProgressView& view, int width) {
     const int percent = static_cast<int>(std::clamp(view.fraction, 0.0, 1.0) * 100);
     constexpr int barCells = 20;
     std::wstring text = view.verb + L" ";
-    if (width >= 60) {
+    if (width >= 60 && view.fraction >= 0) {
         const int full = percent * barCells / 100;
         text += L'[';
         text.append(static_cast<std::size_t>(full), L'#');
         text.append(static_cast<std::size_t>(barCells - full), L'.');
         text += L"] ";
     }
-    text += formatString(L"%3d %%", percent);
+    if (view.fraction >= 0) {
+        text += formatString(L"%3d %%", percent);
+    }
     if (!view.rate.empty() && width >= 60) {
         text += L"  " + view.rate;
     }

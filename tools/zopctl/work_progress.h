@@ -54,8 +54,8 @@ private:
 
 // What a progress line shows.
 struct ProgressView {
-    std::wstring verb; // "Copying"
-    double fraction = 0;
+    std::wstring verb;          // "Copying"
+    double fraction = 0;        // below 0: not known, and not shown
     std::int64_t timeLeft = -1; // milliseconds
     std::wstring rate;          // "31 MB/s"; may be empty
     std::int64_t errors = 0;
