@@ -70,7 +70,9 @@ public:
     void progress(const MoveProgress& progress) override {
         put(L"progress",
             {{"phase", wide(progress.phase)},
-             {"percent", static_cast<int>(progress.view.fraction * 100)},
+             {"percent", progress.view.fraction < 0
+                             ? JsonValue()
+                             : JsonValue(static_cast<int>(progress.view.fraction * 100))},
              {"items", progress.items},
              {"bytes", progress.bytes},
              {"millisecondsLeft",
