@@ -11,9 +11,11 @@
 #include "runtime/native_span.h"
 #include "runtime/thread_cancelation.h"
 
+#include <algorithm>
 #include <utility>
 
 using RunTime::Directory;
+using RunTime::FileInformation;
 using RunTime::longPath;
 using RunTime::nicePath;
 
@@ -27,6 +29,7 @@ class LogsLock {
 public:
     LogsLock(RunTime::InterprocessLock& lock, bool wanted) : lock_(lock), held_(wanted) {
         if (held_) {
+            const NativeSpan span("backupmove::lockLogs", __LINE__);
             try {
                 lock_.lock(L"Unable to lock Tarvo logs");
             } catch (...) {
@@ -46,6 +49,7 @@ public:
     LogsLock& operator=(const LogsLock&) = delete;
     void release() {
         if (std::exchange(held_, false)) {
+            const NativeSpan span("backupmove::unlockLogs", __LINE__);
             lock_.unlock(L"Unable to unlock Tarvo logs");
         }
     }
@@ -54,6 +58,15 @@ private:
     RunTime::InterprocessLock& lock_;
     bool held_;
 };
+
+// The clock of a file system may lag behind the system's by so much.
+constexpr std::int64_t clockStep = 50 * 10'000; // of 100 ns
+
+std::int64_t now() {
+    FILETIME time;
+    ::GetSystemTimePreciseAsFileTime(&time);
+    return (static_cast<std::int64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
 
 std::wstring withNames(const wchar_t* format, const std::wstring& first,
                        const std::wstring& second) {
@@ -65,7 +78,7 @@ bool isEmptyDirectory(const std::wstring& path) {
     if (!RunTime::isDirectory(path)) {
         return false;
     }
-    std::vector<RunTime::FileInformation> entries;
+    std::vector<FileInformation> entries;
     Directory(path).list(entries, 2);
     WIN32_FIND_STREAM_DATA stream;
     const RunTime::AutoFindHandle find(
@@ -203,6 +216,7 @@ void backupmove::copySource() {
         undo_ = Undo::ReplayLog;
     }
     itemsMade_ = 0;
+    copyBegan_ = now() - clockStep;
     const RunTime::PrivilegeScope privilege{SE_BACKUP_NAME};
     backupcopy::copy(from_, to_, kind);
 }
@@ -243,14 +257,35 @@ void backupmove::removeSource() {
         return;
     }
     try {
-        removeTree(from_, false, &failedPaths_);
+        removeTree(from_, false, [this](const std::wstring& path, const FileInformation& entry) {
+            return failedPaths_.contains(path) || isNewerThanCopy(path, entry);
+        });
     } catch (...) {
         logFailure(withNames(L"Commit move (%s) to (%s) transaction ", target_, source_));
-        if (!failedPaths_.empty()) { // they are not in the new place: they must outlive a restart
+        if (!failedPaths_.empty() || !leftBehind_.empty()) {
+            // They are not in the new place, so they must outlive a restart.
             leftBehind_.push_back(nicePath(from_));
             return;
         }
         removeLater(from_);
+    }
+}
+
+// Whether an item of the old place was made or written to after it had been copied, by those who
+// still work there. What has not changed since the copy began is not looked up.
+bool backupmove::isNewerThanCopy(const std::wstring& path, const FileInformation& entry) const {
+    const std::int64_t latest =
+        std::max({entry.creationTime, entry.lastWriteTime, entry.changeTime});
+    if (latest < copyBegan_) {
+        return false;
+    }
+    try {
+        const FileInformation copy = RunTime::fileInformation(to_ + path.substr(from_.size()));
+        return !entry.isDirectory() && copy.lastWriteTime < entry.lastWriteTime;
+    } catch (const VFileNotFoundException&) {
+        return true;
+    } catch (const VPathNotFoundException&) {
+        return true;
     }
 }
 
@@ -270,7 +305,7 @@ void backupmove::mergeSetAside() {
         std::wstring to;
         RunTime::AutoHandle heldFrom; // neither can be replaced by a link meanwhile
         RunTime::AutoHandle heldTo;
-        std::vector<RunTime::FileInformation> entries;
+        std::vector<FileInformation> entries;
     };
     const auto open = [](std::wstring from, std::wstring to) {
         constexpr DWORD access = FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES;
@@ -292,7 +327,7 @@ void backupmove::mergeSetAside() {
             pairs.pop_back();
             continue;
         }
-        const RunTime::FileInformation entry = std::move(pairs.back().entries.back());
+        const FileInformation entry = std::move(pairs.back().entries.back());
         pairs.back().entries.pop_back();
         const std::wstring from = RunTime::combine(pairs.back().from, entry.name);
         const std::wstring to = RunTime::combine(pairs.back().to, entry.name);
@@ -303,7 +338,7 @@ void backupmove::mergeSetAside() {
         }
     }
     try {
-        removeTree(targetBackup_, false, nullptr);
+        removeTree(targetBackup_, false, {});
     } catch (...) {
         logFailure(withNames(L"Commit move (%s) to (%s) transaction ", target_, source_));
         removeLater(targetBackup_);
@@ -349,7 +384,7 @@ void backupmove::undoMove() {
     case Undo::RemoveTarget:
         if (itemsMade_ > 0 && RunTime::exists(to_)) {
             try {
-                removeTree(to_, false, nullptr);
+                removeTree(to_, false, {});
             } catch (...) {
                 logFailure(withNames(L"Rollback move (%s) to (%s) transaction ", target_, source_));
                 removeLater(to_);
@@ -357,7 +392,7 @@ void backupmove::undoMove() {
         }
         break;
     case Undo::EmptyTarget:
-        removeTree(to_, true, nullptr);
+        removeTree(to_, true, {});
         restoreExisting();
         break;
     case Undo::ReplayLog:
@@ -460,14 +495,13 @@ void backupmove::renameBack() {
 }
 
 void backupmove::remove(const std::wstring& path) {
-    removeTree(longPath(path), false, nullptr);
+    removeTree(longPath(path), false, {});
 }
 
-void backupmove::removeTree(const std::wstring& path, bool keepTop,
-                            const std::unordered_set<std::wstring>* kept) {
+void backupmove::removeTree(const std::wstring& path, bool keepTop, Directory::Keep keep) {
     Directory walker(path, true);
     walker.set_keepTop(keepTop);
-    walker.set_kept(kept);
+    walker.set_keep(std::move(keep));
     const Hook hooks[] = {
         forwardEvent(walker.progressEvent_Total, progressEvent_Total),
         walker.progressEvent_Name.hook(
@@ -476,10 +510,18 @@ void backupmove::removeTree(const std::wstring& path, bool keepTop,
             }),
         forwardEvent(walker.errorEvent, errorEvent),
     };
-    walker.remove(RunTime::defaultTryCount, true, true, nullptr);
-    for (const std::wstring& left : walker.get_leftBehind()) {
-        leftBehind_.push_back(nicePath(left));
+    const auto report = [&] {
+        for (const std::wstring& left : walker.get_leftBehind()) {
+            leftBehind_.push_back(nicePath(left));
+        }
+    };
+    try {
+        walker.remove(RunTime::defaultTryCount, true, true, nullptr);
+    } catch (...) {
+        report();
+        throw;
     }
+    report();
 }
 
 void backupmove::removeLater(const std::wstring& path) {

@@ -35,10 +35,11 @@ public:
     // last two the transaction is open and the caller rolls it back.
     bool move(const std::wstring& source, const std::wstring& target, bool copy);
 
-    // Makes the move final: removes the old place, except for items that could not be copied, which
-    // are kept where they were (get_leftBehind). What cannot be removed now is scheduled for the
-    // next restart. Refuses (vexception) a move that has not been completed. After a failure the
-    // new place is whole, and commit() may be called again; rollback() is refused from then on.
+    // Makes the move final: removes the old place, except for items that could not be copied or
+    // were made or written to after their copy, which are kept where they were (get_leftBehind).
+    // What cannot be removed now is scheduled for the next restart. Refuses (vexception) a move
+    // that has not been completed. After a failure the new place is whole, and commit() may be
+    // called again; rollback() is refused from then on.
     void commit();
 
     // Undoes the move. May be called again after a failure or a cancel, and goes on where it
@@ -80,8 +81,8 @@ private:
     void removeLogged(const TransactionLog::Record& record, PinnedPath& pinned);
     void restoreExisting();
     void renameBack();
-    void removeTree(const std::wstring& path, bool keepTop,
-                    const std::unordered_set<std::wstring>* kept);
+    void removeTree(const std::wstring& path, bool keepTop, RunTime::Directory::Keep keep);
+    bool isNewerThanCopy(const std::wstring& path, const RunTime::FileInformation& entry) const;
     void removeLater(const std::wstring& path);
     void takeOwnership(const std::wstring& path);
     void reportStep(const std::wstring& text, bool isFile, bool mayCancel);
@@ -98,6 +99,7 @@ private:
     bool committing_ = false; // commit() has begun to remove
     Undo undo_ = Undo::Nothing;
     std::int64_t itemsMade_ = 0; // by the copy, in the target
+    std::int64_t copyBegan_ = 0; // FILETIME as a number
     TransactionLog log_;
     RunTime::InterprocessLock logsLock_;
     bool lockLogs_ = false;

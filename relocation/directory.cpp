@@ -142,7 +142,7 @@ void Directory::remove(int tryCount, bool top, bool report, std::int64_t* runnin
             raiseName(path_, !self_.isDirectory(), cost);
         }
         cost += self_.size;
-        if (isKept(path_)) {
+        if (isKept(path_, self_)) {
             leftBehind_.push_back(path_);
             return;
         }
@@ -205,7 +205,7 @@ void Directory::removeLevels(std::vector<Level>& levels, std::wstring& path, int
             }
             ThreadCancelation::check();
             appendName(level, entry.name);
-            if (isKept(path)) {
+            if (isKept(path, entry)) {
                 leave(level);
                 continue;
             }
@@ -253,7 +253,7 @@ void Directory::removeLevels(std::vector<Level>& levels, std::wstring& path, int
         for (const FileInformation& entry : level.listing.files) {
             ThreadCancelation::check();
             appendName(level, entry.name);
-            if (isKept(path)) {
+            if (isKept(path, entry)) {
                 leave(level);
                 continue;
             }
@@ -462,10 +462,6 @@ bool Directory::attempt(const std::wstring& path, Action&& action) {
         leftBehind_.push_back(path);
         return false;
     }
-}
-
-bool Directory::isKept(const std::wstring& path) const {
-    return kept_ != nullptr && !kept_->empty() && kept_->contains(path);
 }
 
 } // namespace RunTime

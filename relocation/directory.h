@@ -15,6 +15,7 @@
 #include "runtime/files/file.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -45,8 +46,10 @@ public:
     // An item that cannot be deleted is offered to errorEvent; when a handler ignores it, it and
     // the directories above it stay. Throws that error, or CanceledException.
     void remove(int tryCount, bool top, bool report, std::int64_t* runningCost);
-    // Items that remove() leaves where they are, with the directories above them. Long form.
-    void set_kept(const std::unordered_set<std::wstring>* kept) noexcept { kept_ = kept; }
+    // Tells remove() what to leave where it is, with the directories above it. Path in long form,
+    // and the item as listed.
+    using Keep = std::function<bool(const std::wstring& path, const FileInformation& entry)>;
+    void set_keep(Keep keep) { keep_ = std::move(keep); }
     // Whether remove() leaves the top directory itself, emptied.
     void set_keepTop(bool keepTop) noexcept { keepTop_ = keepTop; }
     // Items that the last remove() left: kept, ignored, or below neither (long form).
@@ -113,7 +116,9 @@ private:
     void raiseName(const std::wstring& path, bool isFile, std::int64_t cost);
     template <class Action>
     bool attempt(const std::wstring& path, Action&& action);
-    bool isKept(const std::wstring& path) const;
+    bool isKept(const std::wstring& path, const FileInformation& entry) const {
+        return keep_ && keep_(path, entry);
+    }
     void removeLevels(std::vector<Level>& levels, std::wstring& path, int tryCount, bool report,
                       std::int64_t& cost);
 
@@ -123,7 +128,7 @@ private:
     Listing listing_;
     AutoHandle handle_;      // held open, or empty
     bool deletable_ = false; // handle_ has DELETE access
-    const std::unordered_set<std::wstring>* kept_ = nullptr;
+    Keep keep_;
     bool keepTop_ = false;
     std::vector<std::wstring> leftBehind_;
 };

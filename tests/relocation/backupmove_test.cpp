@@ -224,6 +224,23 @@ TEST_F(BackupMoveTest, OldPlaceStaysWhereTheNewPathBeginsWithIt) {
     EXPECT_TRUE(imageOf(source() + L"2").empty());
 }
 
+TEST_F(BackupMoveTest, WhatIsWrittenAfterItsCopyOutlivesTheCommit) {
+    makeSmallSource();
+    backupmove mover;
+    mover.move(source(), target(), true);
+    temp_.writeFile(L"panel\\data\\a.txt", "alpha, and more of it");
+    temp_.writeFile(L"panel\\data\\sub\\new.txt", "new");
+    temp_.writeFile(L"panel\\data\\new\\deep.txt", "deep");
+    temp_.writeFile(L"store\\data\\sub\\b.txt", "the new place is in use");
+    mover.commit();
+    EXPECT_EQ(
+        temp_.list(L"panel"),
+        (std::vector<std::wstring>{L"data\\", L"data\\a.txt", L"data\\new\\",
+                                   L"data\\new\\deep.txt", L"data\\sub\\", L"data\\sub\\new.txt"}));
+    EXPECT_EQ(mover.get_leftBehind().size(), 3u);
+    EXPECT_EQ(temp_.readFile(L"store\\data\\a.txt"), "alpha");
+}
+
 TEST_F(BackupMoveTest, SingleFileMovesToo) {
     const std::wstring file = temp_.writeFile(L"panel\\one.txt", "one");
     ntfs_.setStream(file, L"note", "text");
