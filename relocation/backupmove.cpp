@@ -378,6 +378,17 @@ void backupmove::rollback() {
 }
 
 void backupmove::undoMove() {
+    const bool copied = undo_ != Undo::Nothing && undo_ != Undo::RenameBack;
+    if (copied && !RunTime::exists(from_)) { // the copy is all there is left
+        if (undo_ != Undo::RemoveTarget || !completed_) {
+            throw vexception(
+                withNames(L"Unable to rollback files: (%s) is gone, so its copy in (%s) is kept",
+                          from_, to_),
+                {L"", "backupmove::rollback", __LINE__});
+        }
+        renameBack();
+        return;
+    }
     switch (undo_) {
     case Undo::Nothing:
         break;

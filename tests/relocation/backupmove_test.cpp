@@ -241,6 +241,37 @@ TEST_F(BackupMoveTest, WhatIsWrittenAfterItsCopyOutlivesTheCommit) {
     EXPECT_EQ(temp_.readFile(L"store\\data\\a.txt"), "alpha");
 }
 
+TEST_F(BackupMoveTest, RollbackNeverTakesTheOnlyCopy) {
+    makeSmallSource();
+    const TreeImage tree = imageOf(source());
+    {
+        backupmove mover;
+        mover.move(source(), target(), true);
+        backupmove().remove(source()); // by somebody else
+        mover.rollback();
+        EXPECT_TRUE(sameTree(tree, imageOf(source())));
+        EXPECT_FALSE(temp_.has(L"store\\data"));
+    }
+    {
+        backupmove mover;
+        mover.move(source(), target(), false);
+        temp_.writeFile(L"panel\\data\\other.txt", "somebody else's");
+        EXPECT_THROW(mover.rollback(), vexception);
+        EXPECT_TRUE(sameTree(tree, imageOf(target())));
+        backupmove().remove(source());
+        mover.rollback(); // goes on where it stopped
+        EXPECT_TRUE(sameTree(tree, imageOf(source())));
+    }
+    makeFilledTarget();
+    backupmove mover;
+    mover.move(source(), target(), false);
+    backupmove().remove(source());
+    EXPECT_THROW(mover.rollback(), vexception);
+    EXPECT_EQ(temp_.readFile(L"store\\data\\a.txt"), "alpha");
+    mover.commit();
+    EXPECT_EQ(temp_.readFile(L"store\\data\\older.txt"), "older");
+}
+
 TEST_F(BackupMoveTest, SingleFileMovesToo) {
     const std::wstring file = temp_.writeFile(L"panel\\one.txt", "one");
     ntfs_.setStream(file, L"note", "text");
