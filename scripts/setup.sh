@@ -40,11 +40,12 @@ install_packages() {
     fi
     local apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq
         -o DPkg::Lock::Timeout=600 -o Acquire::Retries=2 -o Dpkg::Use-Pty=0)
-    say "Installing: $*"
-    "${apt[@]}" -o APT::Update::Error-Mode=any update >&2 < /dev/null || fail \
+    say "Installing (a minute or more): $*"
+    local log
+    log=$("${apt[@]}" -o APT::Update::Error-Mode=any update 2>&1 < /dev/null) || fail "$log" \
         "The package servers cannot be reached (see above)." \
         "Check the network, http_proxy and /etc/apt/sources.list, then run this again."
-    "${apt[@]}" install -y --no-install-recommends "$@" >&2 < /dev/null || fail \
+    log=$("${apt[@]}" install -y --no-install-recommends "$@" 2>&1 < /dev/null) || fail "$log" \
         "The packages could not be installed (see above)." \
         "After mending the cause (often 'dpkg --configure -a' or a full disk), run this again."
 }
