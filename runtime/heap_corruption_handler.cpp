@@ -52,7 +52,7 @@ void getDumpFile(DumpPath& path) {
 }
 
 void writeDump(EXCEPTION_POINTERS* exception) {
-    DumpPath path;
+    DumpPath path{};
     getDumpFile(path);
     RunTime::AutoHandle file(::CreateFileW(path.text, GENERIC_WRITE | DELETE, 0, nullptr,
                                            CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
