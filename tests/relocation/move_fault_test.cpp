@@ -3,22 +3,14 @@
 #include "runtime/text.h"
 #include "tests/relocation/move_fixture.h"
 #include "tests/support/fault_sweep.h"
-#include "tests/support/import_patch.h"
-#include "tests/support/process_counters.h"
-
-#include <map>
 
 namespace {
 
 enum class Way { Rename, BackupCopy, OrdinaryCopy };
 enum class TargetIs { Missing, Empty, Filled };
 
-void WINAPI noPause(DWORD) {}
-
 class MoveFaultTest : public MoveFixture {
 protected:
-    ImportPatch noPauses_{"Sleep", &noPause}; // of the retries
-
     void makeWorld(TargetIs what) {
         makeSmallSource();
         if (what == TargetIs::Empty) {

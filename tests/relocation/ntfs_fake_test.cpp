@@ -348,4 +348,33 @@ TEST(NtfsFakeTest, AttributesAndTimesAreKeptAsSetAndSweepsSeeTheFake) {
     EXPECT_NE(lines.find("'.f' streams:  -> :s:$DATA= ; security:"), lines.npos) << lines;
 }
 
+TEST(NtfsFakeTest, FingerprintShowsEveryChange) {
+    const TempDirectory temp;
+    NtfsFake ntfs;
+    const std::wstring file = temp.writeFile(L"tree\\sub\\file", "data");
+    std::string last = ntfs.fingerprint(temp / L"tree");
+    EXPECT_EQ(ntfs.fingerprint(temp / L"tree"), last);
+    const std::function<void()> changes[] = {
+        [&] { temp.writeFile(L"tree\\sub\\file", "Data"); },
+        [&] { ntfs.setStream(file, L"s", ""); },
+        [&] { ntfs.setStream(file, L"s", "text"); },
+        [&] { ntfs.setSecurity(file, L"O:BUG:SYD:"); },
+        [&] { ntfs.setSecurity(file, L"O:BUG:SYD:NO_ACCESS_CONTROL"); },
+        [&] { ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_HIDDEN); },
+        [&] { ntfs.setEa(file, "e"); },
+        [&] {
+            FILETIME time = {1, 0x1D00000};
+            ::SetFileTime(open(temp / L"tree\\sub", FILE_WRITE_ATTRIBUTES).get(), nullptr, nullptr,
+                          &time);
+        },
+        [&] { temp.makeDirectory(L"tree\\empty"); },
+    };
+    for (const auto& change : changes) {
+        change();
+        const std::string now = ntfs.fingerprint(temp / L"tree");
+        EXPECT_NE(now, last) << &change - changes;
+        last = now;
+    }
+}
+
 } // namespace

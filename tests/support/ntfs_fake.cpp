@@ -1,9 +1,11 @@
 // NtfsFake itself: its state, the records of files, what items show.
 #include "tests/support/ntfs_fake_state.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <gtest/gtest.h>
+#include <initializer_list>
 #include <stdexcept>
 
 namespace ntfs {
@@ -255,6 +257,66 @@ namespace {
 
 std::unique_ptr<ntfs::State> owner;
 
+void addText(std::string& out, const std::string& text) {
+    out.append(std::to_string(text.size())).append(":").append(text);
+}
+
+void addNumbers(std::string& out, std::initializer_list<std::uint64_t> numbers) {
+    for (const std::uint64_t number : numbers) {
+        out.append(std::to_string(number)).append(" ");
+    }
+}
+
+void addRecord(std::string& out, const ntfs::Extra& extra) {
+    addNumbers(out, {extra.attributes.value_or(~DWORD(0)), extra.flags,
+                     static_cast<std::uint64_t>(extra.created), extra.tag});
+    if (extra.security) {
+        const ntfs::Descriptor& security = *extra.security;
+        addNumbers(out, {security.control, security.dacl.has_value(), security.sacl.has_value()});
+        addText(out, security.owner);
+        addText(out, security.group);
+        addText(out, security.dacl.value_or(""));
+        addText(out, security.sacl.value_or(""));
+    }
+    addText(out, extra.ea);
+    addText(out, extra.objectId);
+    addText(out, extra.reparse);
+    for (const auto& [name, backing] : extra.streams) {
+        addText(out, ntfs::narrow(name));
+        addText(out, ntfs::readAll(ntfs::UnixFile(backing)));
+    }
+}
+
+void addItem(std::string& out, const std::string& path, bool top) {
+    const ntfs::UnixFile file(path, unixcall::OnlyPath | unixcall::NoFollow);
+    if (!file) {
+        out += "missing";
+        return;
+    }
+    const unixcall::Stat64 item = file.stat();
+    addNumbers(out, {item.mode, item.links, item.inode, item.device});
+    if (!top) {
+        addNumbers(out, {static_cast<std::uint64_t>(item.written.seconds),
+                         static_cast<std::uint64_t>(item.written.nanoseconds / 100)});
+    }
+    if (const ntfs::Extra* extra = ntfs::extraOf(file)) {
+        addRecord(out, *extra);
+    }
+    if (item.isLink()) {
+        addText(out, unixReadLink(path));
+    } else if (!item.isDirectory()) {
+        addText(out, ntfs::readAll(file));
+    } else {
+        std::vector<std::string> names = unixEntries(path);
+        std::sort(names.begin(), names.end());
+        for (const std::string& name : names) {
+            addText(out, name);
+            addItem(out, path + "/" + name, false);
+        }
+        out += "end ";
+    }
+}
+
 ntfs::UnixFile existing(const std::wstring& path) {
     ntfs::UnixFile file(unixPath(path), unixcall::OnlyPath | unixcall::NoFollow);
     if (!file) {
@@ -296,6 +358,12 @@ void NtfsFake::setVolumeFlags(wchar_t drive, DWORD flags) {
 
 void NtfsFake::onOpen(const std::wstring& path, int n, std::function<void()> fn) {
     owner->moments.push_back({unixPath(path), n, std::move(fn)});
+}
+
+std::string NtfsFake::fingerprint(const std::wstring& path) {
+    std::string out;
+    addItem(out, unixPath(path), true);
+    return out;
 }
 
 int NtfsFake::openHandles(const std::wstring& path, bool below) {

@@ -75,6 +75,11 @@ public:
     // Windows would refuse: a handle without delete sharing is open on it, or any below it.
     bool swapForLink(const std::wstring& path, const std::string& target);
 
+    // Everything kept of path and all below it, in one text: equal texts mean that nothing differs
+    // but the time of path's own last change. Much quicker than imageOf(); different texts need
+    // not mean anything that a program could see.
+    std::string fingerprint(const std::wstring& path);
+
     // Handles that this executable has open on path itself, or on it and below.
     int openHandles(const std::wstring& path, bool below = true);
     // Breaches so far; they are forgotten by this.
