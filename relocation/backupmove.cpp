@@ -93,14 +93,16 @@ backupmove::backupmove() : logsLock_(logsLockName) {
         progressEvent_Name2.hook([this](const std::wstring& source, const std::wstring& target,
                                         bool isFile, std::int64_t cost, bool& cancel) {
             ++itemsMade_;
+            itemLogged_ = false;
             progressEvent_Name.raise(L"Copy: " + nicePath(source), isFile, cost, cancel);
             if (log_.isOpen() && !cancel) { // a cancelled item is not created
                 log_.append(isFile, target, cost);
+                itemLogged_ = true;
             }
         }));
     hooks_.push_back(itemAbandonedEvent.hook([this] {
         --itemsMade_;
-        if (log_.isOpen()) {
+        if (std::exchange(itemLogged_, false)) { // else the last record is the item's before it
             log_.dropLast();
         }
     }));

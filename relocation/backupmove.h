@@ -101,6 +101,7 @@ private:
     std::int64_t itemsMade_ = 0; // by the copy, in the target
     std::int64_t copyBegan_ = 0; // FILETIME as a number
     TransactionLog log_;
+    bool itemLogged_ = false; // the log has a record of the item last named
     RunTime::InterprocessLock logsLock_;
     bool lockLogs_ = false;
     std::vector<std::wstring> leftBehind_;
