@@ -310,12 +310,10 @@ void backupmove::mergeSetAside() {
         std::vector<FileInformation> entries;
     };
     const auto open = [](std::wstring from, std::wstring to) {
-        constexpr DWORD access = FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES;
-        constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE;
         Pair pair;
-        pair.heldFrom = RunTime::openExisting(from, access, share);
-        pair.heldTo = RunTime::openExisting(to, access, share);
-        if (RunTime::isDirectory(from) && RunTime::isDirectory(to)) {
+        pair.heldFrom = RunTime::openPinnedDirectory(from);
+        pair.heldTo = RunTime::openPinnedDirectory(to);
+        if (pair.heldFrom && pair.heldTo) {
             Directory(from).list(pair.entries, 2);
         }
         pair.from = std::move(from);
