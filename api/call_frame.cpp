@@ -2,6 +2,7 @@
 
 #include "runtime/cwrpexception.h"
 #include "runtime/exception.h"
+#include "runtime/heap_corruption_handler.h"
 #include "runtime/se_translator.h"
 #include "runtime/text.h"
 #include "runtime/thread_cancelation.h"
@@ -57,6 +58,9 @@ std::wstring runPayload(const CallSite& site, const Payload& payload, Span& span
 } // namespace
 
 void run(const CallSite& site, const Payload& payload, ThrowPublic throwPublic) {
+    // For the whole process, from its first public call until the library is unloaded. It does
+    // nothing unless the heap is found corrupted, and writes nothing unless a place is configured.
+    static const HeapCorruptionHandler heapCorruptionHandler(true);
     std::unique_ptr<Span> span;
     std::wstring message;
     bool described = true;

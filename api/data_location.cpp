@@ -1,25 +1,41 @@
 #include "api/data_location.h"
 
 #include "api/call_frame.h"
+#include "api/utils.h"
 #include "relocation/backupmove.h"
-#include "relocation/failure.h"
+#include "runtime/cwrpexception.h"
 #include "runtime/exception.h"
 #include "runtime/native_span.h"
+#include "runtime/text.h"
+
+#include <comdef.h>
 
 namespace zopobsolete {
 
 namespace {
 
-// What a listener does wrong fails the move like any other error, and crosses it as one of ours.
+// Runs listeners in a span of their own. What one of them does wrong fails the move like any other
+// error: as one of ours, with its text, whatever it threw.
 template <class Raise>
 void relay(const char* name, std::int32_t line, Raise&& raise) {
     const NativeSpan span(name, line);
+    const vexception::CallStackInfo frame(L"", name, line);
     try {
         raise();
-    } catch (const vexception&) {
+    } catch (vexception& e) {
+        e += frame;
         throw;
-    } catch (const std::exception&) {
-        throw vexception(describeCurrentException(), {L"", name, line});
+    } catch (const Exception& e) {
+        throw vexception(e.message(), frame);
+    } catch (const std::exception& e) {
+        throw vexception(toWide(e.what()), frame);
+    } catch (const _com_error& e) {
+        const wchar_t* text = e.ErrorMessage();
+        throw vexception(text != nullptr ? text : L"", frame);
+    } catch (const cwrpexception& e) {
+        throw vexception(e.get_ErrorMessage(), frame);
+    } catch (...) {
+        throw vexception(L"Unexpected error", frame);
     }
 }
 
@@ -53,22 +69,23 @@ private:
 };
 
 DataLocation::DataLocation()
-    : proxy_(makeInFrame<DataLocationProxy>(
-          {"zopobsolete::DataLocation::DataLocation", __LINE__, __LINE__ + 1}, *this)) {}
+    : proxy_(callFrame({"zopobsolete::DataLocation::DataLocation", __LINE__, __LINE__ + 1},
+                       [&] { return std::make_shared<DataLocationProxy>(*this); })) {}
 
 DataLocation::DataLocation(StreamType type) : DataLocation() {
     set_CopyStreams(type);
 }
 
 DataLocation::DataLocation(StreamType type, bool copyOwner) : DataLocation(type) {
-    proxy_->set_copyOwner(copyOwner);
+    callFrame({"zopobsolete::DataLocation::DataLocation", __LINE__, __LINE__ + 1},
+              [&] { native()->set_copyOwner(copyOwner); });
 }
 
 DataLocation::~DataLocation() = default;
 
 StreamType DataLocation::get_CopyStreams() {
     return callFrame({"zopobsolete::DataLocation::CopyStreams::get", __LINE__, __LINE__ + 1},
-                     [&] { return native().get_streams(); });
+                     [&] { return native()->get_streams(); });
 }
 
 void DataLocation::set_CopyStreams(StreamType type) {
@@ -82,14 +99,16 @@ void DataLocation::set_CopyStreams(StreamType type) {
                 mask = mask | flag;
             }
         }
-        native().set_streams(mask);
+        native()->set_streams(mask);
     });
 }
 
 bool DataLocation::Change(const std::wstring& source, const std::wstring& dest) {
     return callFrame({"zopobsolete::DataLocation::Change", __LINE__, __LINE__ + 1}, [&] {
+        const auto mover = native();
         try {
-            moved_ = native().move(source, dest, false);
+            moved_ = mover->move(Utils::toUnmanagedString(source), Utils::toUnmanagedString(dest),
+                                 false);
         } catch (const CanceledException&) {
             return false;
         }
@@ -98,44 +117,44 @@ bool DataLocation::Change(const std::wstring& source, const std::wstring& dest) 
 }
 
 void DataLocation::Commit() {
-    callFrame({"zopobsolete::DataLocation::Commit", 337, 339}, [&] { native().commit(); });
+    callFrame({"zopobsolete::DataLocation::Commit", 337, 339}, [&] { native()->commit(); });
 }
 
 void DataLocation::Rollback() {
     callFrame({"zopobsolete::DataLocation::Rollback", __LINE__, __LINE__ + 1},
-              [&] { native().rollback(); });
+              [&] { native()->rollback(); });
 }
 
 std::vector<std::wstring> DataLocation::get_Failed() {
     return callFrame({"zopobsolete::DataLocation::Failed::get", __LINE__, __LINE__ + 1},
-                     [&] { return native().get_failed(); });
+                     [&] { return native()->get_failed(); });
 }
 
 CopyReport DataLocation::get_Report() {
     return callFrame({"zopobsolete::DataLocation::Report::get", __LINE__, __LINE__ + 1},
-                     [&] { return native().get_report(); });
+                     [&] { return native()->get_report(); });
 }
 
 std::vector<std::wstring> DataLocation::get_LeftBehind() {
     return callFrame({"zopobsolete::DataLocation::LeftBehind::get", __LINE__, __LINE__ + 1},
-                     [&] { return native().get_leftBehind(); });
+                     [&] { return native()->get_leftBehind(); });
 }
 
 std::vector<std::wstring> DataLocation::get_PendingRestart() {
     return callFrame({"zopobsolete::DataLocation::PendingRestart::get", __LINE__, __LINE__ + 1},
-                     [&] { return native().get_pendingRestart(); });
+                     [&] { return native()->get_pendingRestart(); });
 }
 
 void DataLocation::Dispose() {
     proxy_.reset();
 }
 
-DataLocationProxy& DataLocation::native() {
+std::shared_ptr<DataLocationProxy> DataLocation::native() {
     if (!proxy_) {
         throw vexception(L"The data location has been disposed of",
-                         {L"", "zopobsolete::DataLocation", __LINE__});
+                         {L"", "DataLocation::native", __LINE__});
     }
-    return *proxy_;
+    return proxy_;
 }
 
 } // namespace zopobsolete

@@ -69,13 +69,14 @@ public:
     Event<const std::wstring&, bool, std::int64_t, bool&> ProgressEvent_Name;
     Event<BackupCopyErrorEvent&> ErrorEvent;
 
-    // Releases the transaction's resources at once; it is not rolled back. Later calls fail.
+    // Releases the transaction's resources; it is not rolled back. Later calls fail. Called by a
+    // handler, it takes effect when the running operation has ended.
     void Dispose();
 
 private:
-    DataLocationProxy& native();
+    std::shared_ptr<DataLocationProxy> native();
 
-    std::unique_ptr<DataLocationProxy> proxy_;
+    std::shared_ptr<DataLocationProxy> proxy_; // shared with the operation that runs
     bool moved_ = false;
 };
 

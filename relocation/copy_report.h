@@ -1,6 +1,8 @@
 // What a tree copy could not carry over although the items' data arrived whole, by kind and count.
 #pragma once
 
+#include "runtime/export.h"
+
 #include <array>
 #include <cstdint>
 #include <string>
@@ -34,9 +36,9 @@ public:
     static constexpr std::size_t maxExamples = 10;
 
     // path may be in either form; it is kept in the nice one.
-    void add(CopyLoss kind, const std::wstring& path);
+    ZOP_API void add(CopyLoss kind, const std::wstring& path);
     const Entry& of(CopyLoss kind) const { return entries_[static_cast<std::size_t>(kind)]; }
-    bool isEmpty() const;
+    ZOP_API bool isEmpty() const;
     void clear() { entries_ = {}; }
 
 private:
@@ -44,4 +46,4 @@ private:
 };
 
 // The kind in words, for a list shown to people ("named streams").
-const wchar_t* describe(CopyLoss kind);
+ZOP_API const wchar_t* describe(CopyLoss kind);

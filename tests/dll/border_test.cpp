@@ -1,0 +1,150 @@
+// What crosses the border between zopnative.dll and a program with a C++ runtime of its own:
+// objects, events, exceptions, memory, threads.
+#include "api/data_location.h"
+#include "api/exception.h"
+#include "tests/dll/small_tree.h"
+
+#include <gtest/gtest.h>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+using zopobsolete::BackupCopyErrorEvent;
+using zopobsolete::DataLocation;
+
+// Its thread goes through the program's own thread-local destructors and through the library's.
+struct Farewell {
+    std::atomic<int>* count = nullptr;
+    ~Farewell() {
+        if (count != nullptr) {
+            ++*count;
+        }
+    }
+};
+thread_local Farewell farewell;
+
+} // namespace
+
+TEST(BorderTest, TheProgramHasNoRoomOfTheLibrary) {
+    EXPECT_NE(::GetModuleHandleW(L"zopnative.dll"), nullptr);
+    EXPECT_EQ(::GetProcAddress(::GetModuleHandleW(nullptr), "zopSeTranslateFaulted"), nullptr);
+}
+
+TEST(BorderTest, ThePublicExceptionIsCaughtByItsTypeAndByItsBase) {
+    DataLocation location;
+    const int before = std::uncaught_exceptions();
+    for (int round = 0; round < 100; ++round) {
+        try {
+            location.Change(L"C:\\no such directory", L"C:\\nowhere");
+            ADD_FAILURE() << "nothing was thrown";
+        } catch (const zopobsolete::Exception& e) {
+            const zopobsolete::Exception copy = e;
+            EXPECT_NE(copy.message().find(L"Unable to move (C:\\no such directory)"),
+                      std::wstring::npos);
+            EXPECT_NE(std::string(copy.what()).find("(zopobsolete::DataLocation::Change line "),
+                      std::string::npos);
+        }
+        EXPECT_THROW(location.Change(L"", L""), std::exception);
+    }
+    static_cast<void>(before);
+}
+
+TEST(BorderTest, ListsAndReportsComeOutOfACopy) {
+    const SmallTree tree;
+    tree.fillTarget();
+    std::filesystem::create_directories(tree.target() + L"\\a.txt"); // in the way of a file
+    DataLocation location(StreamType::Data | StreamType::SecurityData, true);
+    int errors = 0;
+    const Hook ignoring = location.ErrorEvent.hook([&](BackupCopyErrorEvent& error) {
+        EXPECT_FALSE(error.message.empty());
+        error.message.assign(10000, L'x'); // memory of the program in an object of the library
+        error.ignore = true;
+        ++errors;
+    });
+    ASSERT_TRUE(location.Change(tree.source(), tree.target()));
+    EXPECT_EQ(errors, 1);
+    EXPECT_EQ(location.get_Failed().size(), 1U);
+    const CopyReport report = location.get_Report();
+    EXPECT_FALSE(report.isEmpty());
+    EXPECT_GE(report.of(CopyLoss::MergedDirectory).count, 1);
+    EXPECT_STRNE(describe(CopyLoss::MergedDirectory), L"");
+    location.Rollback();
+    EXPECT_TRUE(tree.isWholeAt(tree.source()));
+}
+
+TEST(BorderTest, AThrowingListenerFailsTheMoveAndItsTextComesBack) {
+    const SmallTree tree;
+    tree.fillTarget();
+    DataLocation location;
+    const std::function<void()> failures[] = {
+        [] { throw std::runtime_error("the program's own"); },
+        [] { throw zopobsolete::Exception(L"the program's own"); },
+    };
+    for (const auto& fail : failures) {
+        const Hook names = location.ProgressEvent_Name.hook(
+            [&](const std::wstring&, bool, std::int64_t, bool&) { fail(); });
+        try {
+            location.Change(tree.source(), tree.target());
+            ADD_FAILURE() << "nothing was thrown";
+        } catch (const zopobsolete::Exception& e) {
+            EXPECT_TRUE(e.message().starts_with(L"the program's own\n")) << e.what();
+        }
+        const_cast<Hook&>(names).unhook();
+        location.Rollback();
+    }
+    EXPECT_TRUE(tree.isWholeAt(tree.source()));
+    EXPECT_FALSE(tree.isWholeAt(tree.target()));
+}
+
+// Locks, thread-local variables and logging on both sides at once: each side has its own copy of
+// the threading library. A cancelled move that is committed all the same is logged as an error.
+TEST(BorderTest, ThreadsOfTheProgramMayAllUseTheLibrary) {
+    constexpr int threadCount = 6;
+    constexpr int rounds = 5;
+    std::mutex mutex;
+    int done = 0;
+    std::atomic<int> farewells{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back([&, t] {
+            farewell.count = &farewells;
+            for (int round = 0; round < rounds; ++round) {
+                const SmallTree tree;
+                if (t % 2 == 0) {
+                    tree.fillTarget();
+                }
+                DataLocation location;
+                const Hook names = location.ProgressEvent_Name.hook(
+                    [&](const std::wstring&, bool, std::int64_t, bool& cancel) {
+                        const std::lock_guard lock(mutex);
+                        cancel = t % 2 == 0;
+                    });
+                if (location.Change(tree.source(), tree.target())) {
+                    location.Commit();
+                    EXPECT_TRUE(tree.isWholeAt(tree.target()));
+                } else {
+                    EXPECT_THROW(location.Commit(), zopobsolete::Exception);
+                    location.Rollback();
+                    EXPECT_TRUE(tree.isWholeAt(tree.source()));
+                }
+                const std::lock_guard lock(mutex);
+                ++done;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(done, threadCount * rounds);
+    EXPECT_EQ(farewells, threadCount);
+}
+
+// Goes when the program's own statics go, while the library is still there.
+TEST(BorderTest, AnObjectMayLiveToTheEndOfTheProcess) {
+    static DataLocation location(StreamType::Data);
+    static const Hook names =
+        location.ProgressEvent_Name.hook([](const std::wstring&, bool, std::int64_t, bool&) {});
+    EXPECT_EQ(location.get_CopyStreams(), StreamType::Data);
+}
