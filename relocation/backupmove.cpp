@@ -73,6 +73,16 @@ std::wstring withNames(const wchar_t* format, const std::wstring& first,
     return formatString(format, nicePath(first).c_str(), nicePath(second).c_str());
 }
 
+// Empty where the system cannot tell it: it needs to list every directory above, and was seen to
+// miss the path where others made and removed directories beside it.
+std::wstring shortPathIfTold(const std::wstring& path) {
+    try {
+        return RunTime::shortPath(path);
+    } catch (const vosexception&) {
+        return {};
+    }
+}
+
 // Whether a directory holds nothing at all: no entry, and no named stream of its own.
 bool isEmptyDirectory(const std::wstring& path) {
     if (!RunTime::isDirectory(path)) {
@@ -140,7 +150,8 @@ bool backupmove::move(const std::wstring& source, const std::wstring& target, bo
     // A tree cannot be renamed into itself.
     bool copies = copy || !sameVolume || RunTime::isStrictlyInside(to_, from_);
     if (RunTime::exists(to_)) {
-        if (RunTime::equalNames(RunTime::shortPath(from_), RunTime::shortPath(to_)) ||
+        const std::wstring shortSource = shortPathIfTold(from_);
+        if ((!shortSource.empty() && RunTime::equalNames(shortSource, shortPathIfTold(to_))) ||
             RunTime::theSameDirectory(from_, to_)) {
             source_.clear();
             target_.clear();
@@ -163,7 +174,7 @@ bool backupmove::move(const std::wstring& source, const std::wstring& target, bo
 }
 
 bool backupmove::setTargetAside() {
-    std::wstring given = RunTime::shortPath(target_);
+    std::wstring given = shortPathIfTold(target_);
     while (!given.empty() && given.back() == L'\\') {
         given.pop_back();
     }

@@ -90,7 +90,7 @@ TEST(BorderTest, ThreadsOfTheProgramMayAllUseTheLibrary) {
     int done = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < threadCount; ++t) {
-        threads.emplace_back([&, t] {
+        const auto work = [&, t] {
             for (int round = 0; round < rounds; ++round) {
                 const SmallTree tree;
                 if (t % 2 == 0) {
@@ -112,6 +112,13 @@ TEST(BorderTest, ThreadsOfTheProgramMayAllUseTheLibrary) {
                 }
                 const std::lock_guard lock(mutex);
                 ++done;
+            }
+        };
+        threads.emplace_back([work] {
+            try {
+                work();
+            } catch (const std::exception& e) {
+                ADD_FAILURE() << e.what();
             }
         });
     }
