@@ -163,6 +163,11 @@ BOOL WINAPI deviceIoControl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, 
                    : answer(extra->objectId, out, outSize, returned);
     }
     case FSCTL_SET_OBJECT_ID:
+        for (const auto& [key, other] : state->extras) {
+            if (other.objectId == std::string(static_cast<char*>(in), inSize)) {
+                return fail(ERROR_OBJECT_ALREADY_EXISTS); // unique on a volume
+            }
+        }
         extraOf(file->file, true)->objectId.assign(static_cast<char*>(in), inSize);
         return TRUE;
     default:
