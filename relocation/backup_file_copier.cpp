@@ -702,6 +702,9 @@ void BackupFileCopier::reportDropped(const BackupStreamCopy::Found& found,
             report_.add(loss, path);
         }
     }
+    if (found.sparseStream) {
+        report_.add(CopyLoss::Sparse, path);
+    }
     if (found.transactionData) {
         report_.add(CopyLoss::TransactionData, path);
     }

@@ -206,6 +206,7 @@ BackupStreamCopy::Action BackupStreamCopy::actionFor(const WIN32_STREAM_ID& head
                                                                   : StreamType::AlternateData);
         if (dataAction_ == Action::Keep && (header.dwStreamAttributes & sparseAttribute)) {
             found.sparse = true;
+            found.sparseStream |= header.dwStreamId == BACKUP_ALTERNATE_DATA;
         }
         return dataAction_;
     case BACKUP_SPARSE_BLOCK:

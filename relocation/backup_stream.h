@@ -52,6 +52,7 @@ public:
         StreamType dropped = StreamType::None; // kinds seen and not kept
         bool transactionData = false;          // seen and dropped
         bool sparse = false;                   // holes seen in what was kept
+        bool sparseStream = false;             // in a named stream: the writer fills them
     };
 
     // bytes of data passed so far; for items larger than the buffer, once a buffer

@@ -96,7 +96,7 @@ TEST_F(BackupFileCopierTest, HolesStreamsLinksAndFlagsTravel) {
         copier.set_copyOwner(true);
         copier.copy(source(), target());
         EXPECT_TRUE(sameTree(before, imageOf(target())));
-        EXPECT_TRUE(copier.get_report().isEmpty());
+        EXPECT_EQ(countOf(copier, CopyLoss::Sparse), way.refusal != 0 ? 0 : 1); // the stream "b"
         EXPECT_EQ(ntfs_.ea(copied(L"streams")), way.refusal != 0 ? "" : "extended");
         for (const wchar_t* name : sparse) {
             if (!way.asData) {
