@@ -76,6 +76,7 @@ auto callFrame(const CallSite& site, Function&& payload) -> std::invoke_result_t
         auto body = [&payload, &result] { result.emplace(payload()); };
         const auto run = [](void* object) { (*static_cast<decltype(body)*>(object))(); };
         call_frame::run(site, {&body, run}, thrower);
+        // NOLINTNEXTLINE(bugprone-unchecked-optional-access): run() throws where it is empty
         return std::move(*result);
     }
 }

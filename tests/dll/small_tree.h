@@ -10,11 +10,7 @@
 
 class SmallTree {
 public:
-    SmallTree() {
-        static std::atomic<int> count{0};
-        root_ = std::filesystem::temp_directory_path() /
-                (L"zop dll " + std::to_wstring(::GetCurrentProcessId()) + L" " +
-                 std::to_wstring(++count));
+    SmallTree() : root_(freshPath()) {
         std::filesystem::create_directories(root_ / L"store");
         std::filesystem::create_directories(source() + L"\\sub");
         write(source() + L"\\a.txt", "alpha");
@@ -40,6 +36,12 @@ public:
     }
 
 private:
+    static std::filesystem::path freshPath() {
+        static std::atomic<int> count{0};
+        return std::filesystem::temp_directory_path() /
+               (L"zop dll " + std::to_wstring(::GetCurrentProcessId()) + L" " +
+                std::to_wstring(++count));
+    }
     static void write(const std::filesystem::path& path, const std::string& text) {
         std::ofstream(path, std::ios::binary) << text;
     }
