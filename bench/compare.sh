@@ -153,7 +153,10 @@ fi
 if wanted calls; then
     for way in ordinary backup; do
         printf '\nWin32 calls an item, %s path\n' "$way"
-        program call_counts "$way" 'p:\'
+        result=$(program call_counts "$way" 'p:\') || fail "$result" "The calls could not be counted."
+        printf '%s\n' "$result"
+        note "$way" file "$(grep 'copied file' <<< "$result" | field sum)"
+        note "$way" directory "$(grep 'copied directory' <<< "$result" | field sum)"
     done
 fi
 if wanted micro; then

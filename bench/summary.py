@@ -53,6 +53,8 @@ if renames:
     print("rename  " + "   ".join(f"{files} files {time:.1f} ms" for files, time in sorted(renames.items())))
     few, many = min(renames), max(renames)
     target(f"rename of {many} files against one of {few}", renames[many] / renames[few], 1.5)
+for item, calls in results["backup"].items():
+    target(f"Win32 calls a copied {item}, backup path", max(calls), 14)
 for files, peaks in results["memory"].items():
     print(f"memory  {files} files: {max(peaks) / 1024:.1f} MiB at the peak")
     target(f"memory with {files} files", max(peaks) / 1024, 64, " MiB")

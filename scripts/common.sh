@@ -11,11 +11,11 @@ fail() { # what went wrong, then what to do about it, a line each
     exit 1
 }
 
-# Configures where that has not been done yet, and builds: PRESET [TARGET...]
+# Configures where that has not been done yet, or the presets have changed, and builds: PRESET [TARGET...]
 build() {
     local preset=$1
     shift
-    [ -f "$root/build/$preset/build.ninja" ] || (cd "$root" && cmake --preset "$preset")
+    [ "$root/build/$preset/build.ninja" -nt "$root/CMakePresets.json" ] || (cd "$root" && cmake --preset "$preset")
     (cd "$root" && cmake --build --preset "$preset" -j "$(nproc)" ${1:+--target "$@"})
 }
 
