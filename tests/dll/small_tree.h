@@ -11,6 +11,7 @@
 class SmallTree {
 public:
     SmallTree() : root_(freshPath()) {
+        std::filesystem::remove_all(root_); // of a killed run whose process had the same id
         std::filesystem::create_directories(root_ / L"store");
         std::filesystem::create_directories(source() + L"\\sub");
         write(source() + L"\\a.txt", "alpha");
