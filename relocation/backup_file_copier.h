@@ -34,7 +34,7 @@ public:
     // tells whether the target has an item of ours afterwards, also when an exception is thrown: a
     // half-copied one is removed again if that is possible. ERROR_FILE_EXISTS for a name that is
     // taken. Paths are in long form, and both parents are held open by the caller.
-    void copyFile(const std::wstring& source, const RunTime::FileInformation& entry,
+    void copyFile(const std::wstring& source, const RunTime::FileInformation& listed,
                   const std::wstring& target, TargetDirectory& parent, bool& created);
 
     // Opens a directory for a copy out of it: listing and streams. It cannot be renamed or removed

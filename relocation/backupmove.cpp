@@ -451,7 +451,7 @@ void backupmove::replayLog() {
             errorEvent.raise(error.what(), ignore);
             leftBehind_.push_back(nicePath(record.name));
             if (!ignore) {
-                throw error;
+                throw vosexception(error);
             }
         }
     }

@@ -231,11 +231,10 @@ TEST_F(BackupFileCopierTest, WhatTheTargetsVolumeCannotKeepIsReported) {
 }
 
 std::int64_t readLimit;
-ImportPatch* cutting;
+decltype(&::BackupRead) uncutRead;
 BOOL WINAPI cutRead(HANDLE file, LPBYTE buffer, DWORD wanted, LPDWORD got, BOOL abort,
                     BOOL security, LPVOID* context) {
-    const BOOL done = cutting->original<decltype(&::BackupRead)>()(file, buffer, wanted, got, abort,
-                                                                   security, context);
+    const BOOL done = uncutRead(file, buffer, wanted, got, abort, security, context);
     if (done && !abort && readLimit >= 0) {
         *got = static_cast<DWORD>(std::min<std::int64_t>(*got, readLimit));
         readLimit -= *got;
@@ -272,7 +271,7 @@ TEST_F(BackupFileCopierTest, DamagedStreamsAreErrorsOfTheirItem) {
         SCOPED_TRACE(damage.name);
         for (const unsigned seed : {0u, 5u}) {
             ImportPatch patch("BackupRead", &cutRead);
-            cutting = &patch;
+            uncutRead = patch.original<decltype(&::BackupRead)>();
             backupcopy copier;
             DWORD code = 0;
             const Hook hook = copier.progressEvent_Name2.hook(

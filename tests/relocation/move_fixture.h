@@ -8,6 +8,7 @@
 #include "tests/support/temp_directory.h"
 #include "tests/support/tree_image.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
@@ -22,6 +23,7 @@ protected:
     void SetUp() override {
         temp_.makeDirectory(L"panel");
         temp_.makeDirectory(L"store");
+        olderLogs_ = logs();
     }
 
     void makeRichSource() {
@@ -77,7 +79,7 @@ protected:
         }
         EXPECT_TRUE(logs().empty()) << "a log was left";
     }
-    // Logs in the root of the volume.
+    // Logs in the root of the volume, but for those of runs that were killed.
     std::vector<std::wstring> logs() const {
         std::vector<std::wstring> names;
         WIN32_FIND_DATAW found;
@@ -86,7 +88,10 @@ protected:
             ::FindFirstFileW((root + L"{71D2213F-C992-4279-B3B7-EEB2A16870A3}*").c_str(), &found);
         if (find != INVALID_HANDLE_VALUE) {
             do {
-                names.emplace_back(found.cFileName);
+                if (std::find(olderLogs_.begin(), olderLogs_.end(), found.cFileName) ==
+                    olderLogs_.end()) {
+                    names.emplace_back(found.cFileName);
+                }
             } while (::FindNextFileW(find, &found));
             ::FindClose(find);
         }
@@ -104,4 +109,5 @@ protected:
     ImportPatch noPauses_{"Sleep", &noPause}; // of the retries
     TempDirectory temp_{quickDrive()};
     NtfsFake ntfs_;
+    std::vector<std::wstring> olderLogs_;
 };

@@ -111,37 +111,38 @@ TEST_F(TransactionLogTest, DamagedLogDeletesNothing) {
     const auto added = [](const std::string& bytes) {
         return [=](const std::string& log) { return log + bytes; };
     };
-    for (const Case& damage : {
-             Case{"emptied", only(""), name},
-             Case{"a few bytes", only("1234567"), cost},
-             Case{"no length", only("12345678901"), length},
-             Case{"length zero", added(record(1, L"", 0, 7)), length},
-             Case{"length beyond all names", added(record(1, inside, 40'000, 7)), length},
-             Case{"length beyond the log", only(record(1, inside, 5'000, 7)), name},
-             Case{"no flag", only(record(inside).substr(1)), type},
-             Case{"flag neither 0 nor 1",
-                  added(record(2, inside, static_cast<std::uint32_t>(inside.size()), 7)), type},
-             Case{"cut short", [](const std::string& log) { return log.substr(0, log.size() - 3); },
-                  nullptr},
-             Case{"half lost at the front",
-                  [](const std::string& log) { return log.substr(log.size() / 2); }, nullptr},
-             Case{"rubbish behind", added("\xFF\xFE\xFD"), nullptr},
-             Case{"an older item", added(record(inside)), name},
-             Case{"outside", added(record(outside)), name},
-             Case{"the target itself", added(record(target())), name},
-             Case{"dots", added(record(target() + L"\\..\\..\\victim.txt")), name},
-             Case{"a neighbour", added(record(target() + L"2\\x")), name},
-             Case{"a stream", added(record(inside + L":note")), name},
-             Case{"a zero", added(record(target() + std::wstring(L"\\a\0b", 4))), name},
-             Case{"another name of the same length",
-                  [&](std::string log) {
-                      const std::wstring from = L"a.txt", to = L"A.txt";
-                      const std::string old(reinterpret_cast<const char*>(from.data()), 10);
-                      log.replace(log.find(old), 10, reinterpret_cast<const char*>(to.data()), 10);
-                      return log;
-                  },
-                  name},
-         }) {
+    const Case cases[] = {
+        Case{"emptied", only(""), name},
+        Case{"a few bytes", only("1234567"), cost},
+        Case{"no length", only("12345678901"), length},
+        Case{"length zero", added(record(1, L"", 0, 7)), length},
+        Case{"length beyond all names", added(record(1, inside, 40'000, 7)), length},
+        Case{"length beyond the log", only(record(1, inside, 5'000, 7)), name},
+        Case{"no flag", only(record(inside).substr(1)), type},
+        Case{"flag neither 0 nor 1",
+             added(record(2, inside, static_cast<std::uint32_t>(inside.size()), 7)), type},
+        Case{"cut short", [](const std::string& log) { return log.substr(0, log.size() - 3); },
+             nullptr},
+        Case{"half lost at the front",
+             [](const std::string& log) { return log.substr(log.size() / 2); }, nullptr},
+        Case{"rubbish behind", added("\xFF\xFE\xFD"), nullptr},
+        Case{"an older item", added(record(inside)), name},
+        Case{"outside", added(record(outside)), name},
+        Case{"the target itself", added(record(target())), name},
+        Case{"dots", added(record(target() + L"\\..\\..\\victim.txt")), name},
+        Case{"a neighbour", added(record(target() + L"2\\x")), name},
+        Case{"a stream", added(record(inside + L":note")), name},
+        Case{"a zero", added(record(target() + std::wstring(L"\\a\0b", 4))), name},
+        Case{"another name of the same length",
+             [&](std::string log) {
+                 const std::wstring from = L"a.txt", to = L"A.txt";
+                 const std::string old(reinterpret_cast<const char*>(from.data()), 10);
+                 log.replace(log.find(old), 10, reinterpret_cast<const char*>(to.data()), 10);
+                 return log;
+             },
+             name},
+    };
+    for (const Case& damage : cases) {
         SCOPED_TRACE(damage.what);
         backupmove mover;
         EXPECT_FALSE(mover.move(source(), target(), false));
