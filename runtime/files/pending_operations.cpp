@@ -282,9 +282,13 @@ int dropPendingOperations(const std::wstring& path) {
     // An operation may have been scheduled under any name of the path.
     std::vector<std::wstring> paths = {longPath(path)};
     if (exists(paths.front())) {
-        for (std::wstring other : {shortPath(paths.front()), longNamePath(paths.front())}) {
-            if (!equalNames(other, paths.front())) {
-                paths.push_back(std::move(other));
+        for (const auto form : {&shortPath, &longNamePath}) {
+            try {
+                std::wstring other = form(paths.front());
+                if (!equalNames(other, paths.front())) {
+                    paths.push_back(std::move(other));
+                }
+            } catch (const vosexception&) { // a name that cannot be told is in no list either
             }
         }
     }
