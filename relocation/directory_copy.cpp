@@ -88,7 +88,9 @@ private:
         if (entry.isLink()) {
             copyItem(entry, level.inherited);
         } else if (!isTargetRoot(entry)) {
-            const FileInformation copy = entry; // levels_ moves as it grows
+            // levels_ moves as it grows.
+            // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+            const FileInformation copy = entry;
             enter(copy, false);
         }
     }

@@ -156,12 +156,13 @@ def check_tidy(sources):
                 for entry in json.loads((LINT_BUILD / "compile_commands.json").read_text())}
     version = run(CLANG_TIDY, "--version").stdout
     compiler = run("x86_64-w64-mingw32-g++-posix", "-dumpfullversion").stdout
-    configs = "".join(path.read_text() for path in sorted([ROOT / ".clang-tidy", *ROOT.glob("*/.clang-tidy")]))
     known = {}
     CACHE.mkdir(parents=True, exist_ok=True)
 
     def one(source):
-        state = hashlib.sha256((version + compiler + configs + commands[source]).encode())
+        configs = [folder / ".clang-tidy" for folder in source.parents if (folder / ".clang-tidy").is_file()]
+        config = "".join(path.read_text() for path in configs)
+        state = hashlib.sha256((version + compiler + config + commands[source]).encode())
         for path in sorted(reachable(source, known)):
             state.update(relative(path).encode() + path.read_bytes())
         clean = CACHE / state.hexdigest()
