@@ -7,4 +7,8 @@ here=$(dirname "${BASH_SOURCE[0]}")
 "$here/setup.sh"
 build release
 cd "$root"
-"$here/sandbox.sh" ctest --preset release --no-tests=error "$@" < /dev/null
+# A round trip to Wine's server costs a fraction on one core of what it costs between two idle ones: the
+# tests take one minute in place of six.
+pin=()
+if taskset -c 0 true 2> /dev/null; then pin=(taskset -c 0); fi
+${pin[@]+"${pin[@]}"} "$here/sandbox.sh" ctest --preset release --no-tests=error "$@" < /dev/null
