@@ -9,7 +9,7 @@ build coverage
 cd "$root"
 find build/coverage -name '*.gcda' -delete # counts of the last run would add up
 status=0
-"$here/sandbox.sh" ctest --preset coverage --no-tests=error "$@" < /dev/null || status=$?
+ctest --preset coverage --no-tests=error "$@" < /dev/null || status=$?
 mkdir -p build/coverage/report
 gcovr --root . --object-directory build/coverage build/coverage \
     --gcov-executable x86_64-w64-mingw32-gcov-posix \

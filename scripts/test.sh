@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# [CTEST ARGUMENTS...]: sets the machine up, builds, and runs the tests through Wine in a prefix of
-# their own. For example: scripts/test.sh -R relocation
+# [CTEST ARGUMENTS...]: sets the machine up, builds, and runs the tests through Wine.
+# For example: scripts/test.sh -R relocation
 set -euo pipefail
 here=$(dirname "${BASH_SOURCE[0]}")
 . "$here/common.sh"
@@ -11,4 +11,4 @@ cd "$root"
 # tests take one minute in place of six.
 pin=()
 if taskset -c 0 true 2> /dev/null; then pin=(taskset -c 0); fi
-${pin[@]+"${pin[@]}"} "$here/sandbox.sh" ctest --preset release --no-tests=error "$@" < /dev/null
+${pin[@]+"${pin[@]}"} ctest --preset release --no-tests=error "$@" < /dev/null
