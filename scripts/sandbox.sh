@@ -32,6 +32,15 @@ clean_up() {
     remove_sandbox "$run"
 }
 
+# Cleans up when this script was killed before it could; ctest does that at Ctrl+C. Nobody's child, so
+# not killed with the others.
+guard() {
+    trap '' INT TERM HUP
+    exec 6< "$run/lock" 7>&-
+    flock 6 # held for as long as the script lives
+    [ ! -d "$run" ] || clean_up
+}
+
 drive() { # LETTER DIRECTORY VARIABLE
     ln -sfn "$2" "$run/prefix/dosdevices/$1:"
     export "$3=${1^}:\\"
@@ -48,6 +57,7 @@ run=$(mktemp -d "$cache/sandboxes/XXXXXX")
 exec 7> "$run/lock"
 flock 7
 exec 8>&-
+(guard < /dev/null > /dev/null 2>&1 &)
 trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
