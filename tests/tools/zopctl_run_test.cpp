@@ -78,36 +78,7 @@ Outcome run(const TempDirectory& directory, const std::wstring& commandLine) {
 
 } // namespace
 
-TEST(ZopctlRunTest, WrongCommandLinesAreUsageErrorsAndHelpIsNot) {
-    const TempDirectory directory;
-    struct Case {
-        const wchar_t* words;
-        DWORD exitCode;
-        const char* says;
-    };
-    const Case cases[] = {
-        {L"", 2, "Commands:"},
-        {L"data", 2, "needs a second word: zopctl data move SOURCE TARGET"},
-        {L"move C:\\a D:\\b", 2, "did you mean \"data move\"?"},
-        {L"data mvoe C:\\a D:\\b", 2, "did you mean \"data move\"?"},
-        {L"data move C:\\a", 2, "TARGET is missing."},
-        {L"data move C:\\a D:\\b --dryrun", 2, "did you mean \"--dry-run\"?"},
-    };
-    for (const Case& wrong : cases) {
-        const Outcome done = run(directory, wrong.words);
-        EXPECT_EQ(done.exitCode, wrong.exitCode) << toUtf8(wrong.words);
-        EXPECT_NE(done.errors.find(wrong.says), std::string::npos) << done.errors;
-        EXPECT_EQ(done.output, "");
-    }
-    for (const wchar_t* words : {L"--help", L"help", L"/?", L"help data move", L"data move -h"}) {
-        const Outcome done = run(directory, words);
-        EXPECT_EQ(done.exitCode, 0U) << toUtf8(words);
-        EXPECT_NE(done.output.find("data move"), std::string::npos) << toUtf8(words);
-        EXPECT_EQ(done.errors, "");
-    }
-}
-
-TEST(ZopctlRunTest, AMoveAndAComparisonFromTheShell) {
+TEST(ZopctlRunTest, AMoveAComparisonAndAMistakeFromTheShell) {
     const TempDirectory directory;
     const TempDirectory logs;
     TreeBuilder(directory / L"my data \u65E5").file(L"\u00E4.txt", "text").directory(L"sub");
@@ -135,4 +106,9 @@ TEST(ZopctlRunTest, AMoveAndAComparisonFromTheShell) {
     EXPECT_EQ(differs.exitCode, 1U);
     EXPECT_NE(differs.output.find("\xC3\xA4.txt: contents"), std::string::npos) << differs.output;
     EXPECT_EQ(run(logs, L"tree compare " + target + L" C:\\none").exitCode, 4U);
+
+    const Outcome wrong = run(logs, L"");
+    EXPECT_EQ(wrong.exitCode, 2U);
+    EXPECT_NE(wrong.errors.find("Commands:"), std::string::npos) << wrong.errors;
+    EXPECT_EQ(wrong.output, "");
 }

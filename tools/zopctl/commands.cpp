@@ -13,18 +13,33 @@ namespace zopctl {
 
 namespace {
 
-std::wstring helpText() {
-    std::wstring text = L"zopctl relocates and checks the data of the hosting panel.\n"
-                        L"\n"
-                        L"Commands:\n";
-    for (const Command& command : commands()) {
-        std::wstring call = std::wstring(L"  zopctl ") + command.group + L" " + command.name +
-                            L" " + command.arguments;
-        call.resize(std::max<std::size_t>(call.size() + 2, 38), L' ');
-        text += call + command.summary + L"\n";
+std::wstring fullName(const Command& command) {
+    return std::wstring(command.group) + L" " + command.name;
+}
+
+// One line for each of the commands: the words to type, and what it does.
+std::wstring listOf(const std::vector<Command>& some) {
+    std::vector<std::wstring> calls;
+    std::size_t width = 38;
+    for (const Command& command : some) {
+        calls.push_back(L"  zopctl " + fullName(command) + L" " + command.arguments + L"  ");
+        width = std::max(width, calls.back().size());
     }
-    return text + L"\n"
-                  L"Help: zopctl COMMAND --help, for example: zopctl data move --help";
+    std::wstring text;
+    for (std::size_t i = 0; i < some.size(); ++i) {
+        calls[i].resize(width, L' ');
+        text += L"\n" + calls[i] + some[i].summary;
+    }
+    return text;
+}
+
+std::wstring helpText(const std::vector<Command>& table) {
+    return L"zopctl relocates and checks the data of the hosting panel.\n"
+           L"\n"
+           L"Commands:" +
+           listOf(table) +
+           L"\n\n"
+           L"Help: zopctl COMMAND --help, for example: zopctl data move --help";
 }
 
 bool asksForHelp(const std::wstring& word) {
@@ -36,48 +51,60 @@ bool equal(const std::wstring& word, const wchar_t* name) {
 }
 
 // What to say when no command has these words for its name.
-std::wstring explainUnknown(const std::vector<std::wstring>& arguments) {
-    const std::wstring asked =
-        arguments.size() > 1 ? arguments[0] + L" " + arguments[1] : arguments[0];
+std::wstring explainUnknown(const std::vector<std::wstring>& arguments,
+                            const std::vector<Command>& table) {
+    const std::wstring& first = arguments[0];
+    const std::wstring asked = arguments.size() > 1 ? first + L" " + arguments[1] : first;
     std::vector<std::wstring> names;
-    for (const Command& command : commands()) {
-        names.push_back(std::wstring(command.group) + L" " + command.name);
-        if (equal(arguments[0], command.group) && arguments.size() == 1) {
-            return L"\"" + arguments[0] + L"\" needs a second word: zopctl " + names.back() + L" " +
-                   command.arguments;
-        }
-        if (equal(arguments[0], command.name)) {
-            return L"There is no command \"" + arguments[0] + L"\"; did you mean \"" +
-                   names.back() + L"\"?";
+    std::vector<Command> group;
+    std::wstring sameName; // the commands whose second word came first
+    for (const Command& command : table) {
+        names.push_back(fullName(command));
+        if (equal(first, command.group)) {
+            group.push_back(command);
+        } else if (equal(first, command.name)) {
+            sameName += (sameName.empty() ? L"\"" : L" or \"") + names.back() + L"\"";
         }
     }
+    if (!group.empty() && arguments.size() == 1) {
+        return L"\"" + first + L"\" needs a second word:" + listOf(group);
+    }
+    const std::wstring none = L"There is no command \"";
+    if (group.empty() && !sameName.empty()) {
+        return none + first + L"\"; did you mean " + sameName + L"?";
+    }
     const std::wstring guess = nearest(asked, names);
-    return L"There is no command \"" + asked + L"\"" +
-           (guess.empty() ? L"." : L"; did you mean \"" + guess + L"\"?");
+    if (!guess.empty()) {
+        return none + asked + L"\"; did you mean \"" + guess + L"\"?";
+    }
+    return none + asked + L"\"" +
+           (group.empty() ? L"."
+                          : L"; \"" + first + L"\" goes on with one of these:" + listOf(group));
 }
 
-ExitCode dispatch(std::vector<std::wstring> arguments, Console& console) {
+ExitCode dispatch(std::vector<std::wstring> arguments, Console& console,
+                  const std::vector<Command>& table) {
     if (!arguments.empty() && arguments[0] == L"help" && arguments.size() > 1) {
         // "help data move" is "data move --help".
         arguments.erase(arguments.begin());
         arguments.push_back(L"--help");
     }
     if (arguments.empty()) {
-        console.errorLine(helpText());
+        console.errorLine(helpText(table));
         return ExitCode::Usage;
     }
     if (asksForHelp(arguments[0]) || (arguments.size() == 2 && asksForHelp(arguments[1]))) {
-        console.line(helpText());
+        console.line(helpText(table));
         return ExitCode::Success;
     }
     if (arguments.size() > 1) {
-        for (const Command& command : commands()) {
+        for (const Command& command : table) {
             if (equal(arguments[0], command.group) && equal(arguments[1], command.name)) {
                 return command.run({arguments.begin() + 2, arguments.end()}, console);
             }
         }
     }
-    console.errorLine(explainUnknown(arguments) + L"\nAll commands: zopctl --help");
+    console.errorLine(explainUnknown(arguments, table) + L"\nAll commands: zopctl --help");
     return ExitCode::Usage;
 }
 
@@ -91,9 +118,10 @@ const std::vector<Command>& commands() {
     return table;
 }
 
-ExitCode runCommandLine(const std::vector<std::wstring>& arguments, Console& console) {
+ExitCode runCommandLine(const std::vector<std::wstring>& arguments, Console& console,
+                        const std::vector<Command>& table) {
     try {
-        return dispatch(arguments, console);
+        return dispatch(arguments, console, table);
     } catch (const vexception& e) {
         console.errorLine(L"Error: " + e.message());
     } catch (const std::exception& e) {

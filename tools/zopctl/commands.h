@@ -20,6 +20,7 @@ struct Command {
 const std::vector<Command>& commands();
 
 // Finds the command and runs it; arguments without the program's name. No exception leaves it.
-ExitCode runCommandLine(const std::vector<std::wstring>& arguments, Console& console);
+ExitCode runCommandLine(const std::vector<std::wstring>& arguments, Console& console,
+                        const std::vector<Command>& table = commands());
 
 } // namespace zopctl

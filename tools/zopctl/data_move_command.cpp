@@ -10,8 +10,8 @@
 #include "runtime/interprocess_lock.h"
 #include "runtime/log_manager.h"
 #include "runtime/text.h"
-#include "tools/zopctl/arguments.h"
 #include "tools/zopctl/cancel_key.h"
+#include "tools/zopctl/data_move_arguments.h"
 #include "tools/zopctl/move_meter.h"
 #include "tools/zopctl/move_reporter.h"
 #include "tools/zopctl/text_format.h"
@@ -548,16 +548,9 @@ private:
 } // namespace
 
 ExitCode runDataMove(const std::vector<std::wstring>& arguments, Console& console) {
-    const Parsed<DataMoveOptions> parsed = parseDataMove(arguments);
-    if (!parsed.options) {
-        if (parsed.isError) {
-            console.errorLine(parsed.text);
-            return ExitCode::Usage;
-        }
-        console.line(parsed.text);
-        return ExitCode::Success;
-    }
-    return DataMove(*parsed.options, console).run();
+    return runParsed(parseDataMove(arguments), console, [&](const DataMoveOptions& options) {
+        return DataMove(options, console).run();
+    });
 }
 
 } // namespace zopctl

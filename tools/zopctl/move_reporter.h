@@ -5,8 +5,8 @@
 #include "relocation/copy_report.h"
 #include "relocation/move_preflight.h"
 #include "relocation/tree_compare.h"
-#include "tools/zopctl/arguments.h"
 #include "tools/zopctl/console.h"
+#include "tools/zopctl/data_move_arguments.h"
 #include "tools/zopctl/exit_code.h"
 #include "tools/zopctl/work_progress.h"
 

@@ -3,10 +3,10 @@
 #include "relocation/tree_compare.h"
 #include "runtime/exception.h"
 #include "runtime/files/path.h"
-#include "tools/zopctl/arguments.h"
 #include "tools/zopctl/cancel_key.h"
 #include "tools/zopctl/json_writer.h"
 #include "tools/zopctl/text_format.h"
+#include "tools/zopctl/tree_compare_arguments.h"
 
 namespace zopctl {
 
@@ -127,16 +127,9 @@ private:
 } // namespace
 
 ExitCode runTreeCompare(const std::vector<std::wstring>& arguments, Console& console) {
-    const Parsed<TreeCompareOptions> parsed = parseTreeCompare(arguments);
-    if (!parsed.options) {
-        if (parsed.isError) {
-            console.errorLine(parsed.text);
-            return ExitCode::Usage;
-        }
-        console.line(parsed.text);
-        return ExitCode::Success;
-    }
-    return Comparison(*parsed.options, console).run();
+    return runParsed(parseTreeCompare(arguments), console, [&](const TreeCompareOptions& options) {
+        return Comparison(options, console).run();
+    });
 }
 
 } // namespace zopctl

@@ -1,4 +1,4 @@
-#include "tools/zopctl/arguments.h"
+#include "tools/zopctl/data_move_arguments.h"
 
 #include "runtime/text.h"
 
@@ -22,7 +22,7 @@ std::string complaint(const Words& words) {
 
 } // namespace
 
-TEST(ArgumentsTest, EveryOptionIsUnderstoodInAnyOrder) {
+TEST(DataMoveArgumentsTest, EveryOptionIsUnderstoodInAnyOrder) {
     const Parsed<DataMoveOptions> parsed = parseDataMove(
         {L"--verify", L"C:\\\u00E4 \u65E5", L"-y", L"--streams=data,SECURITY", L"D:\\b", L"--copy",
          L"--copy-owner", L"--keep-going", L"--dry-run", L"-v", L"--json"});
@@ -37,7 +37,7 @@ TEST(ArgumentsTest, EveryOptionIsUnderstoodInAnyOrder) {
     EXPECT_EQ(parseDataMove({L"C:\\a", L"D:\\b"}).options->streams, StreamType::All);
 }
 
-TEST(ArgumentsTest, MistakesAreAnsweredWithWhatWasMeant) {
+TEST(DataMoveArgumentsTest, MistakesAreAnsweredWithWhatWasMeant) {
     EXPECT_EQ(complaint({}), "SOURCE and TARGET are missing.");
     EXPECT_EQ(complaint({L"C:\\a"}), "TARGET is missing.");
     EXPECT_EQ(complaint({L"C:\\a", L"D:\\b", L"--verfy"}),
@@ -53,7 +53,7 @@ TEST(ArgumentsTest, MistakesAreAnsweredWithWhatWasMeant) {
               "--quiet and --verbose contradict each other.");
 }
 
-TEST(ArgumentsTest, HelpIsNoMistakeAndNamesEveryExitCode) {
+TEST(DataMoveArgumentsTest, HelpIsNoMistakeAndNamesEveryExitCode) {
     for (const wchar_t* word : {L"--help", L"-h", L"/?"}) {
         const Parsed<DataMoveOptions> parsed = parseDataMove({word});
         EXPECT_FALSE(parsed.isError);
@@ -61,16 +61,6 @@ TEST(ArgumentsTest, HelpIsNoMistakeAndNamesEveryExitCode) {
             EXPECT_NE(parsed.text.find(code), std::wstring::npos) << toUtf8(code);
         }
     }
-}
-
-TEST(ArgumentsTest, ComparisonLeavesOutWhatItIsTold) {
-    const Parsed<TreeCompareOptions> parsed =
-        parseTreeCompare({L"a", L"b", L"--no-times", L"--no-owner", L"--from-disk"});
-    ASSERT_TRUE(parsed.options) << toUtf8(parsed.text);
-    const TreeComparison::Options& compared = parsed.options->compared;
-    EXPECT_FALSE(compared.times || compared.owner);
-    EXPECT_TRUE(compared.contents && compared.streams && compared.attributes && compared.security);
-    EXPECT_EQ(compared.uncached, TreeComparison::Uncached::Both);
 }
 
 } // namespace zopctl
