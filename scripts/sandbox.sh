@@ -64,7 +64,7 @@ trap 'exit 143' TERM
 export ZOP_WINEPREFIX=$run/prefix
 "$here/wine-prefix.sh" "$ZOP_WINEPREFIX" 7>&-
 # Guards the ends of heap blocks: the tests' operator delete stops at one that was overwritten.
-for program in runtime relocation api tools; do
+for program in runtime config security relocation api tools; do
     printf '\n[Software\\\\Microsoft\\\\Windows NT\\\\CurrentVersion\\\\Image File Execution Options\\\\%s_tests.exe]\n"GlobalFlag"=dword:00000010\n' \
         "$program"
 done >> "$ZOP_WINEPREFIX/system.reg"
