@@ -32,6 +32,8 @@ constexpr ValueDescription table[] = {
     {name::opentracingEnabled, ValueType::Dword, false, L"1: tracing is on"},
     {name::crashDumpDirectory, ValueType::String, false,
      L"directory for crash dumps; absent: none are written"},
+    {name::virtualEnvironment, ValueType::Dword, false,
+     L"1 or 0: the panel runs in a virtual environment or not; absent: the processor is asked"},
     {name::ftpPassword, ValueType::String, true, L"password of the FTP service account"},
 };
 

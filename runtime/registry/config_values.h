@@ -27,6 +27,7 @@ inline constexpr wchar_t pipeName[] = L"ZOP_pipe";
 inline constexpr wchar_t mySqlConnectionTimeout[] = L"MySQLConnectionTimeout";
 inline constexpr wchar_t opentracingEnabled[] = L"opentracing_enabled";
 inline constexpr wchar_t crashDumpDirectory[] = L"CrashDumpDirectory";
+inline constexpr wchar_t virtualEnvironment[] = L"VirtualEnvironment";
 inline constexpr wchar_t ftpPassword[] = L"FTPPassword";
 
 } // namespace name
