@@ -6,15 +6,25 @@
 // itself once. Before anything is sent, the client makes sure that the other end is the system's
 // or an administrator's: a program that took the pipe's name first learns nothing.
 //
-// Calls may come from any thread. They throw vexception with the message given at each; what went
-// wrong in detail is the text of its first frame. No text holds the value of a string.
+// Calls may come from any thread, and are cancelled within a second by ThreadCancelation. They
+// throw ConfigServiceException with the message given at each; why is the text of its first frame
+// and its status. No text holds the value of a string.
 #pragma once
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 #include <windows.h>
+
+namespace config {
+class ServiceConnection;
+namespace protocol {
+struct Reply;
+struct Request;
+} // namespace protocol
+} // namespace config
 
 class TarvoSrvClient {
 public:
@@ -42,10 +52,16 @@ public:
     void setDWORD(const std::wstring& name, DWORD value); // "Unable to call setDWORD(%s = %d)"
     // Whether the panel runs in a virtual environment. "Unable to call isVE()"
     bool isVE();
-    // Names and types of all values. "Unexpected error"
+    // Names and types of all values, in the order of their names. "Unexpected error"
     std::vector<Value> list();
 
 private:
-    class Connection;
-    std::unique_ptr<Connection> connection_;
+    class Deadline;
+
+    config::protocol::Reply call(const config::protocol::Request& request,
+                                 const Deadline& deadline);
+
+    const Options options_;
+    std::timed_mutex mutex_;
+    std::unique_ptr<config::ServiceConnection> connection_; // null: not connected
 };
