@@ -8,8 +8,8 @@
 #include "relocation/stream_type.h"
 #include "runtime/accounts/privilege_scope.h"
 #include "runtime/auto_handle.h"
-#include "runtime/files/descriptor.h"
 #include "runtime/files/file.h"
+#include "security/descriptor_bytes.h"
 
 #include <cstdint>
 #include <functional>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "relocation/stream_type.h"
-#include "runtime/files/descriptor.h"
+#include "security/descriptor_bytes.h"
 
 #include <cstdint>
 #include <functional>
@@ -27,7 +27,7 @@ private:
     bool security_;
 };
 
-// The same for writing. Security is not written this way (runtime/files/descriptor.h does).
+// The same for writing. Security is not written this way (security/descriptor_bytes.h does).
 class BackupWriter {
 public:
     explicit BackupWriter(HANDLE file) noexcept : file_(file) {}

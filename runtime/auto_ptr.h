@@ -27,7 +27,10 @@ struct _NetFreeDestroy {
     static void destroy(void* buffer) noexcept;
 };
 
-// Releasing keeps GetLastError(), so that an owner may go between a failed call and its report.
+// T is what the buffer holds, P how the system's functions name a pointer to it: the same thing for
+// most, LPBYTE for the NetAPI, PSID for a SID. Releasing keeps GetLastError(), so that an owner may
+// go between a failed call and its report. Assigning the pointer that is held already releases
+// nothing.
 template <class T, class P, class Destroy>
 class AutoPtr {
 public:
@@ -75,8 +78,8 @@ public:
     }
 
     P get() const noexcept { return pointer_; }
-    T* operator->() const noexcept { return static_cast<T*>(pointer_); }
-    T& operator*() const noexcept { return *static_cast<T*>(pointer_); }
+    T* operator->() const noexcept { return reinterpret_cast<T*>(pointer_); }
+    T& operator*() const noexcept { return *reinterpret_cast<T*>(pointer_); }
     explicit operator bool() const noexcept { return pointer_ != nullptr; }
 
 private:

@@ -1,7 +1,10 @@
-#include "runtime/files/descriptor.h"
+#include "security/descriptor_bytes.h"
+
+#include "security/sid.h"
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 namespace RunTime {
 
@@ -16,41 +19,37 @@ SECURITY_DESCRIPTOR_RELATIVE headerOf(const void* bytes) noexcept {
     return header;
 }
 
-bool isWholeSid(const unsigned char* base, std::size_t count, DWORD offset) noexcept {
-    constexpr std::size_t fixed = 8; // revision, count of sub-authorities, authority
-    return offset <= count && count - offset >= fixed &&
-           base[offset + 1] <= SID_MAX_SUB_AUTHORITIES &&
-           count - offset >= fixed + base[offset + 1] * sizeof(DWORD);
+// What lies at and behind an offset; nothing for one past the end.
+std::span<const unsigned char> from(const void* bytes, std::size_t count, DWORD offset) noexcept {
+    const std::span<const unsigned char> all(static_cast<const unsigned char*>(bytes), count);
+    return all.subspan(std::min<std::size_t>(offset, count));
 }
 
-// Size of the list at offset; 0 when it does not lie within the bytes.
-std::size_t aclSize(const unsigned char* base, std::size_t count, DWORD offset) noexcept {
+// Size of the list that the bytes begin with; 0 when it does not lie within them.
+std::size_t listSize(std::span<const unsigned char> bytes) noexcept {
     ACL list;
-    if (offset > count || count - offset < sizeof(list)) {
+    if (bytes.size() < sizeof(list)) {
         return 0;
     }
-    std::memcpy(&list, base + offset, sizeof(list));
-    return list.AclSize >= sizeof(list) && list.AclSize <= count - offset ? list.AclSize : 0;
+    std::memcpy(&list, bytes.data(), sizeof(list));
+    return list.AclSize >= sizeof(list) && list.AclSize <= bytes.size() ? list.AclSize : 0;
 }
 
-struct Part {
-    const unsigned char* data = nullptr; // null: present without a list, or absent
-    std::size_t size = 0;
-    friend bool operator==(const Part& a, const Part& b) noexcept {
-        return (a.data == nullptr) == (b.data == nullptr) && a.size == b.size &&
-               // NOLINTNEXTLINE(clang-analyzer-unix.cstring.NullArg): both null, or neither
-               (a.size == 0 || std::memcmp(a.data, b.data, a.size) == 0);
-    }
-};
+// Null data: present without a list, or absent.
+using Part = std::span<const unsigned char>;
+
+bool same(const Part& a, const Part& b) noexcept {
+    return (a.data() == nullptr) == (b.data() == nullptr) && std::ranges::equal(a, b);
+}
 
 Part listAt(const DescriptorBytes& bytes, DWORD offset) noexcept {
-    return offset == 0 ? Part{}
-                       : Part{bytes.data() + offset, aclSize(bytes.data(), bytes.size(), offset)};
+    const Part part = from(bytes.data(), bytes.size(), offset);
+    return offset == 0 ? Part{} : part.first(listSize(part));
 }
 
 Part sidAt(const DescriptorBytes& bytes, DWORD offset) noexcept {
-    return offset == 0 ? Part{}
-                       : Part{bytes.data() + offset, 8 + bytes[offset + 1] * sizeof(DWORD)};
+    const Part part = from(bytes.data(), bytes.size(), offset);
+    return offset == 0 ? Part{} : part.first(sidLength(part));
 }
 
 } // namespace
@@ -83,12 +82,15 @@ bool isWholeDescriptor(const void* bytes, std::size_t count) noexcept {
         return false;
     }
     const SECURITY_DESCRIPTOR_RELATIVE header = headerOf(bytes);
-    const auto* base = static_cast<const unsigned char*>(bytes);
+    const auto wholeSid = [&](DWORD offset) {
+        return offset == 0 || sidLength(from(bytes, count, offset)) != 0;
+    };
+    const auto wholeList = [&](DWORD offset) {
+        return offset == 0 || listSize(from(bytes, count, offset)) != 0;
+    };
     return header.Revision == SECURITY_DESCRIPTOR_REVISION && (header.Control & SE_SELF_RELATIVE) &&
-           (header.Owner == 0 || isWholeSid(base, count, header.Owner)) &&
-           (header.Group == 0 || isWholeSid(base, count, header.Group)) &&
-           (header.Dacl == 0 || aclSize(base, count, header.Dacl) != 0) &&
-           (header.Sacl == 0 || aclSize(base, count, header.Sacl) != 0);
+           wholeSid(header.Owner) && wholeSid(header.Group) && wholeList(header.Dacl) &&
+           wholeList(header.Sacl);
 }
 
 DWORD writeDescriptor(HANDLE handle, DescriptorBytes& bytes, bool owner, bool audit) noexcept {
@@ -135,10 +137,10 @@ bool sameDescriptor(const DescriptorBytes& present, const DescriptorBytes& wante
     constexpr WORD saclFlags = SE_SACL_PRESENT | SE_SACL_PROTECTED | SE_SACL_AUTO_INHERITED;
     const WORD compared = audit ? daclFlags | saclFlags : daclFlags;
     return (a.Control & compared) == (b.Control & compared) &&
-           listAt(present, a.Dacl) == listAt(wanted, b.Dacl) &&
-           (!audit || listAt(present, a.Sacl) == listAt(wanted, b.Sacl)) &&
-           (!owner || (sidAt(present, a.Owner) == sidAt(wanted, b.Owner) &&
-                       sidAt(present, a.Group) == sidAt(wanted, b.Group)));
+           same(listAt(present, a.Dacl), listAt(wanted, b.Dacl)) &&
+           (!audit || same(listAt(present, a.Sacl), listAt(wanted, b.Sacl))) &&
+           (!owner || (same(sidAt(present, a.Owner), sidAt(wanted, b.Owner)) &&
+                       same(sidAt(present, a.Group), sidAt(wanted, b.Group))));
 }
 
 } // namespace RunTime
