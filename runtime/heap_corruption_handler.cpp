@@ -2,6 +2,7 @@
 
 #include "runtime/auto_handle.h"
 #include "runtime/exception.h"
+#include "runtime/registry/config_values.h"
 #include "runtime/se_translator.h"
 
 #include <atomic>
@@ -31,11 +32,11 @@ void getDumpFile(DumpPath& path) {
     wchar_t directory[900];
     DWORD size = sizeof directory;
     RunTime::AutoRegKey key;
-    LSTATUS status = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvo\\ZOP Config\\Config", 0,
+    LSTATUS status = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, config::configKey, 0,
                                      KEY_READ | KEY_WOW64_32KEY, key.put());
     if (status == ERROR_SUCCESS) {
-        status = ::RegGetValueW(key.get(), nullptr, L"CrashDumpDirectory", RRF_RT_REG_SZ, nullptr,
-                                directory, &size);
+        status = ::RegGetValueW(key.get(), nullptr, config::name::crashDumpDirectory, RRF_RT_REG_SZ,
+                                nullptr, directory, &size);
     }
     if (status != ERROR_SUCCESS || directory[0] == L'\0') {
         throw vexception(L"Crash dumping does not enabled",

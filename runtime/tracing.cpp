@@ -3,6 +3,7 @@
 #include "runtime/auto_handle.h"
 #include "runtime/format_string.h"
 #include "runtime/log_manager.h"
+#include "runtime/registry/config_values.h"
 #include "runtime/se_translator.h"
 #include "runtime/tracing_provider.h"
 
@@ -23,15 +24,15 @@ void harmless(Function&& function) noexcept {
 
 bool readEnabled() noexcept {
     RunTime::AutoRegKey key;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvo\\ZOP Config\\Config", 0,
-                        KEY_READ | KEY_WOW64_32KEY, key.put()) != ERROR_SUCCESS) {
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, config::configKey, 0, KEY_READ | KEY_WOW64_32KEY,
+                        key.put()) != ERROR_SUCCESS) {
         return false;
     }
     DWORD type = REG_NONE;
     DWORD value = 0;
     DWORD size = sizeof value;
-    const LSTATUS status = ::RegQueryValueExW(key.get(), L"opentracing_enabled", nullptr, &type,
-                                              reinterpret_cast<BYTE*>(&value), &size);
+    const LSTATUS status = ::RegQueryValueExW(key.get(), config::name::opentracingEnabled, nullptr,
+                                              &type, reinterpret_cast<BYTE*>(&value), &size);
     return status == ERROR_SUCCESS && type == REG_DWORD && size == sizeof value && value != 0;
 }
 

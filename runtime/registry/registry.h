@@ -3,7 +3,9 @@
 //
 // Texts are wide strings of any length. A value that grows while it is read is read again, a
 // string without a terminator is whole, and what follows the first zero character is left off.
-// Functions may be called from any thread.
+// A key or value whose name has a zero character in it cannot be reached: it is not there for
+// reading and not listed, and is refused for writing (ArgumentException). Functions may be called
+// from any thread.
 #pragma once
 
 #include <string>
@@ -28,21 +30,22 @@ struct ValueName {
 
 // Reads a value. The status is the system's: 0, or why the key could not be opened or the value
 // not be read (2: there is none), and then value is left alone. Throws vexception when the value
-// has another type.
+// has another type. A string that is kept expandable comes expanded.
 LSTATUS lookup(HKEY hive, const std::wstring& subKey, const std::wstring& valueName, DWORD& value,
                RegistryView view);
 LSTATUS lookup(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
                std::wstring& value, RegistryView view);
 
-// The string that must be there: throws vosexception with lookup's status otherwise.
+// The string that must be there. Throws vexception "lookup subKey=... value=...: " and the system's
+// text of lookup's status otherwise.
 std::wstring getstr(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
                     RegistryView view);
 
 // False when there is no such key. Throws vosexception when that cannot be found out.
 bool keyExists(HKEY hive, const std::wstring& subKey, RegistryView view);
 
-// The names below a key, in the system's order. A name that is removed meanwhile may be in the
-// list or not; none is listed twice. Throws vosexception.
+// The names below a key, in the system's order, as they were at one moment: a list during which
+// the key changed is begun again. Throws vosexception (170 for a key that does not come to rest).
 std::vector<std::wstring> subkeys(HKEY hive, const std::wstring& subKey, RegistryView view);
 std::vector<ValueName> values(HKEY hive, const std::wstring& subKey, RegistryView view);
 

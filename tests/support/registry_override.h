@@ -3,6 +3,7 @@
 #pragma once
 
 #include "runtime/auto_handle.h"
+#include "runtime/registry/config_values.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -36,9 +37,8 @@ private:
     static RunTime::AutoRegKey configKey() {
         RunTime::AutoRegKey key;
         EXPECT_EQ(ERROR_SUCCESS,
-                  ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvo\\ZOP Config\\Config", 0,
-                                    nullptr, 0, KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr,
-                                    key.put(), nullptr));
+                  ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, config::configKey, 0, nullptr, 0,
+                                    KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr, key.put(), nullptr));
         return key;
     }
     static void set(const wchar_t* name, DWORD type, const void* data, DWORD size) {
