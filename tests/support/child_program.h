@@ -1,0 +1,26 @@
+// A program for tests to start: the test program itself, which does one of these things instead of
+// running its tests when its first argument is "--child".
+//
+//     args WORD...       prints the code units of each word, a line each, as two parsers see them
+//     bytes HEX          prints these bytes
+//     print COUNT        prints COUNT pieces of 4 KiB, "o" to standard output and "e" to standard
+//                        error by turns
+//     echo               prints what it reads
+//     exit STATUS O E    prints O and E to the two streams and ends with STATUS
+//     directory          prints the current directory
+//     signal HANDLE      prints whether this number is an event that can be set
+//     hold FILE EVENT    keeps FILE open and undeletable; sets EVENT; ends when EVENT + "-end" is
+//     set parent FILE EVENT  starts "hold", prints its process id and waits for its end leave FILE
+//     EVENT   the same, but ends without waiting once EVENT is set
+#pragma once
+
+#include <string>
+#include <vector>
+
+std::wstring childProgram();
+
+// {"--child", words...}
+std::vector<std::wstring> childWords(std::vector<std::wstring> words);
+
+// The code units of a text as "args" prints them.
+std::wstring codeUnits(const std::wstring& text);
