@@ -22,17 +22,8 @@ Execute child(std::vector<std::wstring> words) {
     return Execute(childProgram(), childWords(std::move(words)));
 }
 
-// Under load Wine now and then fails to set a process up, and says "internal error".
 Execute::Result runChild(const Execute& program) {
-    for (int attempt = 0;; ++attempt) {
-        try {
-            return program.run();
-        } catch (const vosexception& e) {
-            if (e.get_errorCode() != ERROR_INTERNAL_ERROR || attempt == 2) {
-                throw;
-            }
-        }
-    }
+    return startingAgain([&] { return program.run(); });
 }
 
 std::wstring outputOf(std::vector<std::wstring> words) {

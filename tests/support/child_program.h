@@ -14,6 +14,8 @@
 //     EVENT   the same, but ends without waiting once EVENT is set
 #pragma once
 
+#include "runtime/exception.h"
+
 #include <string>
 #include <vector>
 
@@ -24,3 +26,18 @@ std::vector<std::wstring> childWords(std::vector<std::wstring> words);
 
 // The code units of a text as "args" prints them.
 std::wstring codeUnits(const std::wstring& text);
+
+// What a function returns that starts programs. Under load Wine now and then fails to set a process
+// up, and says "internal error".
+template <class Function>
+auto startingAgain(Function&& start) {
+    for (int attempt = 0;; ++attempt) {
+        try {
+            return start();
+        } catch (const vosexception& e) {
+            if (e.get_errorCode() != ERROR_INTERNAL_ERROR || attempt == 2) {
+                throw;
+            }
+        }
+    }
+}
