@@ -1,0 +1,324 @@
+// RunTime::Acl: order, room, and what it does with lists that are none.
+#include "security/acl.h"
+#include "tests/support/expect_error.h"
+#include "tests/support/raw_security.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <random>
+
+using raw::Bytes;
+using RunTime::Acl;
+using RunTime::Sid;
+
+namespace {
+
+constexpr BYTE deny = ACCESS_DENIED_ACE_TYPE;
+constexpr BYTE denyObject = ACCESS_DENIED_OBJECT_ACE_TYPE;
+constexpr BYTE allow = ACCESS_ALLOWED_ACE_TYPE;
+constexpr BYTE allowObject = ACCESS_ALLOWED_OBJECT_ACE_TYPE;
+constexpr BYTE inherited = INHERITED_ACE;
+
+// Entries differ by their mask.
+Bytes entry(BYTE type, BYTE flags = 0, ACCESS_MASK mask = 1, DWORD trustee = 18) {
+    Bytes tail;
+    if (type == denyObject || type == allowObject) {
+        raw::append<DWORD>(tail, ACE_OBJECT_TYPE_PRESENT);
+        raw::append(tail, GUID{mask, 2, 3, {4}});
+    }
+    raw::append(tail, raw::sid({trustee}));
+    return raw::ace(type, flags, mask, tail);
+}
+
+std::vector<Bytes> entriesOf(const Acl& list) {
+    std::vector<Bytes> result;
+    for (const RunTime::Ace ace : list) {
+        result.emplace_back(ace.bytes().begin(), ace.bytes().end());
+    }
+    return result;
+}
+
+// The order in words: explicit first, then denials, then plain ones.
+auto keyOf(const Bytes& ace) {
+    const BYTE type = raw::header(ace)->AceType;
+    return std::tuple((raw::header(ace)->AceFlags & inherited) != 0,
+                      type == allow || type == allowObject,
+                      type == denyObject || type == allowObject);
+}
+
+// What adding entries one by one to the empty list must give: the last one in front of its equals.
+std::vector<Bytes> ordered(std::vector<Bytes> added) {
+    std::ranges::reverse(added);
+    std::ranges::stable_sort(added, {}, keyOf);
+    return added;
+}
+
+class AclTest : public ::testing::Test {
+    const AddAceInPlace addAce_;
+};
+
+} // namespace
+
+TEST_F(AclTest, EntriesAreInsertedByRankInFrontOfTheirEquals) {
+    struct {
+        std::vector<Bytes> present;
+        Bytes added;
+        DWORD index;
+    } const cases[] = {
+        {{}, entry(allow), 0},
+        {{entry(deny), entry(allow, inherited)}, entry(allow), 1},
+        {{entry(allow, 0, 7)}, entry(allow), 0},
+        {{entry(deny), entry(allow), entry(allow, inherited)}, entry(deny, inherited), 2},
+        {{entry(deny, inherited)}, entry(allow, inherited), 1},
+        {{entry(deny), entry(allow)}, entry(denyObject), 1},
+        {{entry(allow), entry(deny, inherited)}, entry(allowObject), 1},
+        {{entry(allowObject, inherited)}, entry(allowObject), 0},
+        // The first of greater or equal rank counts, in a list out of order, too.
+        {{entry(allow), entry(deny)}, entry(deny), 0},
+    };
+    for (const auto& one : cases) {
+        const Bytes list = raw::acl(one.present);
+        EXPECT_EQ(Acl::fromBytes(list).getInsertionIndex(raw::header(one.added)), one.index)
+            << "case " << &one - cases;
+    }
+    const Acl audited = Acl::fromBytes(raw::acl({entry(deny), entry(SYSTEM_AUDIT_ACE_TYPE)}));
+    for (const BYTE type : {SYSTEM_AUDIT_ACE_TYPE, SYSTEM_ALARM_ACE_TYPE,
+                            ACCESS_ALLOWED_COMPOUND_ACE_TYPE, ACCESS_ALLOWED_CALLBACK_ACE_TYPE}) {
+        expectError<vosexception>(ERROR_INVALID_PARAMETER, L"Invalid ACE type", [&] {
+            audited.getInsertionIndex(raw::header(entry(static_cast<BYTE>(type))));
+        });
+    }
+    expectError<vosexception>(ERROR_INVALID_PARAMETER, L"Unsupported ACE type in ACL",
+                              [&] { audited.getInsertionIndex(raw::header(entry(allow))); });
+}
+
+TEST_F(AclTest, RandomListsComeOutAsTheModelSays) {
+    const unsigned seed = std::random_device()();
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned limit) { return random() % limit; };
+    constexpr BYTE types[] = {deny, denyObject, allow, allowObject};
+    ACCESS_MASK mask = 0;
+    const auto randomEntries = [&] {
+        std::vector<Bytes> entries(below(24));
+        for (Bytes& one : entries) {
+            one = entry(types[below(4)], static_cast<BYTE>(below(0x20)), ++mask, below(5));
+        }
+        return entries;
+    };
+    for (int round = 0; round < 4000 && !HasFailure(); ++round) {
+        SCOPED_TRACE("seed " + std::to_string(seed) + ", round " + std::to_string(round));
+        const std::vector<Bytes> first = randomEntries();
+        const std::vector<Bytes> second = randomEntries();
+        Acl list;
+        if (below(2) != 0) {
+            list.clear();
+        }
+        list.copy(raw::list(raw::acl(first, below(64) * 4)));
+        std::vector<Bytes> model = ordered(first);
+        ASSERT_EQ(entriesOf(list), model);
+
+        const Bytes more = raw::acl(second);
+        const std::size_t room = list.bytes().size();
+        const DWORD calculated = list.calculateSize(raw::list(more), nullptr, 0);
+        list.expand(raw::list(more), nullptr, 0);
+        if (calculated > room) {
+            ASSERT_EQ(list.bytes().size(), 2 * calculated);
+            model = ordered(model); // they were added anew
+        }
+        ASSERT_EQ(entriesOf(list), model);
+        list.add(raw::list(more));
+        std::vector<Bytes> together = model;
+        std::ranges::reverse(together);
+        together.insert(together.end(), second.begin(), second.end());
+        model = ordered(together);
+        ASSERT_EQ(entriesOf(list), model);
+
+        std::vector<Bytes> shuffled = model;
+        std::ranges::shuffle(shuffled, random);
+        ASSERT_EQ(Acl::fromBytes(raw::acl(shuffled)) == list,
+                  std::ranges::is_sorted(shuffled, {}, keyOf));
+        std::ranges::stable_sort(shuffled, {}, keyOf);
+        ASSERT_EQ(Acl::fromBytes(raw::acl(shuffled)), list);
+
+        const DWORD wanted = below(5);
+        const auto ofTrustee = std::ranges::find_if(model, [&](const Bytes& one) {
+            return std::equal(one.end() - 4, one.end(), reinterpret_cast<const BYTE*>(&wanted));
+        });
+        ASSERT_EQ(list.findSid(Sid(L"S-1-5-" + std::to_wstring(wanted))).index(),
+                  static_cast<DWORD>(ofTrustee - model.begin()));
+        if (!model.empty()) {
+            const DWORD index = below(static_cast<unsigned>(model.size()));
+            const Bytes gone = model[index];
+            ASSERT_EQ(list.findAce(raw::header(gone)).index(), index);
+            ASSERT_TRUE(list.getAce(index) == RunTime::Ace(raw::header(gone)));
+            list.deleteAce(list.findAce(raw::header(gone)));
+            model.erase(model.begin() + index);
+            ASSERT_EQ(list.findAce(raw::header(gone)), list.end());
+            ASSERT_EQ(entriesOf(list), model);
+        }
+    }
+}
+
+TEST_F(AclTest, RoomGrowsToTwiceWhatIsCalculatedAndNoFurtherThanAListCan) {
+    Acl list;
+    list.clear();
+    EXPECT_EQ(list.bytes().size(), 268U);
+    const Bytes ace = entry(allow);
+    const Bytes some = raw::acl({ace, entry(deny)});
+    const std::vector<const ACE_HEADER*> aces(10, raw::header(ace));
+    EXPECT_EQ(list.calculateSize(raw::list(some), aces.data(), 10), 8U + 48 + 10 * 20 + 8);
+    const PACL buffer = list;
+    list.expand(raw::list(some), aces.data(), 10);
+    EXPECT_EQ(list, buffer) << "264 bytes fit";
+    const std::vector<const ACE_HEADER*> eleven(11, raw::header(ace));
+    list.expand(raw::list(some), eleven.data(), 11);
+    EXPECT_EQ(list.bytes().size(), 2 * 284U);
+    list.copy(raw::list(some));
+    EXPECT_EQ(list.bytes().size(), 2 * 284U) << "a copy keeps the larger buffer";
+
+    list = Acl();
+    constexpr DWORD most = (Acl::largestSize - sizeof(ACL)) / 20;
+    for (DWORD i = 0; i < most; ++i) {
+        list.addAllowed(Sid(L"S-1-5-18"), i);
+    }
+    EXPECT_EQ(list.aceCount(), most);
+    EXPECT_EQ(list.bytes().size(), Acl::largestSize);
+    const Acl full(list);
+    expectError<vosexception>(ERROR_ALLOTTED_SPACE_EXCEEDED,
+                              L"Unable to hold (65548) bytes in an ACL",
+                              [&] { list.addDenied(Sid(L"S-1-5-18"), 1); });
+    EXPECT_TRUE(std::ranges::equal(list.bytes(), full.bytes()));
+    expectError<vosexception>(ERROR_ALLOTTED_SPACE_EXCEEDED, L"Unable to add ACE to ACL",
+                              [&] { list.add(raw::list(some)); });
+}
+
+TEST_F(AclTest, MalformedListsAreRefusedBeforeAnythingIsChanged) {
+    const Bytes good = raw::acl({entry(deny), entry(allow)}, 4);
+    const auto with = [&](std::size_t offset, WORD value) {
+        Bytes bad = good;
+        std::memcpy(bad.data() + offset, &value, sizeof(value));
+        return bad;
+    };
+    constexpr std::size_t aceSize = sizeof(ACL) + 2;
+    const Bytes malformed[] = {
+        with(0, 0),                    // revision
+        with(2, 7),                    // smaller than a list's header
+        with(2, 44),                   // cuts the last entry off
+        with(4, 3),                    // more entries than there are
+        with(aceSize, 0),              // an entry without end,
+        with(aceSize, 16),             // too small for its SID,
+        with(aceSize, 22),             // odd,
+        with(aceSize, 44),             // past the end
+        with(sizeof(ACL) + 8, 0x0f01), // too many sub-authorities
+        raw::acl({raw::ace(allowObject, 0, 1, {})}),
+    };
+    ASSERT_EQ(RunTime::aclLength(good), good.size());
+    for (std::size_t shorter = 0; shorter < good.size(); ++shorter) {
+        EXPECT_EQ(RunTime::aclLength(std::span(good).first(shorter)), 0U);
+    }
+    Acl list = Acl::fromBytes(good);
+    for (const Bytes& bad : malformed) {
+        SCOPED_TRACE(&bad - malformed);
+        expectError<vosexception>(ERROR_INVALID_ACL, L"Invalid ACL", [&] { Acl::fromBytes(bad); });
+        for (void (*use)(Acl&, const ACL*) :
+             {+[](Acl&to, const ACL*from) { to.copy(from); },
+              +[](Acl&to, const ACL*from) { to.add(from); },
+              +[](Acl&to, const ACL*from) { to.expand(from, nullptr, 0); }}) {
+            expectError<vosexception>(ERROR_INVALID_ACL, L"Unable to get ACL size",
+                                      [&] { use(list, raw::list(bad)); });
+        }
+    }
+    expectError<vosexception>(ERROR_INVALID_ACL, L"Unable to get ACL size",
+                              [&] { list.copy(nullptr); });
+    EXPECT_EQ(entriesOf(list), entriesOf(Acl::fromBytes(good)));
+    expectError<vosexception>(ERROR_INVALID_PARAMETER, L"Unable to get ACL ACE (2)",
+                              [&] { list.getAce(2); });
+    expectError<vosexception>(ERROR_INVALID_PARAMETER, L"Unable to delete ACL ACE (2)",
+                              [&] { list.deleteAce(2); });
+    EXPECT_THROW(list.addAllowed(Sid(), 1), vosexception);
+}
+
+TEST_F(AclTest, AListIsUsableWhicheverCallFails) {
+    const Bytes source = raw::acl({entry(allow, 0, 2), entry(deny, 0, 3)}, 400);
+    const Acl before = Acl::fromBytes(raw::acl({entry(deny), entry(allow, inherited)}));
+    struct {
+        const char* function;
+        const wchar_t* text;
+    } const faults[] = {
+        {"GetAclInformation", L"Unable to get ACL size"},
+        {"InitializeAcl", L"Unable to initialize ACL"},
+        {"GetAce", L"Unable to get ACL ACE"},
+        {"AddAce", L"Unable to add ACE to ACL"},
+    };
+    struct {
+        std::function<void(Acl&)> run;
+        bool keeps; // a failure leaves the list as it was
+    } const operations[] = {
+        {[](Acl& list) { list.clear(); }, true},
+        {[](Acl& list) { list.addDenied(Sid(L"S-1-5-18"), 4); }, true},
+        {[&](Acl& list) { list.expand(raw::list(source), nullptr, 0); }, true},
+        {[&](Acl& list) { list.copy(raw::list(source)); }, false},
+        {[&](Acl& list) { list.expand(list, nullptr, 0), list.add(list); }, false},
+        {[&](Acl& list) { list.copy(list); }, false},
+    };
+    const auto expectUsable = [&](Acl& list, bool unchanged) {
+        EXPECT_TRUE(list.bytes().empty() || RunTime::aclLength(list.bytes()) != 0);
+        EXPECT_TRUE(!unchanged || list == before);
+        list.addAllowed(Sid(L"S-1-5-18"), 4);
+        EXPECT_NE(list.findSid(Sid(L"S-1-5-18")), list.end());
+    };
+    for (const auto& operation : operations) {
+        for (const auto& fault : faults) {
+            int fired = 0;
+            for (long n = 0; n == fired; ++n) {
+                SCOPED_TRACE(std::string(fault.function) + " " + std::to_string(n) +
+                             " in operation " + std::to_string(&operation - operations));
+                Acl list(before);
+                try {
+                    FaultPoint point(fault.function);
+                    point.failAt = n;
+                    operation.run(list);
+                    EXPECT_FALSE(point.fired());
+                } catch (const VAccessDeniedException& e) {
+                    ++fired;
+                    EXPECT_EQ(e.message(), systemMessageOf(ERROR_ACCESS_DENIED, fault.text));
+                }
+                expectUsable(list, fired > n && operation.keeps);
+            }
+        }
+    }
+    const auto outOfMemory = [&](std::size_t size, const auto& run) {
+        Acl list(before);
+        {
+            const MallocFault fault(size);
+            expectError<vexception>(L"Unable to allocate new ACL", [&] { run(list); });
+        }
+        expectUsable(list, true);
+    };
+    outOfMemory(Acl::emptySize, operations[0].run);
+    outOfMemory(2 * (48 + source.size() - 400 + 8), operations[2].run);
+    outOfMemory(source.size(), operations[3].run);
+    outOfMemory(before.bytes().size(), [&](Acl& list) { list = before; });
+}
+
+TEST_F(AclTest, ListsAreValuesAndHaveATextForm) {
+    Acl list = Acl::fromSddl(L"D:(A;;FA;;;BU)(D;OICI;GW;;;BG)");
+    EXPECT_EQ(list.sddl(), L"D:(A;;FA;;;BU)(D;OICI;GW;;;BG)") << "as it stands";
+    list.copy(list);
+    EXPECT_EQ(list.sddl(), L"D:(D;OICI;GW;;;BG)(A;;FA;;;BU)");
+    const Acl& same = list;
+    list = same;
+    const Acl copied(list);
+    const Acl moved(std::move(list));
+    EXPECT_EQ(entriesOf(moved), entriesOf(copied));
+    EXPECT_EQ(list.aceCount(), 0U);
+    EXPECT_EQ(list.begin(), list.end());
+    EXPECT_EQ(list.sddl(), L"D:");
+    EXPECT_THROW(list.add(copied), vosexception) << "no room";
+    list.insert(copied.getAce(1).header());
+    list.insert(list.getAce(0).header()); // its own entry, which moves when the list grows
+    EXPECT_EQ(list.sddl(), L"D:(A;;FA;;;BU)(A;;FA;;;BU)");
+    for (const wchar_t* bad : {L"O:BA", L"D:(A;;FA;;;", L"nonsense"}) {
+        EXPECT_THROW(Acl::fromSddl(bad), vosexception) << bad;
+    }
+}

@@ -1,0 +1,164 @@
+// Descriptors that are composed, and descriptors that are carried as bytes.
+#include "runtime/accounts/privilege_scope.h"
+#include "runtime/auto_handle.h"
+#include "security/descriptor_bytes.h"
+#include "security/sddl.h"
+#include "security/security_descriptor.h"
+#include "tests/support/expect_error.h"
+#include "tests/support/raw_security.h"
+
+#include <gtest/gtest.h>
+
+using RunTime::Acl;
+using RunTime::SecurityDescriptor;
+using RunTime::Sid;
+
+namespace {
+
+class SecurityDescriptorTest : public ::testing::Test {
+    const AddAceInPlace addAce_;
+};
+
+// What the system finds in an absolute descriptor has to lie in the object's own parts.
+void expectOwnParts(const SecurityDescriptor& descriptor) {
+    PSID sid = nullptr;
+    PACL list = nullptr;
+    BOOL present = FALSE;
+    BOOL defaulted = TRUE;
+    ASSERT_TRUE(::IsValidSecurityDescriptor(descriptor));
+    ASSERT_TRUE(::GetSecurityDescriptorOwner(descriptor, &sid, &defaulted));
+    EXPECT_EQ(sid, descriptor.owner().get());
+    EXPECT_FALSE(defaulted);
+    ASSERT_TRUE(::GetSecurityDescriptorGroup(descriptor, &sid, &defaulted));
+    EXPECT_EQ(sid, descriptor.group().get());
+    ASSERT_TRUE(::GetSecurityDescriptorDacl(descriptor, &present, &list, &defaulted));
+    EXPECT_EQ(list, static_cast<PACL>(descriptor.dacl()));
+    EXPECT_TRUE(present);
+    EXPECT_FALSE(defaulted);
+}
+
+RunTime::AutoHandle newEvent() {
+    return RunTime::AutoHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+}
+
+RunTime::DescriptorBytes bytesOf(const std::wstring& sddl) {
+    const auto made = RunTime::descriptorFromSddl(sddl);
+    const auto* bytes = static_cast<const unsigned char*>(static_cast<void*>(made.get()));
+    return {bytes, bytes + ::GetSecurityDescriptorLength(made.get())};
+}
+
+SECURITY_DESCRIPTOR_CONTROL handed; // what SetKernelObjectSecurity was given last
+decltype(&::SetKernelObjectSecurity) realSet;
+
+BOOL WINAPI recordingSet(HANDLE handle, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR from) {
+    DWORD revision = 0;
+    ::GetSecurityDescriptorControl(from, &handed, &revision);
+    return realSet(handle, parts, from);
+}
+
+} // namespace
+
+TEST_F(SecurityDescriptorTest, PointsIntoItsOwnPartsThroughCopiesAndMoves) {
+    const Acl list = Acl::fromSddl(L"D:(A;;FA;;;BU)(D;;FW;;;BG)");
+    SecurityDescriptor descriptor;
+    EXPECT_EQ(descriptor.sddl(), L"");
+    EXPECT_EQ(descriptor.dacl().bytes().size(), Acl::emptySize);
+    EXPECT_EQ(descriptor.sacl().bytes().size(), Acl::emptySize);
+    descriptor.owner(Sid(L"BA"));
+    descriptor.group(Sid(L"SY"));
+    descriptor.dacl(list);
+    const std::wstring text = L"O:BAG:SYD:(D;;FW;;;BG)(A;;FA;;;BU)";
+    EXPECT_EQ(descriptor.sddl(), text);
+    expectOwnParts(descriptor);
+    descriptor.dacl(descriptor.dacl());
+    descriptor.owner(descriptor.owner());
+    EXPECT_EQ(descriptor.sddl(), text);
+
+    SecurityDescriptor copied(descriptor);
+    const SecurityDescriptor& same = copied;
+    copied = same;
+    SecurityDescriptor moved(std::move(descriptor));
+    for (const SecurityDescriptor* one : {&copied, &moved}) {
+        EXPECT_EQ(one->sddl(), text);
+        expectOwnParts(*one);
+    }
+    EXPECT_EQ(descriptor.sddl(), L"");
+    descriptor.dacl(list);
+    descriptor.owner(moved.group());
+    EXPECT_EQ(descriptor.sddl(), L"O:SYD:(D;;FW;;;BG)(A;;FA;;;BU)");
+    descriptor = std::move(moved);
+    expectOwnParts(descriptor);
+    EXPECT_NE(copied.owner().get(), descriptor.owner().get());
+    const std::wstring all = L"O:BAG:SYD:PAI(A;OICI;FA;;;SY)(A;ID;FR;;;BU)S:PAI(AU;SA;FA;;;WD)";
+    EXPECT_EQ(SecurityDescriptor::fromSddl(all).sddl(), all);
+    EXPECT_EQ(SecurityDescriptor(SecurityDescriptor::fromSddl(all)).sddl(), all);
+}
+
+TEST_F(SecurityDescriptorTest, AFailureLeavesItAsItWas) {
+    struct {
+        const char* function;
+        const wchar_t* text;
+        std::function<void(SecurityDescriptor&)> run;
+    } const faults[] = {
+        {"SetSecurityDescriptorDacl", L"Unable to set SECURITY_DESCRIPTOR DACL",
+         [](SecurityDescriptor& one) { one.dacl(Acl::fromSddl(L"D:(A;;FA;;;BU)")); }},
+        {"AddAce", L"Unable to add ACE to ACL",
+         [](SecurityDescriptor& one) { one.dacl(Acl::fromSddl(L"D:(A;;FA;;;BU)")); }},
+        {"SetSecurityDescriptorOwner", L"Unable to set SECURITY_DESCRIPTOR owner",
+         [](SecurityDescriptor& one) { one.owner(Sid(L"BU")); }},
+        {"SetSecurityDescriptorGroup", L"Unable to set SECURITY_DESCRIPTOR group",
+         [](SecurityDescriptor& one) { one.group(Sid(L"BU")); }},
+        {"InitializeSecurityDescriptor", L"Unable to initialize SECURITY_DESCRIPTOR",
+         [](SecurityDescriptor& one) { one = SecurityDescriptor(); }},
+    };
+    const std::wstring text = L"O:BAG:SYD:(A;;FA;;;BA)";
+    for (const auto& fault : faults) {
+        SecurityDescriptor descriptor = SecurityDescriptor::fromSddl(text);
+        FaultPoint point(fault.function);
+        point.failAt = 0;
+        expectError<VAccessDeniedException>(ERROR_ACCESS_DENIED, fault.text,
+                                            [&] { fault.run(descriptor); });
+        EXPECT_EQ(descriptor.sddl(), text) << fault.function;
+        expectOwnParts(descriptor);
+    }
+    const MallocFault fault(SECURITY_DESCRIPTOR_MIN_LENGTH);
+    expectError<vexception>(L"Unable to allocate new SECURITY_DESCRIPTOR",
+                            [] { SecurityDescriptor(); });
+}
+
+TEST(DescriptorBytesTest, ArriveUnchangedOnAnotherObject) {
+    const ImportPatch patch("SetKernelObjectSecurity", &recordingSet);
+    realSet = patch.original<decltype(realSet)>();
+    const RunTime::PrivilegeScope privileges({SE_SECURITY_NAME, SE_RESTORE_NAME});
+    // Out of order and with entries that lists we compose cannot have: all that matters is bytes.
+    for (const wchar_t* sddl :
+         {L"D:AI(A;ID;GA;;;BA)", L"D:PAI(A;;GA;;;BA)(D;;GA;;;BG)", L"D:", L"D:P(A;;GA;;;BA)",
+          L"D:(A;;GA;;;BA)(XA;;GR;;;BU;(@User.x == 1))", L"D:P"}) {
+        SCOPED_TRACE(toUtf8(sddl));
+        RunTime::DescriptorBytes wanted;
+        try {
+            wanted = bytesOf(sddl);
+        } catch (const vosexception&) {
+            continue; // a text that this system does not know
+        }
+        const RunTime::DescriptorBytes given = wanted;
+        for (const bool null : {false, true}) {
+            if (null) { // everything to everybody: no text of Wine's says it
+                reinterpret_cast<SECURITY_DESCRIPTOR_RELATIVE*>(wanted.data())->Dacl = 0;
+            }
+            const RunTime::DescriptorBytes before = wanted;
+            const RunTime::AutoHandle event = newEvent();
+            ASSERT_EQ(RunTime::writeDescriptor(event.get(), wanted, false, false), 0U);
+            EXPECT_EQ(wanted, before) << "changed for the call only";
+            EXPECT_EQ((handed & SE_DACL_AUTO_INHERIT_REQ) != 0,
+                      (handed & SE_DACL_AUTO_INHERITED) != 0);
+            RunTime::DescriptorBytes read;
+            ASSERT_EQ(RunTime::readDescriptor(event.get(), false, read), 0U);
+            EXPECT_TRUE(RunTime::sameDescriptor(read, wanted, false, false));
+            EXPECT_EQ(RunTime::sameDescriptor(read, given, false, false), !null);
+        }
+    }
+    RunTime::DescriptorBytes bytes;
+    EXPECT_EQ(RunTime::readDescriptor(nullptr, false, bytes), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_TRUE(bytes.empty());
+}
