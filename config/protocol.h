@@ -62,8 +62,8 @@ int compareNames(std::wstring_view first, std::wstring_view second) noexcept;
 // What a client asks. Members that the operation has no use for are empty.
 struct Request {
     Operation operation = Operation::GetString;
-    std::wstring name;       // of the value; for List: list the names behind this one
-    std::wstring string;     // SetString
+    std::wstring name{};     // of the value; for List: list the names behind this one
+    std::wstring string{};   // SetString
     std::uint32_t dword = 0; // SetDWORD
 
     ~Request() { RunTime::wipe(string); }
@@ -77,12 +77,12 @@ struct ListedValue {
 // What the service answers. When status is not 0 there is a text only.
 struct Reply {
     Operation operation = Operation::GetString;
-    std::uint32_t status = 0;        // a Win32 code
-    std::wstring text;               // what went wrong, for people
-    std::wstring string;             // GetString
-    std::uint32_t dword = 0;         // GetDWORD; IsVE: 0 or 1
-    std::vector<ListedValue> values; // List: each name behind the one before (compareNames)
-    bool more = false;               // List: ask again with the last name
+    std::uint32_t status = 0;          // a Win32 code
+    std::wstring text{};               // what went wrong, for people
+    std::wstring string{};             // GetString
+    std::uint32_t dword = 0;           // GetDWORD; IsVE: 0 or 1
+    std::vector<ListedValue> values{}; // List: each name behind the one before (compareNames)
+    bool more = false;                 // List: ask again with the last name
 
     ~Reply() { RunTime::wipe(string); }
 };

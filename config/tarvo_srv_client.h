@@ -19,6 +19,7 @@
 #include <windows.h>
 
 namespace config {
+class Deadline;
 class ServiceConnection;
 namespace protocol {
 struct Reply;
@@ -56,10 +57,11 @@ public:
     std::vector<Value> list();
 
 private:
-    class Deadline;
-
+    config::Deadline deadline() const;
     config::protocol::Reply call(const config::protocol::Request& request,
-                                 const Deadline& deadline);
+                                 const config::Deadline& deadline);
+    std::unique_lock<std::timed_mutex> lockBefore(const config::Deadline& deadline);
+    std::unique_ptr<config::ServiceConnection> connect(const config::Deadline& deadline) const;
 
     const Options options_;
     std::timed_mutex mutex_;
