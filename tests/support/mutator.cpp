@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <exception>
 #include <gtest/gtest.h>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <windows.h>
 
@@ -76,7 +78,11 @@ std::string hex(std::span<const std::uint8_t> bytes) {
 
 } // namespace
 
-Mutator::Mutator(const FuzzCorpus& corpus, std::uint64_t seed) : corpus_(corpus), seed_(seed) {}
+Mutator::Mutator(const FuzzCorpus& corpus, std::uint64_t seed) : corpus_(corpus), seed_(seed) {
+    for (const auto& valid : corpus) {
+        longest_ = std::max(longest_, valid.size() + maxGrowth);
+    }
+}
 
 std::span<const std::uint8_t> Mutator::next() {
     random_.seed(seed_++);
@@ -176,13 +182,34 @@ void Mutator::overwrite() {
 }
 
 void Mutator::insert(std::size_t at, std::span<const std::uint8_t> bytes) {
-    std::size_t longest = 0;
-    for (const auto& valid : corpus_) {
-        longest = std::max(longest, valid.size());
-    }
-    const std::size_t room = longest + maxGrowth - std::min(input_.size(), longest + maxGrowth);
+    const std::size_t room = longest_ - std::min(input_.size(), longest_);
     const auto taken = bytes.first(std::min(bytes.size(), room));
     input_.insert(input_.begin() + static_cast<std::ptrdiff_t>(at), taken.begin(), taken.end());
+}
+
+GuardedBuffer::GuardedBuffer(std::size_t capacity) {
+    constexpr std::size_t page = 4096;
+    const std::size_t size = (capacity + page - 1) / page * page;
+    begin_ = static_cast<std::uint8_t*>(
+        ::VirtualAlloc(nullptr, size + page, MEM_RESERVE, PAGE_NOACCESS));
+    if (begin_ == nullptr ||
+        (size != 0 && ::VirtualAlloc(begin_, size, MEM_COMMIT, PAGE_READWRITE) == nullptr)) {
+        throw std::bad_alloc();
+    }
+    end_ = begin_ + size;
+}
+
+GuardedBuffer::~GuardedBuffer() {
+    ::VirtualFree(begin_, 0, MEM_RELEASE);
+}
+
+std::span<std::uint8_t> GuardedBuffer::hold(std::span<const std::uint8_t> bytes) {
+    if (bytes.size() > static_cast<std::size_t>(end_ - begin_)) {
+        throw std::length_error("more than the guarded buffer has room for");
+    }
+    std::uint8_t* const start = end_ - bytes.size();
+    std::copy(bytes.begin(), bytes.end(), start);
+    return {start, bytes.size()};
 }
 
 void fuzz(const FuzzCorpus& corpus,
@@ -193,6 +220,7 @@ void fuzz(const FuzzCorpus& corpus,
         std::max<std::uint64_t>(1, fromEnvironment("ZOP_FUZZ_COUNT", defaultCount) / share);
     const std::uint64_t warmUp = count < 1000 ? 0 : 500;
     Mutator mutator(corpus, first);
+    GuardedBuffer buffer(mutator.longest());
     const CrashReport crashes;
     ProcessCounters before;
     for (std::uint64_t n = 0; n < count; ++n) {
@@ -200,7 +228,7 @@ void fuzz(const FuzzCorpus& corpus,
             before = ProcessCounters::now();
         }
         currentSeed = first + n;
-        const auto input = mutator.next();
+        const auto input = buffer.hold(mutator.next());
         const ULONGLONG start = ::GetTickCount64();
         std::string thrown;
         try {

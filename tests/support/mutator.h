@@ -25,6 +25,7 @@ public:
 
     // Valid until the next call.
     std::span<const std::uint8_t> next();
+    std::size_t longest() const noexcept { return longest_; } // that an input may become
 
 private:
     std::size_t below(std::size_t limit); // 0 where limit is
@@ -36,13 +37,31 @@ private:
     const FuzzCorpus& corpus_;
     std::mt19937_64 random_;
     std::uint64_t seed_;
+    std::size_t longest_ = 0;
     std::vector<std::uint8_t> input_;
     std::vector<std::uint8_t> piece_;
 };
 
-// Gives the inputs to a target. The test fails where the target throws, records a failure, takes
-// longer than ten seconds for one input, or holds more memory or handles after the run than soon
-// after its start. Each failure says how to repeat the input; so does a crash.
-// share divides the number of inputs, for targets that are slow.
+// Memory behind which there is none: who reads past the end of an input crashes.
+class GuardedBuffer {
+public:
+    explicit GuardedBuffer(std::size_t capacity);
+    ~GuardedBuffer();
+    GuardedBuffer(const GuardedBuffer&) = delete;
+    GuardedBuffer& operator=(const GuardedBuffer&) = delete;
+
+    // A copy of the bytes that ends where the memory does. Valid until the next call. Throws
+    // std::length_error when it is longer than the capacity.
+    std::span<std::uint8_t> hold(std::span<const std::uint8_t> bytes);
+
+private:
+    std::uint8_t* begin_;
+    std::uint8_t* end_;
+};
+
+// Gives the inputs to a target, each in a GuardedBuffer. The test fails where the target throws,
+// records a failure, takes longer than ten seconds for one input, or holds more memory or handles
+// after the run than soon after its start. Each failure says how to repeat the input; so does a
+// crash. share divides the number of inputs, for targets that are slow.
 void fuzz(const FuzzCorpus& corpus,
           const std::function<void(std::span<const std::uint8_t>)>& target, unsigned share = 1);
