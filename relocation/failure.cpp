@@ -3,6 +3,7 @@
 #include "runtime/cwrpexception.h"
 #include "runtime/exception.h"
 #include "runtime/log_manager.h"
+#include "runtime/native_span.h"
 #include "runtime/text.h"
 
 #include <comdef.h>
@@ -27,4 +28,9 @@ std::wstring describeCurrentException() {
 
 void logFailure(const std::wstring& step) {
     LogManager::getInstance().vAddLog(LogType::Error, step + L": " + describeCurrentException());
+}
+
+void reportFailure(const NativeSpan& span, const std::wstring& step) {
+    logFailure(step);
+    span.markFailure(step + L": " + describeCurrentException());
 }

@@ -367,6 +367,41 @@ bool isStrictlyInside(const std::wstring& path, const std::wstring& directory) {
     return true;
 }
 
+bool isFullyQualified(std::wstring_view path) {
+    const auto separator = [&](std::size_t at) {
+        return at < path.size() && (path[at] == L'\\' || path[at] == L'/');
+    };
+    return (separator(0) && separator(1)) ||
+           (path.size() >= 3 && isDriveLetter(path[0]) && path[1] == L':' && separator(2));
+}
+
+bool File::inpath(const std::wstring& path, const std::wstring& directory) {
+    const auto comparable = [](const std::wstring& text) {
+        std::wstring result = nicePath(text);
+        std::replace(result.begin(), result.end(), L'/', L'\\');
+        return result;
+    };
+    std::wstring base = comparable(directory);
+    base.resize(base.find_last_not_of(L'\\') + 1);
+    const std::wstring inner = comparable(path);
+    if (base.empty() || !beginsWith(inner, base) ||
+        (inner.size() > base.size() && inner[base.size()] != L'\\')) {
+        return false;
+    }
+    for (std::size_t begin = base.size() + 1; begin < inner.size();) {
+        const std::size_t end = std::min(inner.find(L'\\', begin), inner.size());
+        if (end != begin && isDotEntry(std::wstring_view(inner).substr(begin, end - begin))) {
+            return false;
+        }
+        begin = end + 1;
+    }
+    return true;
+}
+
+std::wstring File::longPath(const std::wstring& path) {
+    return longNamePath(path);
+}
+
 std::wstring shortPath(const std::wstring& path) {
     std::wstring result = tryNames(path, Names::shortOnes);
     if (result.empty()) {

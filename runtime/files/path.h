@@ -55,11 +55,31 @@ bool beginsWith(std::wstring_view text, std::wstring_view prefix);
 // same form; a path with a "." or ".." or an empty component is never inside.
 bool isStrictlyInside(const std::wstring& path, const std::wstring& directory);
 
+// "C:\...", "C:/...", and whatever begins with two backslashes or slashes: a path that needs
+// neither the current directory nor the current drive.
+bool isFullyQualified(std::wstring_view path);
+
 // The 8.3 form, and the form with every long name, of an existing path ("Unable to get a short
 // path (%s)", "Unable to get a long path (%s)"). On a volume without 8.3 names the short form has
 // the long names in it. Both return the long form ("\\?\") when they are given it.
 std::wstring shortPath(const std::wstring& path);
 std::wstring longNamePath(const std::wstring& path);
+
+// The forms in which paths that people and programs have written down are compared.
+namespace File {
+
+using RunTime::nicePath;
+
+// Whether path is directory or lies below it, by whole components: "D:\vhosts2" is not in
+// "D:\vhosts". Either may be typed with slashes, in long form, or with backslashes at its end; both
+// are absolute. A path with a "." or ".." behind the directory's part is in nothing. Nothing is
+// asked of the disk.
+bool inpath(const std::wstring& path, const std::wstring& directory);
+
+// longNamePath: no component in 8.3 form.
+std::wstring longPath(const std::wstring& path);
+
+} // namespace File
 
 // Root of the volume that holds path, mounted folders seen, in long form and with a backslash at
 // the end. The path need not exist: the nearest existing directory above it is asked then.
