@@ -1,0 +1,50 @@
+// The configuration service: answers what TarvoSrvClient asks, out of the registry.
+//
+//     config::ConfigService service({});
+//     ... // it listens on its own thread
+//     service.stop();
+//
+// It logs start and stop, which value was set by which process, and every client that it refused;
+// names only, never what a value holds.
+#pragma once
+
+#include "config/protocol.h"
+#include "config/service/config_store.h"
+#include "config/service/pipe_server.h"
+
+#include <chrono>
+#include <span>
+#include <string>
+
+namespace config {
+
+class ConfigService {
+public:
+    struct Options {
+        std::wstring pipeName; // "" takes the registry's "ZOP_pipe", else "zoppipe"
+        std::size_t maxConnections = 256;
+        std::chrono::milliseconds requestTimeout{5'000};
+        std::chrono::milliseconds replyTimeout{10'000};
+    };
+
+    // Serves when it returns. Throws vosexception.
+    explicit ConfigService(Options options);
+    ~ConfigService();
+
+    // As PipeServer::stop.
+    void stop() noexcept;
+
+    // "\\.\pipe\zoppipe"
+    const std::wstring& pipePath() const noexcept { return path_; }
+
+    // The reply to one message. A refusal makes it the last one of its connection.
+    static PipeServer::Answer answer(const ConfigStore& store,
+                                     std::span<const std::uint8_t> message, DWORD client);
+
+private:
+    std::wstring path_;
+    ConfigStore store_;
+    PipeServer server_;
+};
+
+} // namespace config
