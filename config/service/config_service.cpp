@@ -1,12 +1,11 @@
 #include "config/service/config_service.h"
 
+#include "config/pipe_name.h"
 #include "runtime/exception.h"
 #include "runtime/format_string.h"
 #include "runtime/log_manager.h"
 #include "runtime/registry/config_values.h"
-#include "runtime/registry/registry.h"
 #include "runtime/text.h"
-#include "runtime/wipe.h"
 
 #include <new>
 
@@ -21,27 +20,15 @@ using protocol::Request;
 // A page of the list: even with the longest names it stays a message.
 constexpr std::size_t namesPerPage = 30;
 
-struct WipedRequest : Request {
-    explicit WipedRequest(Request&& request) : Request(std::move(request)) {}
-    ~WipedRequest() { RunTime::wipe(string); }
-    WipedRequest(const WipedRequest&) = delete;
-    WipedRequest& operator=(const WipedRequest&) = delete;
-};
-
-struct WipedReply : Reply {
-    WipedReply() = default;
-    ~WipedReply() { RunTime::wipe(string); }
-    WipedReply(const WipedReply&) = delete;
-    WipedReply& operator=(const WipedReply&) = delete;
-};
-
 void logChange(const Request& request, DWORD client) {
     LogManager::getInstance().vAddLog(
         LogType::Information,
         formatString(L"(%s) was set by process %lu", request.name.c_str(), client));
 }
 
-void serve(const ConfigStore& store, const Request& request, DWORD client, Reply& reply) {
+Reply serve(const ConfigStore& store, const Request& request, DWORD client) {
+    Reply reply;
+    reply.operation = request.operation;
     switch (request.operation) {
     case Operation::GetString:
         store.getString(request.name, reply.string);
@@ -68,55 +55,49 @@ void serve(const ConfigStore& store, const Request& request, DWORD client, Reply
         }
         break;
     }
+    return reply;
 }
 
-void fail(Reply& reply, DWORD status, const std::wstring& text) {
-    RunTime::wipe(reply.string);
-    reply = {.operation = reply.operation, .status = status, .text = text};
+Reply failure(Operation operation, DWORD status, const std::wstring& text) {
+    Reply reply;
+    reply.operation = operation;
+    reply.status = status;
+    reply.text = text;
+    return reply;
 }
 
-// What the sender of a message that cannot be read asked for, as far as that can be told.
-Operation operationOf(std::span<const std::uint8_t> message) {
-    constexpr std::size_t operationAt = 6;
-    const unsigned code = message.size() > operationAt + 1
-                              ? message[operationAt] | message[operationAt + 1] << 8
-                              : 0U;
-    return code >= static_cast<unsigned>(Operation::GetString) &&
-                   code <= static_cast<unsigned>(Operation::List)
-               ? static_cast<Operation>(code)
-               : Operation::GetString;
-}
-
-PipeServer::Answer refusal(Operation operation, DWORD status, const std::wstring& why) {
-    return {protocol::encode(Reply{.operation = operation, .status = status, .text = why}), why};
+Reply replyTo(const ConfigStore& store, const Request& request, DWORD client) {
+    try {
+        return serve(store, request, client);
+    } catch (const vosexception& e) {
+        return failure(request.operation, e.get_errorCode(), e.message());
+    } catch (const vexception& e) {
+        return failure(request.operation, ERROR_INTERNAL_ERROR, e.message());
+    } catch (const std::bad_alloc&) {
+        return failure(request.operation, ERROR_NOT_ENOUGH_MEMORY, L"there is not enough memory");
+    }
 }
 
 PipeServer::Answer refuse(PipeServer::Fault fault) {
-    return fault == PipeServer::Fault::TooLong
-               ? refusal(Operation::GetString, ERROR_INVALID_DATA, L"the message is too long")
-               : refusal(Operation::GetString, ERROR_BUSY,
-                         L"a request came before the reply to the last one was taken");
-}
-
-std::wstring pathOf(const std::wstring& name) {
-    std::wstring chosen = name;
-    if (chosen.empty() && registry::lookup(HKEY_LOCAL_MACHINE, configKey, name::pipeName, chosen,
-                                           RegistryView::View32) != ERROR_SUCCESS) {
-        chosen.clear();
-    }
-    return L"\\\\.\\pipe\\" + (chosen.empty() ? L"zoppipe" : chosen);
+    const bool tooLong = fault == PipeServer::Fault::TooLong;
+    const wchar_t* const why =
+        tooLong ? L"its message is too long" : L"it sent again before it had taken its reply";
+    return {protocol::encode(
+                failure(Operation::GetString, tooLong ? ERROR_INVALID_DATA : ERROR_BUSY, why)),
+            why};
 }
 
 } // namespace
 
 ConfigService::ConfigService(Options options)
-    : path_(pathOf(options.pipeName)), store_(configKey),
+    : path_(options.pipeName.empty() ? configuredPipePath() : config::pipePath(options.pipeName)),
+      store_(configKey),
       server_({.path = path_,
                .maxMessageBytes = protocol::maxMessageBytes,
                .maxConnections = options.maxConnections,
                .requestTimeout = options.requestTimeout,
                .replyTimeout = options.replyTimeout,
-               .answer = [this](std::span<const std::uint8_t> message,
+               .answer = [this](protocol::MessageView message,
                                 DWORD client) { return answer(store_, message, client); },
                .refuse = refuse}) {
     LogManager::getInstance().vAddLog(LogType::Information,
@@ -131,29 +112,22 @@ void ConfigService::stop() noexcept {
     server_.stop();
 }
 
-PipeServer::Answer ConfigService::answer(const ConfigStore& store,
-                                         std::span<const std::uint8_t> message, DWORD client) {
+PipeServer::Answer ConfigService::answer(const ConfigStore& store, protocol::MessageView message,
+                                         DWORD client) {
     try {
-        const WipedRequest request(protocol::decodeRequest(message));
-        WipedReply reply;
-        reply.operation = request.operation;
-        try {
-            serve(store, request, client, reply);
-        } catch (const vosexception& e) {
-            fail(reply, e.get_errorCode(), e.message());
-        } catch (const vexception& e) {
-            fail(reply, ERROR_INTERNAL_ERROR, e.message());
-        } catch (const std::bad_alloc&) {
-            fail(reply, ERROR_NOT_ENOUGH_MEMORY, L"there is not enough memory");
-        }
+        const Request request = protocol::decodeRequest(message);
+        const Reply reply = replyTo(store, request, client);
         try {
             return {protocol::encode(reply), {}};
-        } catch (const protocol::ProtocolError& e) {
-            fail(reply, ERROR_FILE_TOO_LARGE, L"the value does not fit into a message");
-            return {protocol::encode(reply), {}};
+        } catch (const protocol::ProtocolError& e) { // what others wrote into the registry
+            return {protocol::encode(
+                        failure(request.operation, e.status(),
+                                L"Unable to send (" + request.name + L"): " + toWide(e.what()))),
+                    {}};
         }
     } catch (const protocol::ProtocolError& e) {
-        return refusal(operationOf(message), ERROR_INVALID_DATA, toWide(e.what()));
+        return {protocol::encodeRefusal(message, e).value_or(protocol::Message()),
+                toWide(e.what())};
     }
 }
 

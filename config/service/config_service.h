@@ -13,7 +13,6 @@
 #include "config/service/pipe_server.h"
 
 #include <chrono>
-#include <span>
 #include <string>
 
 namespace config {
@@ -21,13 +20,13 @@ namespace config {
 class ConfigService {
 public:
     struct Options {
-        std::wstring pipeName; // "" takes the registry's "ZOP_pipe", else "zoppipe"
+        std::wstring pipeName; // empty: the registry's
         std::size_t maxConnections = 256;
         std::chrono::milliseconds requestTimeout{5'000};
         std::chrono::milliseconds replyTimeout{10'000};
     };
 
-    // Serves when it returns. Throws vosexception.
+    // Serves when it returns. Throws vexception.
     explicit ConfigService(Options options);
     ~ConfigService();
 
@@ -38,8 +37,8 @@ public:
     const std::wstring& pipePath() const noexcept { return path_; }
 
     // The reply to one message. A refusal makes it the last one of its connection.
-    static PipeServer::Answer answer(const ConfigStore& store,
-                                     std::span<const std::uint8_t> message, DWORD client);
+    static PipeServer::Answer answer(const ConfigStore& store, protocol::MessageView message,
+                                     DWORD client);
 
 private:
     std::wstring path_;

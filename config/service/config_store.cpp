@@ -15,18 +15,15 @@ namespace config {
 
 namespace {
 
-constexpr std::size_t longestName = 16383;
-
 // The configuration holds passwords, and what is made below HKEY_LOCAL_MACHINE may otherwise be
 // read by everybody.
 constexpr wchar_t keySecurity[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)";
 
 void checkName(const std::wstring& name) {
-    if (name.empty() || name.size() > longestName ||
-        name.find_first_of(std::wstring_view(L"\\\0", 2)) != std::wstring::npos) {
+    if (!protocol::isValueName(name) || name.find(L'\\') != std::wstring::npos) {
         _throwError(L"Unable to use that name: a value's name is not empty, and has neither a "
                     L"backslash nor a zero character",
-                    ERROR_INVALID_NAME, {L"", "config::ConfigStore::checkName", __LINE__});
+                    ERROR_INVALID_PARAMETER, {L"", "config::ConfigStore::checkName", __LINE__});
     }
 }
 
@@ -34,7 +31,7 @@ void checkName(const std::wstring& name) {
 template <class Value>
 void lookup(const std::wstring& key, const std::wstring& name, Value& value, const wchar_t* type) {
     checkName(name);
-    LSTATUS status = ERROR_UNSUPPORTED_TYPE;
+    LSTATUS status = ERROR_DATATYPE_MISMATCH;
     std::wstring detail = L"Unable to read (" + name + L")";
     try {
         status = registry::lookup(HKEY_LOCAL_MACHINE, key, name, value, RegistryView::View32);
@@ -47,11 +44,6 @@ void lookup(const std::wstring& key, const std::wstring& name, Value& value, con
         _throwError(detail.c_str(), static_cast<DWORD>(status),
                     {L"", "config::ConfigStore::lookup", __LINE__});
     }
-}
-
-bool isBefore(const std::wstring& first, const std::wstring& second) {
-    return ::CompareStringOrdinal(first.c_str(), static_cast<int>(first.size()), second.c_str(),
-                                  static_cast<int>(second.size()), TRUE) == CSTR_LESS_THAN;
 }
 
 } // namespace
@@ -92,12 +84,12 @@ std::vector<protocol::ListedValue> ConfigStore::list(const std::wstring& behind,
     }
     for (registry::ValueName& value :
          registry::values(HKEY_LOCAL_MACHINE, key_, RegistryView::View32)) {
-        if (isBefore(behind, value.name)) { // "" is the key's default value, and no name
+        if (protocol::isValueName(value.name) && protocol::compareNames(behind, value.name) < 0) {
             result.push_back({std::move(value.name), value.type});
         }
     }
     std::sort(result.begin(), result.end(), [](const auto& first, const auto& second) {
-        return isBefore(first.name, second.name);
+        return protocol::compareNames(first.name, second.name) < 0;
     });
     result.resize(std::min(result.size(), count));
     return result;
@@ -115,7 +107,7 @@ void ConfigStore::createKey() const {
     if (registry::keyExists(HKEY_LOCAL_MACHINE, key_, RegistryView::View32)) {
         return;
     }
-    RunTime::LocalPtr<void> descriptor;
+    RunTime::LocalPtr<SECURITY_DESCRIPTOR, PSECURITY_DESCRIPTOR> descriptor;
     if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(keySecurity, SDDL_REVISION_1,
                                                                 descriptor.put(), nullptr)) {
         const DWORD code = ::GetLastError();

@@ -2,9 +2,9 @@
 // HKEY_LOCAL_MACHINE, in the 32-bit view, where the library also reads them directly.
 //
 // All functions throw vosexception: ERROR_FILE_NOT_FOUND when there is no such value,
-// ERROR_UNSUPPORTED_TYPE when it has another type, ERROR_INVALID_NAME for a name that no value can
-// have (empty, longer than the registry takes, with a backslash or a zero character). No text of an
-// error holds what a value holds. Plain calls into the registry: any thread.
+// ERROR_DATATYPE_MISMATCH when it has another type, ERROR_INVALID_PARAMETER for a name that no
+// value has here (empty, longer than the registry takes, with a backslash or a zero character). No
+// text of an error holds what a value holds. Plain calls into the registry: any thread.
 #pragma once
 
 #include "config/protocol.h"

@@ -4,7 +4,6 @@
 #include "runtime/format_string.h"
 #include "runtime/log_manager.h"
 #include "runtime/text.h"
-#include "runtime/wipe.h"
 
 #include <algorithm>
 #include <exception>
@@ -34,7 +33,6 @@ struct PipeServer::Connection : OVERLAPPED {
     enum class State { Listening, Reading, Writing, Ending };
 
     Connection() : OVERLAPPED{} {}
-    ~Connection() { RunTime::wipe(buffer); }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
@@ -72,6 +70,10 @@ PipeServer::PipeServer(Options options) : options_(std::move(options)) {
     connections_.push_back(createInstance(FILE_FLAG_FIRST_PIPE_INSTANCE));
     listen(*connections_.front());
     thread_ = std::async(std::launch::async, [this] { run(); });
+}
+
+PipeServer::~PipeServer() {
+    stop();
 }
 
 void PipeServer::stop() noexcept {
@@ -318,7 +320,6 @@ void PipeServer::received(Connection& connection, DWORD bytes, DWORD code) {
         } else {
             Message larger(std::min(connection.buffer.size() * 8, options_.maxMessageBytes));
             std::copy(connection.buffer.begin(), connection.buffer.end(), larger.begin());
-            RunTime::wipe(connection.buffer);
             connection.buffer = std::move(larger);
         }
     }
@@ -326,7 +327,7 @@ void PipeServer::received(Connection& connection, DWORD bytes, DWORD code) {
 }
 
 void PipeServer::answer(Connection& connection) {
-    const std::span message(connection.buffer.data(), connection.length);
+    const protocol::MessageView message(connection.buffer.data(), connection.length);
     DWORD waiting = 0;
     const bool outOfTurn =
         ::PeekNamedPipe(connection.pipe.get(), nullptr, 0, nullptr, &waiting, nullptr) &&
@@ -338,7 +339,6 @@ void PipeServer::answer(Connection& connection) {
 }
 
 void PipeServer::write(Connection& connection, Answer answer) {
-    RunTime::wipe(connection.buffer);
     connection.buffer = std::move(answer.reply);
     connection.length = 0;
     connection.tooLong = false;
@@ -347,6 +347,10 @@ void PipeServer::write(Connection& connection, Answer answer) {
     connection.deadline = Clock::now() + options_.replyTimeout;
     if (connection.last) {
         reportClient(connection, answer.refusal);
+    }
+    if (connection.buffer.empty()) {
+        end(connection);
+        return;
     }
     if (!::WriteFile(connection.pipe.get(), connection.buffer.data(),
                      static_cast<DWORD>(connection.buffer.size()), nullptr, connection.start()) &&
@@ -358,13 +362,11 @@ void PipeServer::write(Connection& connection, Answer answer) {
 }
 
 void PipeServer::sent(Connection& connection) {
-    RunTime::wipe(connection.buffer);
+    connection.buffer = Message(); // gives the block back, wiped
     if (connection.last) {
-        // The client finds its reply in the closed pipe.
-        end(connection);
+        end(connection); // the client finds its reply in the closed pipe
         return;
     }
-    connection.buffer = Message();
     connection.deadline.reset();
     connection.lastUse = Clock::now();
     read(connection);

@@ -11,6 +11,7 @@
 // owner: a client can make sure that nobody else listens. Messages are wiped from memory.
 #pragma once
 
+#include "config/protocol.h"
 #include "runtime/auto_handle.h"
 #include "runtime/auto_ptr.h"
 #include "runtime/log_manager.h"
@@ -22,7 +23,6 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <span>
 #include <string>
 #include <vector>
 #include <windows.h>
@@ -31,10 +31,10 @@ namespace config {
 
 class PipeServer {
 public:
-    using Message = std::vector<std::uint8_t>;
+    using Message = protocol::Message;
 
     struct Answer {
-        Message reply;
+        Message reply; // empty: none
         // Not empty: why the connection ends when the client has taken the reply. It is logged.
         std::wstring refusal;
     };
@@ -52,14 +52,14 @@ public:
 
         // Both are called on the server's thread, one call at a time. What answer throws ends the
         // connection. client is the id of the client's process, 0 when it cannot be told.
-        std::function<Answer(std::span<const std::uint8_t> message, DWORD client)> answer;
+        std::function<Answer(protocol::MessageView message, DWORD client)> answer;
         std::function<Answer(Fault fault)> refuse;
     };
 
     // Listens when it returns. Throws vosexception; ERROR_ACCESS_DENIED when another process
     // listens on that name.
     explicit PipeServer(Options options);
-    ~PipeServer() { stop(); }
+    ~PipeServer();
     PipeServer(const PipeServer&) = delete;
     PipeServer& operator=(const PipeServer&) = delete;
 
@@ -92,7 +92,7 @@ private:
     void report(LogType type, const std::wstring& text);
 
     Options options_;
-    RunTime::LocalPtr<void> security_;
+    RunTime::LocalPtr<SECURITY_DESCRIPTOR, PSECURITY_DESCRIPTOR> security_;
     RunTime::AutoHandle port_;
     std::vector<std::unique_ptr<Connection>> connections_; // one of them listens
     Clock::time_point reportsSince_{};

@@ -1,0 +1,496 @@
+// The service over a real pipe, with a registry of the test's own.
+#include "config/service/config_service.h"
+
+#include "runtime/exception.h"
+#include "runtime/log_manager.h"
+#include "runtime/registry/config_values.h"
+#include "runtime/text.h"
+#include "tests/config/pipe_client.h"
+#include "tests/support/fault_sweep.h"
+#include "tests/support/import_patch.h"
+#include "tests/support/mutator.h"
+#include "tests/support/process_counters.h"
+#include "tests/support/registry_override.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <sddl.h>
+#include <stdexcept>
+#include <thread>
+
+namespace config {
+
+namespace {
+
+using namespace std::chrono_literals;
+using protocol::Operation;
+using protocol::Reply;
+using protocol::Request;
+using Clock = std::chrono::steady_clock;
+
+Request ask(Operation operation, const std::wstring& name = {}, const std::wstring& string = {},
+            std::uint32_t dword = 0) {
+    Request request;
+    request.operation = operation;
+    request.name = name;
+    request.string = string;
+    request.dword = dword;
+    return request;
+}
+
+std::string textOf(const Reply& reply) {
+    return toUtf8(reply.text);
+}
+
+class ConfigServiceTest : public ::testing::Test {
+protected:
+    static std::wstring pipeName() { return L"zoptest" + std::to_wstring(::GetCurrentProcessId()); }
+    static ConfigService::Options options() {
+        ConfigService::Options result;
+        result.pipeName = pipeName();
+        return result;
+    }
+    // A refusal repeats the operation that was asked for, known or not.
+    static Reply decodeRefusal(protocol::Message message) {
+        if (message.size() > 7) {
+            message[6] = static_cast<std::uint8_t>(Operation::GetString);
+            message[7] = 0;
+        }
+        return protocol::decodeReply(message);
+    }
+    // What a message that is no request is answered with, as the last thing on the connection.
+    static Reply refusalOf(PipeClient& client, protocol::MessageView message) {
+        EXPECT_TRUE(client.send(message));
+        const auto reply = client.receive();
+        EXPECT_TRUE(client.isEnded());
+        return reply ? decodeRefusal(*reply) : Reply{};
+    }
+
+    RegistryOverride registry_;
+};
+
+// Past the import table.
+template <class Function>
+Function systemFunction(const wchar_t* dll, const char* name) {
+    return reinterpret_cast<Function>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(dll), name)));
+}
+
+std::string describe(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts) {
+    RunTime::LocalPtr<wchar_t> text;
+    EXPECT_TRUE(::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1,
+                                                                       parts, text.put(), nullptr));
+    return toUtf8(text.get());
+}
+
+void storeBinary(const wchar_t* name) {
+    RunTime::AutoRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS,
+              ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, configKey, 0, KEY_SET_VALUE, key.put()));
+    ASSERT_EQ(ERROR_SUCCESS, ::RegSetValueExW(key.get(), name, 0, REG_BINARY, nullptr, 0));
+}
+
+} // namespace
+
+TEST_F(ConfigServiceTest, AnswersEveryOperation) {
+    static std::string keySecurity; // Wine keeps none when it makes a key
+    const ImportPatch recorder(
+        "RegCreateKeyExW",
+        +[](HKEY hive, LPCWSTR name, DWORD reserved, LPWSTR type, DWORD options, REGSAM access,
+            const SECURITY_ATTRIBUTES* security, HKEY* key, DWORD* disposition) -> LSTATUS {
+            if (security != nullptr) {
+                keySecurity = describe(security->lpSecurityDescriptor, DACL_SECURITY_INFORMATION);
+            }
+            return systemFunction<decltype(&::RegCreateKeyExW)>(L"advapi32.dll", "RegCreateKeyExW")(
+                hive, name, reserved, type, options, access, nullptr, key, disposition);
+        });
+    ConfigService service(options());
+    EXPECT_EQ(toUtf8(service.pipePath()), toUtf8(L"\\\\.\\pipe\\" + pipeName()));
+    PipeClient client(service.pipePath());
+
+    // There is no key yet: the service makes it, and closes it to users.
+    EXPECT_EQ(client.ask(ask(Operation::GetString, L"a")).status, DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_TRUE(client.ask(ask(Operation::List)).values.empty());
+    const std::wstring texts[] = {L"", L"C:\\panel \u65E5", std::wstring(500'000, L'x')};
+    for (const std::wstring& text : texts) {
+        EXPECT_EQ(client.ask(ask(Operation::SetString, L"a", text)).status, 0U);
+        EXPECT_TRUE(client.ask(ask(Operation::GetString, L"A")).string == text);
+    }
+    for (const std::uint32_t number : {0U, 7U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(client.ask(ask(Operation::SetDWORD, L"n", {}, number)).status, 0U);
+        EXPECT_EQ(client.ask(ask(Operation::GetDWORD, L"n")).dword, number);
+    }
+
+    EXPECT_EQ(keySecurity, "D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)");
+
+    struct Case {
+        Request request;
+        DWORD status;
+        const char* says;
+    };
+    storeBinary(L"b");
+    const Case cases[] = {
+        {ask(Operation::GetString, L"none"), ERROR_FILE_NOT_FOUND, "(none)"},
+        {ask(Operation::GetDWORD, L"none"), ERROR_FILE_NOT_FOUND, "(none)"},
+        {ask(Operation::GetString, L"n"), ERROR_DATATYPE_MISMATCH, "(n) as a string"},
+        {ask(Operation::GetDWORD, L"a"), ERROR_DATATYPE_MISMATCH, "(a) as a number"},
+        {ask(Operation::GetString, L"b"), ERROR_DATATYPE_MISMATCH, "(b) as a string"},
+        {ask(Operation::GetString, L"Packages\\x"), ERROR_INVALID_PARAMETER, "backslash"},
+        {ask(Operation::SetString, L"Packages\\x", L"y"), ERROR_INVALID_PARAMETER, "backslash"},
+        {ask(Operation::SetDWORD, L"\\", {}, 1), ERROR_INVALID_PARAMETER, "backslash"},
+    };
+    for (const Case& wrong : cases) {
+        const Reply reply = client.ask(wrong.request);
+        EXPECT_EQ(reply.status, wrong.status) << textOf(reply);
+        EXPECT_NE(textOf(reply).find(wrong.says), std::string::npos) << textOf(reply);
+    }
+
+    for (const DWORD yes : {0UL, 1UL, 5UL}) {
+        registry_.setDword(name::virtualEnvironment, yes);
+        EXPECT_EQ(client.ask(ask(Operation::IsVE)).dword, yes != 0 ? 1U : 0U);
+    }
+    registry_.remove(name::virtualEnvironment);
+    EXPECT_EQ(client.ask(ask(Operation::IsVE)).status, 0U);
+    registry_.setString(name::virtualEnvironment, L"yes");
+    EXPECT_EQ(client.ask(ask(Operation::IsVE)).status, DWORD{ERROR_DATATYPE_MISMATCH});
+}
+
+TEST_F(ConfigServiceTest, ListsAllNamesPageByPage) {
+    ConfigService service(options());
+    std::map<std::wstring, DWORD> expected;
+    for (int i = 0; i < 100; ++i) {
+        const std::wstring name = (i % 2 != 0 ? L"Value " : L"value ") + std::to_wstring(i);
+        expected[name] = i % 3 != 0 ? REG_SZ : REG_DWORD;
+        i % 3 != 0 ? registry_.setString(name.c_str(), L"x") : registry_.setDword(name.c_str(), 1);
+    }
+    storeBinary(L"b");
+    expected[L"b"] = REG_BINARY;
+    registry_.setString(L"", L"the key's own value is not listed");
+    PipeClient client(service.pipePath());
+    std::map<std::wstring, DWORD> listed;
+    Request request = ask(Operation::List);
+    for (bool more = true; more;) {
+        const Reply reply = client.ask(request);
+        ASSERT_EQ(reply.status, 0U);
+        for (const auto& value : reply.values) {
+            EXPECT_TRUE(listed.emplace(value.name, value.type).second) << toUtf8(value.name);
+            request.name = value.name;
+        }
+        more = reply.more;
+    }
+    EXPECT_TRUE(listed == expected);
+}
+
+// Each bad client is told why where that is possible, and loses its connection; the good one keeps
+// its own and is answered at once all the time.
+TEST_F(ConfigServiceTest, ABadClientHurtsOnlyItself) {
+    ConfigService::Options quick = options();
+    quick.requestTimeout = 300ms;
+    quick.replyTimeout = 300ms;
+    ConfigService service(quick);
+    std::mutex mutex;
+    std::wstring log;
+    const auto listener = LogManager::getInstance().addListener(
+        [&](LogType, const std::wstring& text) { log += text + L"\n"; });
+
+    std::atomic<long> answered{0};
+    std::chrono::nanoseconds longest{0};
+    std::jthread good([&](const std::stop_token& stop) {
+        PipeClient client(service.pipePath());
+        while (!stop.stop_requested()) {
+            const auto start = Clock::now();
+            EXPECT_EQ(client.ask(ask(Operation::SetString, L"a", L"Secret1")).status, 0U);
+            EXPECT_EQ(client.ask(ask(Operation::GetString, L"a")).string.size(), 7U);
+            longest = std::max<std::chrono::nanoseconds>(longest, Clock::now() - start);
+            ++answered;
+        }
+    });
+
+    const auto valid = protocol::encode(ask(Operation::SetString, L"b", L"Secret2"));
+    auto otherVersion = valid;
+    otherVersion[4] = 9;
+    auto otherOperation = valid;
+    otherOperation[6] = 77;
+    auto otherMagic = valid;
+    otherMagic[0] ^= 1;
+    auto longer = valid;
+    longer.push_back(0);
+    struct Case {
+        const char* what;
+        protocol::Message message;
+        DWORD status;
+        const char* says;
+    };
+    const Case cases[] = {
+        {"unknown version", otherVersion, ERROR_REVISION_MISMATCH, "version 1 is"},
+        {"unknown operation", otherOperation, ERROR_NOT_SUPPORTED, "operation 77"},
+        {"truncated", {valid.begin(), valid.end() - 1}, ERROR_INVALID_DATA, "as long"},
+        {"too much", longer, ERROR_INVALID_DATA, "as long"},
+        {"oversized", protocol::Message(protocol::maxMessageBytes + 1, 1), ERROR_INVALID_DATA,
+         "too long"},
+        {"vast", protocol::Message(16 * protocol::maxMessageBytes, 1), ERROR_INVALID_DATA,
+         "too long"},
+    };
+    for (const Case& wrong : cases) {
+        SCOPED_TRACE(wrong.what);
+        PipeClient bad(service.pipePath());
+        const Reply reply = refusalOf(bad, wrong.message);
+        EXPECT_EQ(reply.status, wrong.status);
+        EXPECT_NE(textOf(reply).find(wrong.says), std::string::npos) << textOf(reply);
+    }
+    for (const protocol::Message& alien : {protocol::Message(), otherMagic}) {
+        PipeClient bad(service.pipePath());
+        EXPECT_TRUE(bad.send(alien));
+        EXPECT_TRUE(bad.isEnded()) << "an answer to what is no request";
+    }
+    {
+        PipeClient leaves(service.pipePath());
+        EXPECT_TRUE(leaves.send(valid));
+    }
+    { // silent
+        const auto start = Clock::now();
+        PipeClient silent(service.pipePath());
+        EXPECT_TRUE(silent.isEnded());
+        EXPECT_GE(Clock::now() - start, 250ms);
+        PipeClient kept(service.pipePath()); // after a request there is no such limit
+        kept.ask(ask(Operation::IsVE));
+        PipeClient next(service.pipePath());
+        EXPECT_TRUE(next.isEnded());
+        EXPECT_EQ(kept.ask(ask(Operation::IsVE)).status, 0U);
+    }
+    { // takes nothing
+        PipeClient greedy(service.pipePath());
+        greedy.ask(ask(Operation::SetString, L"long", std::wstring(400'000, L'x')));
+        EXPECT_TRUE(greedy.send(protocol::encode(ask(Operation::GetString, L"long"))));
+        PipeClient silent(service.pipePath());
+        EXPECT_TRUE(silent.isEnded()); // later than greedy's time-out
+        while (greedy.receive()) {
+        }
+    }
+    good.request_stop();
+    good.join();
+    EXPECT_GE(answered, 20);
+    EXPECT_LT(longest, 1s);
+
+    EXPECT_EQ(log.find(L"Secret"), log.npos) << "what a value holds was logged";
+    for (const wchar_t* line : {L"(a) was set by process", L"version 9", L"too long",
+                                L"it sends no request", L"it does not take its reply"}) {
+        EXPECT_NE(log.find(line), log.npos) << toUtf8(line) << "\n" << toUtf8(log);
+    }
+}
+
+TEST_F(ConfigServiceTest, AClientThatDoesNotWaitForItsReplyIsRefused) {
+    // The server is held in its first answer until the client has sent twice.
+    static RunTime::AutoHandle sentTwice;
+    sentTwice.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    const ImportPatch held(
+        "PeekNamedPipe",
+        +[](HANDLE pipe, void* buffer, DWORD size, DWORD* read, DWORD* available,
+            DWORD* left) -> BOOL {
+            ::WaitForSingleObject(sentTwice.get(), 10'000);
+            return systemFunction<decltype(&::PeekNamedPipe)>(L"kernel32.dll", "PeekNamedPipe")(
+                pipe, buffer, size, read, available, left);
+        });
+    ConfigService service(options());
+    PipeClient hasty(service.pipePath());
+    EXPECT_TRUE(hasty.send(protocol::encode(ask(Operation::IsVE))));
+    EXPECT_TRUE(hasty.send(protocol::encode(ask(Operation::IsVE))));
+    ::SetEvent(sentTwice.get());
+    const auto reply = hasty.receive();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(protocol::decodeReply(*reply).status, DWORD{ERROR_BUSY});
+    EXPECT_TRUE(hasty.isEnded());
+}
+
+TEST_F(ConfigServiceTest, AtTheLimitTheConnectionThatIsIdleLongestGoes) {
+    ConfigService::Options few = options();
+    few.maxConnections = 4;
+    ConfigService service(few);
+    std::vector<std::unique_ptr<PipeClient>> clients;
+    for (int i = 0; i < 4; ++i) {
+        clients.push_back(std::make_unique<PipeClient>(service.pipePath()));
+        clients.back()->ask(ask(Operation::IsVE));
+    }
+    clients[0]->ask(ask(Operation::IsVE)); // now the second is the oldest
+    PipeClient fifth(service.pipePath());
+    EXPECT_EQ(fifth.ask(ask(Operation::IsVE)).status, 0U);
+    EXPECT_TRUE(clients[1]->isEnded());
+    for (const int kept : {0, 2, 3}) {
+        EXPECT_EQ(clients[static_cast<std::size_t>(kept)]->ask(ask(Operation::IsVE)).status, 0U);
+    }
+    // Many at once, none of which waits for another.
+    std::atomic<int> served{0};
+    std::vector<std::jthread> crowd;
+    for (int i = 0; i < 8; ++i) {
+        crowd.emplace_back([&] {
+            for (int request = 0; request < 20; ++request) {
+                try {
+                    PipeClient client(service.pipePath());
+                    served += client.ask(ask(Operation::IsVE)).status == 0;
+                } catch (const std::runtime_error&) { // made room for another one
+                }
+            }
+        });
+    }
+    crowd.clear();
+    EXPECT_GE(served, 80);
+}
+
+TEST_F(ConfigServiceTest, AStopEndsAllAndLeavesNothingBehind) {
+    const auto session = [&] {
+        ConfigService service(options());
+        PipeClient idle(service.pipePath());
+        idle.ask(ask(Operation::IsVE));
+        PipeClient silent(service.pipePath());
+        PipeClient asking(service.pipePath());
+        asking.ask(ask(Operation::SetString, L"long", std::wstring(300'000, L'x')));
+        asking.send(protocol::encode(ask(Operation::GetString, L"long")));
+        std::jthread other([&] { service.stop(); });
+        service.stop();
+        EXPECT_TRUE(idle.isEnded());
+        EXPECT_TRUE(silent.isEnded());
+        EXPECT_FALSE(::WaitNamedPipeW(service.pipePath().c_str(), 1));
+        EXPECT_EQ(::GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+    };
+    const ProcessCounters growth = growthOver(10, session);
+    EXPECT_LE(growth.handles, 0);
+    EXPECT_LE(growth.blocks, 0);
+}
+
+TEST_F(ConfigServiceTest, OnlyAdministratorsOfThisMachineAreAdmitted) {
+    struct Call {
+        DWORD open, mode;
+    };
+    static std::vector<Call> calls;
+    calls.clear();
+    const ImportPatch recorder(
+        "CreateNamedPipeW",
+        +[](LPCWSTR name, DWORD open, DWORD mode, DWORD instances, DWORD out, DWORD in,
+            DWORD timeout, SECURITY_ATTRIBUTES* security) -> HANDLE {
+            calls.push_back({open, mode});
+            return systemFunction<decltype(&::CreateNamedPipeW)>(
+                L"kernel32.dll", "CreateNamedPipeW")(name, open, mode, instances, out, in, timeout,
+                                                     security);
+        });
+    ConfigService service(options());
+    PipeClient client(service.pipePath());
+    client.ask(ask(Operation::IsVE));
+    PipeClient second(service.pipePath());
+    second.ask(ask(Operation::IsVE));
+    service.stop();
+    ASSERT_EQ(calls.size(), 3U);
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        EXPECT_EQ((calls[i].open & FILE_FLAG_FIRST_PIPE_INSTANCE) != 0, i == 0);
+        EXPECT_TRUE(calls[i].mode & PIPE_REJECT_REMOTE_CLIENTS);
+        EXPECT_TRUE(calls[i].mode & PIPE_TYPE_MESSAGE);
+    }
+    constexpr SECURITY_INFORMATION parts = OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+    std::vector<BYTE> descriptor(4096);
+    DWORD size = 0;
+    ASSERT_TRUE(::GetKernelObjectSecurity(second.get(), parts, descriptor.data(), 4096, &size));
+    EXPECT_EQ(describe(descriptor.data(), parts), "O:BAD:P(A;;FA;;;SY)(A;;FA;;;BA)");
+}
+
+// Whichever call fails when it starts: an error that names what could not be done, or a service
+// that works; and nothing left.
+TEST_F(ConfigServiceTest, AStartThatFailsSaysWhyAndLeavesNothing) {
+    const auto sweep = [&] {
+        long faults = 0;
+        for (long n = 1, fired = 1; fired != 0; ++n) {
+            std::unique_ptr<ConfigService> service;
+            const FaultOutcome outcome = runWithFault(n, ERROR_ACCESS_DENIED, [&] {
+                service = std::make_unique<ConfigService>(options());
+            });
+            SCOPED_TRACE(outcome.text());
+            fired = outcome.fired;
+            faults += fired;
+            if (service) {
+                PipeClient client(service->pipePath());
+                EXPECT_EQ(client.ask(ask(Operation::IsVE)).status, 0U);
+            } else {
+                EXPECT_NE(outcome.error.find("Unable to"), std::string::npos);
+            }
+        }
+        EXPECT_GE(faults, 5);
+    };
+    EXPECT_LE(growthOver(2, sweep).handles, 0);
+
+    FaultPoint taken("CreateNamedPipeW");
+    taken.failAt = 0;
+    taken.result = reinterpret_cast<std::uintptr_t>(INVALID_HANDLE_VALUE);
+    try {
+        ConfigService service(options());
+        ADD_FAILURE() << "two services have one name";
+    } catch (const VAccessDeniedException& e) {
+        EXPECT_NE(e.message().find(L"another program has that name"), std::wstring::npos);
+    }
+}
+
+// The service outlives what the system refuses it later.
+TEST_F(ConfigServiceTest, AFailureAtAConnectionEndsThatConnectionOnly) {
+    for (const char* function : {"CreateNamedPipeW", "CreateIoCompletionPort", "ConnectNamedPipe",
+                                 "ReadFile", "WriteFile"}) {
+        SCOPED_TRACE(function);
+        ConfigService service(options());
+        PipeClient first(service.pipePath());
+        first.ask(ask(Operation::IsVE));
+        PipeClient(service.pipePath()).ask(ask(Operation::IsVE)); // now the server reads from first
+        {
+            FaultPoint fault(function);
+            fault.result = std::string(function) == "CreateNamedPipeW"
+                               ? reinterpret_cast<std::uintptr_t>(INVALID_HANDLE_VALUE)
+                               : 0;
+            fault.code = ERROR_NO_SYSTEM_RESOURCES;
+            // Of ReadFile and WriteFile the client calls the first itself.
+            fault.failAt = *function == 'R' || *function == 'W' ? 1 : 0;
+            try {
+                PipeClient turnedAway(service.pipePath());
+                turnedAway.ask(ask(Operation::IsVE));
+            } catch (const std::runtime_error&) {
+            }
+            EXPECT_TRUE(fault.fired());
+        }
+        EXPECT_EQ(first.ask(ask(Operation::IsVE)).status, 0U);
+        PipeClient next(service.pipePath());
+        EXPECT_EQ(next.ask(ask(Operation::IsVE)).status, 0U);
+    }
+}
+
+TEST_F(ConfigServiceTest, NoMessageBringsItDown) {
+    ConfigService service(options());
+    PipeClient good(service.pipePath());
+    const FuzzCorpus corpus = [] {
+        FuzzCorpus messages;
+        for (const Request& request :
+             {ask(Operation::GetString, L"a"), ask(Operation::SetString, L"a", L"value"),
+              ask(Operation::GetDWORD, L"b"), ask(Operation::SetDWORD, L"b", {}, 7),
+              ask(Operation::IsVE), ask(Operation::List)}) {
+            const auto message = protocol::encode(request);
+            messages.emplace_back(message.begin(), message.end());
+        }
+        return messages;
+    }();
+    auto bad = std::make_unique<PipeClient>(service.pipePath());
+    const auto isRefusal = [](const protocol::Message& reply) {
+        const std::uint32_t status = reply.at(8) | reply.at(9) << 8;
+        return status == ERROR_INVALID_DATA || status == ERROR_REVISION_MISMATCH ||
+               status == ERROR_NOT_SUPPORTED;
+    };
+    fuzz(
+        corpus,
+        [&](std::span<const std::uint8_t> input) {
+            EXPECT_TRUE(bad->send(input));
+            const auto reply = bad->receive();
+            if (!reply || isRefusal(*reply)) {
+                EXPECT_TRUE(bad->isEnded());
+                bad = std::make_unique<PipeClient>(service.pipePath());
+            } else {
+                protocol::decodeReply(*reply);
+            }
+            EXPECT_EQ(good.ask(ask(Operation::IsVE)).status, 0U);
+        },
+        40);
+}
+
+} // namespace config
