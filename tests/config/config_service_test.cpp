@@ -186,13 +186,20 @@ TEST_F(ConfigServiceTest, ListsAllNamesPageByPage) {
 // its own and is answered at once all the time.
 TEST_F(ConfigServiceTest, ABadClientHurtsOnlyItself) {
     ConfigService::Options quick = options();
-    quick.requestTimeout = 300ms;
-    quick.replyTimeout = 300ms;
+    quick.requestTimeout = 1s;
+    quick.replyTimeout = 1s;
     ConfigService service(quick);
     std::mutex mutex;
     std::wstring log;
-    const auto listener = LogManager::getInstance().addListener(
-        [&](LogType, const std::wstring& text) { log += text + L"\n"; });
+    const auto listener =
+        LogManager::getInstance().addListener([&](LogType, const std::wstring& text) {
+            const std::lock_guard lock(mutex);
+            log += text + L"\n";
+        });
+    const auto logged = [&](const wchar_t* line) {
+        const std::lock_guard lock(mutex);
+        return log.find(line) != log.npos;
+    };
 
     std::atomic<long> answered{0};
     std::chrono::nanoseconds longest{0};
@@ -229,7 +236,7 @@ TEST_F(ConfigServiceTest, ABadClientHurtsOnlyItself) {
         {"too much", longer, ERROR_INVALID_DATA, "as long"},
         {"oversized", protocol::Message(protocol::maxMessageBytes + 1, 1), ERROR_INVALID_DATA,
          "too long"},
-        {"vast", protocol::Message(16 * protocol::maxMessageBytes, 1), ERROR_INVALID_DATA,
+        {"vast", protocol::Message(3 * protocol::maxMessageBytes, 1), ERROR_INVALID_DATA,
          "too long"},
     };
     for (const Case& wrong : cases) {
@@ -252,7 +259,7 @@ TEST_F(ConfigServiceTest, ABadClientHurtsOnlyItself) {
         const auto start = Clock::now();
         PipeClient silent(service.pipePath());
         EXPECT_TRUE(silent.isEnded());
-        EXPECT_GE(Clock::now() - start, 250ms);
+        EXPECT_GE(Clock::now() - start, 900ms);
         PipeClient kept(service.pipePath()); // after a request there is no such limit
         kept.ask(ask(Operation::IsVE));
         PipeClient next(service.pipePath());
@@ -263,20 +270,20 @@ TEST_F(ConfigServiceTest, ABadClientHurtsOnlyItself) {
         PipeClient greedy(service.pipePath());
         greedy.ask(ask(Operation::SetString, L"long", std::wstring(400'000, L'x')));
         EXPECT_TRUE(greedy.send(protocol::encode(ask(Operation::GetString, L"long"))));
-        PipeClient silent(service.pipePath());
-        EXPECT_TRUE(silent.isEnded()); // later than greedy's time-out
-        while (greedy.receive()) {
+        for (int i = 0; i < 20 && !logged(L"it does not take its reply"); ++i) {
+            EXPECT_TRUE(PipeClient(service.pipePath()).isEnded()); // takes as long
         }
+        EXPECT_TRUE(greedy.isEnded());
     }
     good.request_stop();
     good.join();
     EXPECT_GE(answered, 20);
     EXPECT_LT(longest, 1s);
 
-    EXPECT_EQ(log.find(L"Secret"), log.npos) << "what a value holds was logged";
+    EXPECT_FALSE(logged(L"Secret")) << "what a value holds was logged";
     for (const wchar_t* line : {L"(a) was set by process", L"version 9", L"too long",
                                 L"it sends no request", L"it does not take its reply"}) {
-        EXPECT_NE(log.find(line), log.npos) << toUtf8(line) << "\n" << toUtf8(log);
+        EXPECT_TRUE(logged(line)) << toUtf8(line) << "\n" << toUtf8(log);
     }
 }
 
@@ -354,8 +361,8 @@ TEST_F(ConfigServiceTest, AStopEndsAllAndLeavesNothingBehind) {
         EXPECT_EQ(::GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
     };
     const ProcessCounters growth = growthOver(10, session);
-    EXPECT_LE(growth.handles, 0);
-    EXPECT_LE(growth.blocks, 0);
+    EXPECT_LT(growth.handles, 5); // a leak makes ten
+    EXPECT_LT(growth.blocks, 5);
 }
 
 TEST_F(ConfigServiceTest, OnlyAdministratorsOfThisMachineAreAdmitted) {
@@ -414,7 +421,7 @@ TEST_F(ConfigServiceTest, AStartThatFailsSaysWhyAndLeavesNothing) {
         }
         EXPECT_GE(faults, 5);
     };
-    EXPECT_LE(growthOver(2, sweep).handles, 0);
+    EXPECT_LT(growthOver(10, sweep).handles, 5);
 
     FaultPoint taken("CreateNamedPipeW");
     taken.failAt = 0;
