@@ -62,6 +62,10 @@ private:
     bool pending_ = false;
 };
 
+[[noreturn]] void fail(DWORD status, const std::wstring& cause, std::int32_t line) {
+    throw ConfigServiceException(cause, status, {L"", "config::ServiceConnection::open", line});
+}
+
 bool isBroken(DWORD code) noexcept {
     return code == ERROR_BROKEN_PIPE || code == ERROR_NO_DATA || code == ERROR_PIPE_NOT_CONNECTED ||
            code == ERROR_BAD_PIPE || code == ERROR_PIPE_BUSY; // busy: an answer to nothing is in it
@@ -138,32 +142,26 @@ void ServiceConnection::open(const std::wstring& path, DWORD attempts, const Dea
         if (code == ERROR_PIPE_BUSY) {
             const DWORD time = deadline.slice();
             if (time == 0) {
-                throw ConfigServiceException(
-                    formatString(L"the configuration service is busy, no instance of the pipe "
-                                 L"'%s' got free in time",
-                                 path.c_str()),
-                    ConfigServiceException::timedOut,
-                    {L"", "config::ServiceConnection::open", __LINE__});
+                fail(ConfigServiceException::timedOut,
+                     L"the configuration service is busy, no instance of the pipe '" + path +
+                         L"' got free in time",
+                     __LINE__);
             }
             ::WaitNamedPipeW(path.c_str(), time); // the next attempt tells what came of it
         } else if (code == ERROR_FILE_NOT_FOUND) {
             if (attempt++ >= attempts || deadline.slice() == 0) {
-                throw ConfigServiceException(
-                    formatString(L"the configuration service is not running, there is no pipe "
-                                 L"'%s'; start it with 'sc start zopconfigsvc' or "
-                                 L"'zopconfigsvc --console'",
-                                 path.c_str()),
-                    ConfigServiceException::notRunning,
-                    {L"", "config::ServiceConnection::open", __LINE__});
+                fail(ConfigServiceException::notRunning,
+                     L"the configuration service is not running, there is no pipe '" + path +
+                         L"'; start it with 'sc start zopconfigsvc' or 'zopconfigsvc --console'",
+                     __LINE__);
             }
             deadline.wait(done_.get(), pauseBetweenAttempts);
         } else if (code == ERROR_ACCESS_DENIED) {
-            throw ConfigServiceException(
-                formatString(L"access to the pipe '%s' is denied, the configuration service "
-                             L"serves the system and administrators",
-                             path.c_str()),
-                ConfigServiceException::accessDenied,
-                {L"", "config::ServiceConnection::open", __LINE__});
+            fail(ConfigServiceException::accessDenied,
+                 L"access to the pipe '" + path +
+                     L"' is denied, the configuration service serves the system and "
+                     L"administrators",
+                 __LINE__);
         } else {
             _throwError(formatString(L"Unable to open the pipe (%s)", path.c_str()).c_str(), code,
                         {L"", "config::ServiceConnection::open", __LINE__});
