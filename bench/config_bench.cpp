@@ -64,7 +64,7 @@ public:
     BarePipe& operator=(const BarePipe&) = delete;
 
     void exchange(config::protocol::Message& request) {
-        std::array<std::uint8_t, 4096> reply;
+        std::array<std::uint8_t, 256> reply{};
         DWORD bytes = 0;
         if (!::TransactNamedPipe(client_.get(), request.data(), static_cast<DWORD>(request.size()),
                                  reply.data(), reply.size(), &bytes, nullptr)) {
@@ -75,7 +75,7 @@ public:
 
 private:
     void serve() {
-        std::array<std::uint8_t, 4096> request;
+        std::array<std::uint8_t, 256> request{};
         DWORD bytes = 0;
         while (::ReadFile(server_.get(), request.data(), request.size(), &bytes, nullptr) &&
                ::WriteFile(server_.get(), reply_.data(), static_cast<DWORD>(reply_.size()), &bytes,
