@@ -2,6 +2,7 @@
 
 #include "runtime/exception.h"
 #include "runtime/text.h"
+#include "tools/zopctl/config_command.h"
 #include "tools/zopctl/data_move_command.h"
 #include "tools/zopctl/text_format.h"
 #include "tools/zopctl/tree_compare_command.h"
@@ -114,6 +115,9 @@ const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
         {L"data", L"move", L"SOURCE TARGET", L"moves a directory to another place", runDataMove},
         {L"tree", L"compare", L"A B", L"compares two directories", runTreeCompare},
+        {L"config", L"get", L"NAME", L"prints a configuration value", runConfigGet},
+        {L"config", L"set", L"NAME [VALUE]", L"sets a configuration value", runConfigSet},
+        {L"config", L"list", L"", L"lists the configuration values", runConfigList},
     };
     return table;
 }

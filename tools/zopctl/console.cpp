@@ -4,6 +4,7 @@
 #include "tools/zopctl/text_format.h"
 
 #include <algorithm>
+#include <atomic>
 
 namespace zopctl {
 
@@ -13,6 +14,36 @@ bool isConsoleHandle(HANDLE handle) {
     DWORD mode = 0;
     return handle != nullptr && handle != INVALID_HANDLE_VALUE && ::GetConsoleMode(handle, &mode);
 }
+
+// Switches the echo of a console off. Ctrl+C ends the process while somebody types, and the
+// console, which stays, must not be left so.
+class NoEcho {
+public:
+    explicit NoEcho(HANDLE input) {
+        if (::GetConsoleMode(input, &mode_)) {
+            console_ = input;
+            ::SetConsoleCtrlHandler(restore, TRUE);
+            ::SetConsoleMode(input, mode_ & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+        }
+    }
+    ~NoEcho() {
+        restore(0);
+        ::SetConsoleCtrlHandler(restore, FALSE);
+    }
+    NoEcho(const NoEcho&) = delete;
+    NoEcho& operator=(const NoEcho&) = delete;
+
+private:
+    static BOOL WINAPI restore(DWORD) {
+        const HANDLE console = console_.exchange(nullptr);
+        if (console != nullptr) {
+            ::SetConsoleMode(console, mode_);
+        }
+        return FALSE; // the next handler ends the process
+    }
+    static inline std::atomic<HANDLE> console_{nullptr};
+    static inline DWORD mode_ = 0;
+};
 
 } // namespace
 
@@ -85,6 +116,54 @@ bool Console::ask(const std::wstring& question) {
     text.erase(text.find_last_not_of(L" \r\n") + 1);
     return ::CompareStringOrdinal(text.c_str(), -1, L"y", -1, TRUE) == CSTR_EQUAL ||
            ::CompareStringOrdinal(text.c_str(), -1, L"yes", -1, TRUE) == CSTR_EQUAL;
+}
+
+bool Console::askHidden(const std::wstring& question, std::wstring& answer) {
+    {
+        const std::lock_guard lock(mutex_);
+        wipe();
+        ::FlushConsoleInputBuffer(input_);
+        write(question, false);
+    }
+    wchar_t line[1024];
+    DWORD length = 0;
+    BOOL done = FALSE;
+    {
+        const NoEcho noEcho(input_);
+        done = ::ReadConsoleW(input_, line, static_cast<DWORD>(std::size(line)), &length, nullptr);
+    }
+    const bool whole = done && length > 0 && line[length - 1] == L'\n'; // else it is too long
+    if (whole) {
+        answer.assign(line, length);
+        answer.erase(answer.find_last_not_of(L"\r\n") + 1);
+    }
+    ::SecureZeroMemory(line, sizeof line);
+    const std::lock_guard lock(mutex_);
+    write(L"\n", false); // the one that was typed was not shown either
+    return whole;
+}
+
+std::optional<std::string> Console::readInput(std::size_t limit) {
+    if (input_ == nullptr || input_ == INVALID_HANDLE_VALUE || isConsoleHandle(input_)) {
+        return std::nullopt;
+    }
+    char piece[4096];
+    std::string bytes;
+    bytes.reserve(limit + sizeof piece); // a block that it outgrew would keep what may be a secret
+    for (DWORD count = 1; count != 0;) {
+        if (!::ReadFile(input_, piece, sizeof piece, &count, nullptr)) {
+            if (::GetLastError() != ERROR_BROKEN_PIPE) {
+                return std::nullopt;
+            }
+            count = 0; // the writer has gone
+        }
+        bytes.append(piece, count);
+        ::SecureZeroMemory(piece, sizeof piece);
+        if (bytes.size() > limit) {
+            return std::nullopt;
+        }
+    }
+    return bytes;
 }
 
 void Console::wipe() {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <windows.h>
 
@@ -30,6 +31,12 @@ public:
     virtual int width() const;
     // Prints the question and waits for a line. True for "y" and "yes" only.
     virtual bool ask(const std::wstring& question);
+    // Prints the question and waits for a line, which is not shown while it is typed. False when
+    // there was none. Only where canAsk().
+    virtual bool askHidden(const std::wstring& question, std::wstring& answer);
+    // All that comes from standard input. Nothing when that is a console, cannot be read or is
+    // longer than limit, in bytes.
+    virtual std::optional<std::string> readInput(std::size_t limit);
 
 protected:
     // For tests: a console that is none.
