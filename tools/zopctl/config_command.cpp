@@ -113,18 +113,10 @@ JsonFields fieldsOf(const Entry& entry, const JsonValue& value, bool hidden) {
             {"meaning", entry.known != nullptr ? entry.known->meaning : L""}};
 }
 
+// The cause says what can be done, where something can.
 std::wstring explain(const std::wstring& what, const ConfigServiceException& e) {
-    std::wstring text =
-        what + L": " +
-        (e.frames().empty() || e.frames().front().text.empty() ? e.message()
-                                                               : e.frames().front().text);
-    if (e.status() == ConfigServiceException::notRunning) {
-        text += L".\nStart the service with \"sc start zopconfigsvc\", or in a window of its own "
-                L"with \"zopconfigsvc --console\".";
-    } else if (e.status() == ConfigServiceException::accessDenied) {
-        text += L".\nThe service answers administrators: start zopctl as one.";
-    }
-    return text;
+    const bool hasCause = !e.frames().empty() && !e.frames().front().text.empty();
+    return what + L": " + (hasCause ? e.frames().front().text : e.message()) + L".";
 }
 
 // Runs a command and gives its result line. what: what has not been done when it fails.
