@@ -162,9 +162,10 @@ TEST(ZopTest, AUtilityOfThePanelRunsAndItsMessageIsTheFailure) {
     const TempDirectory product;
     const std::wstring tool = product.makeDirectory(L"admin\\bin") + L"\\tool.exe";
     ASSERT_TRUE(::CopyFileW(childProgram().c_str(), tool.c_str(), TRUE));
-    EXPECT_THAT(failureOf([] { panel().execBinUtil(L"tool.exe", {}); }),
-                MatchesRegex("lookup subKey=.*PRODUCT_ROOT_D.*"
-                             "\n   at \\(zopobsolete::zop::execBinUtil line \\d+\\)"));
+    EXPECT_THAT(
+        failureOf([] { panel().execBinUtil(L"tool.exe", {}); }),
+        MatchesRegex("lookup subKey=.*PRODUCT_ROOT_D.*\n   at \\(registry::getstr line 736\\)"
+                     "\n   at \\(zopobsolete::zop::execBinUtil line \\d+\\)"));
     RegistryOverride::setString(L"PRODUCT_ROOT_D", product.nice());
     EXPECT_EQ(panel().execBinUtil(L"tool.exe", childWords({L"args", L"a \"b\"\\"})),
               codeUnits(L"a \"b\"\\") + L"\nend");

@@ -2,6 +2,7 @@
 // objects, events, exceptions, memory, threads.
 #include "api/data_location.h"
 #include "api/exception.h"
+#include "api/zop.h"
 #include "tests/dll/small_tree.h"
 
 #include <functional>
@@ -127,6 +128,31 @@ TEST(BorderTest, ThreadsOfTheProgramMayAllUseTheLibrary) {
         thread.join();
     }
     EXPECT_EQ(done, threadCount * rounds);
+}
+
+// No configuration service answers here. What fails without the frame around it comes out as the
+// public exception, too.
+TEST(BorderTest, TheConfigurationClassWorksAndFailsAsAPublicClass) {
+    zopobsolete::zop& panel = zopobsolete::zop::getInstance();
+    EXPECT_EQ(&panel, &zopobsolete::zop::getInstance());
+    EXPECT_EQ(panel.getUserNameWithoutDomain(L"DOMAIN\" + std::wstring(1000, L'u')),
+              std::wstring(1000, L'u'));
+    const std::pair<std::function<void()>, const wchar_t*> failures[] = {
+        {[&] {
+        panel.get_Item(L"name"); }, L"Unable to call getString(name)\n"},
+        {[&] {
+        panel.get_isVPS(); }, L"Unable to call isVE()\n"},
+        {[&] {
+        panel.execBinUtil(L"tool.exe", {L"a"}); }, L"lookup subKey="},
+    };
+    for (const auto& [call, text] : failures) {
+        try {
+            call();
+            ADD_FAILURE() << "nothing was thrown";
+        } catch (const zopobsolete::Exception& e) {
+            EXPECT_TRUE(e.message().starts_with(text)) << e.what();
+        }
+    }
 }
 
 // Goes when the program's own statics go, while the library is still there.

@@ -17,6 +17,8 @@ public:
     explicit RecordingConsole(bool isConsole = false) : Console(isConsole, isConsole) {}
 
     bool answer = false;
+    std::vector<std::wstring> hiddenAnswers; // in the order of the questions
+    std::optional<std::string> input;        // what standard input holds
     std::vector<std::string> questions;
     std::string output; // UTF-8
     std::string errors;
@@ -35,6 +37,17 @@ public:
     bool ask(const std::wstring& question) override {
         questions.push_back(toUtf8(question));
         return answer;
+    }
+    bool askHidden(const std::wstring& question, std::wstring& given) override {
+        questions.push_back(toUtf8(question));
+        if (questions.size() > hiddenAnswers.size()) {
+            return false;
+        }
+        given = hiddenAnswers[questions.size() - 1];
+        return true;
+    }
+    std::optional<std::string> readInput(std::size_t limit) override {
+        return input && input->size() <= limit ? input : std::nullopt;
     }
 
 protected:
