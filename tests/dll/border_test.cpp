@@ -135,15 +135,12 @@ TEST(BorderTest, ThreadsOfTheProgramMayAllUseTheLibrary) {
 TEST(BorderTest, TheConfigurationClassWorksAndFailsAsAPublicClass) {
     zopobsolete::zop& panel = zopobsolete::zop::getInstance();
     EXPECT_EQ(&panel, &zopobsolete::zop::getInstance());
-    EXPECT_EQ(panel.getUserNameWithoutDomain(L"DOMAIN\" + std::wstring(1000, L'u')),
+    EXPECT_EQ(panel.getUserNameWithoutDomain(L"DOMAIN\\" + std::wstring(1000, L'u')),
               std::wstring(1000, L'u'));
     const std::pair<std::function<void()>, const wchar_t*> failures[] = {
-        {[&] {
-        panel.get_Item(L"name"); }, L"Unable to call getString(name)\n"},
-        {[&] {
-        panel.get_isVPS(); }, L"Unable to call isVE()\n"},
-        {[&] {
-        panel.execBinUtil(L"tool.exe", {L"a"}); }, L"lookup subKey="},
+        {[&] { panel.get_Item(L"name"); }, L"Unable to call getString(name)\n"},
+        {[&] { panel.get_isVPS(); }, L"Unable to call isVE()\n"},
+        {[&] { panel.execBinUtil(L"tool.exe", {L"a"}); }, L"lookup subKey="},
     };
     for (const auto& [call, text] : failures) {
         try {
