@@ -49,7 +49,7 @@ bool isActiveDirectory() {
 
 std::mutex providerMutex;
 
-UserInformation::Provider& provider() {
+UserInformation::Provider& current() {
     static UserInformation::Provider replaced;
     return replaced;
 }
@@ -60,7 +60,7 @@ std::unique_ptr<IUserInformation> UserInformation::createInstance() {
     Provider replaced;
     {
         const std::lock_guard lock(providerMutex);
-        replaced = provider();
+        replaced = current();
     }
     if (replaced) {
         return replaced();
@@ -78,9 +78,9 @@ std::wstring UserInformation::getNameWithoutDomain(const std::wstring& name) {
     return user.empty() ? name : user;
 }
 
-UserInformation::Provider UserInformation::replaceProvider(Provider replacement) {
+UserInformation::Provider UserInformation::replaceProvider(Provider provider) {
     const std::lock_guard lock(providerMutex);
-    return std::exchange(provider(), std::move(replacement));
+    return std::exchange(current(), std::move(provider));
 }
 
 } // namespace UserManagement

@@ -152,10 +152,9 @@ ExitCode get(const ConfigGetOptions& options, Console& console) {
         const std::vector<Entry> all = entries();
         const Entry* entry = find(all, options.name);
         if (entry == nullptr) {
-            std::vector<std::wstring> names;
-            for (const Entry& each : all) {
-                names.push_back(each.name);
-            }
+            std::vector<std::wstring> names(all.size());
+            std::transform(all.begin(), all.end(), names.begin(),
+                           [](const Entry& each) { return each.name; });
             const std::wstring guess = nearest(options.name, names);
             throw Stop{ExitCode::Refused,
                        L"There is no value " + name +
