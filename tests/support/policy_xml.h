@@ -1,0 +1,55 @@
+// Pieces of policy files for tests: an entry that is in order, and the same with one attribute
+// changed.
+#pragma once
+
+#include "runtime/text.h"
+#include "security/disk/account_lookup.h"
+
+#include "runtime/exception.h"
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+// Knows the accounts it was given, and counts the questions.
+class FakeLookup : public DiskSecurity::AccountLookup {
+public:
+    std::map<std::wstring, std::wstring> sids; // by domain\account
+    int calls = 0;
+
+    RunTime::Sid lookup(const std::wstring& account, const std::wstring& domain) override {
+        ++calls;
+        const auto found = sids.find(domain + L"\\" + account);
+        if (found == sids.end()) {
+            _throwError(L"fake", ERROR_NONE_MAPPED, {L"", "FakeLookup::lookup", __LINE__});
+        }
+        return RunTime::Sid(found->second);
+    }
+};
+
+using Attributes = std::vector<std::pair<std::string, std::string>>;
+
+inline std::string entryXml(const Attributes& changes = {}) {
+    Attributes all = {{"AccounType", "0"},
+                      {"Account", "Everyone"},
+                      {"Path", "C:\\sites"},
+                      {"AccessMask", "Modify"},
+                      {"AceFlags", "FilesOnly"}};
+    for (const auto& change : changes) {
+        std::erase_if(all, [&](const auto& one) { return one.first == change.first; });
+        if (change.second != "(none)") {
+            all.push_back(change);
+        }
+    }
+    std::string xml = "<Entry";
+    for (const auto& [name, value] : all) {
+        xml.append(" ").append(name).append("=\"").append(value).append("\"");
+    }
+    return xml + "/>";
+}
+
+inline std::string policyXml(const std::string& entries) {
+    return "<DiskSecurity>\n" + entries + "\n</DiskSecurity>\n";
+}
