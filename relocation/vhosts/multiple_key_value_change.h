@@ -35,7 +35,7 @@ public:
     // Records every value of the type in the key and below it that names oldPath, in the 64-bit
     // view; a missing key has none. What was recorded before is forgotten. Throws vexception when
     // anything cannot be read; nothing is recorded then.
-    void save(const Text& oldPath);
+    void save(Text oldPath);
 
     // Changes the recorded values in their order. The first that cannot be written ends this with
     // its exception; those before it stay changed until restore().
@@ -75,13 +75,12 @@ private:
 using InstallerPaths = MultipleKeyValueChange<std::wstring, REG_SZ, RegValueTraits>;
 
 template <class Text, DWORD type, class Traits>
-void MultipleKeyValueChange<Text, type, Traits>::save(const Text& oldPath) {
+void MultipleKeyValueChange<Text, type, Traits>::save(Text oldPath) {
     const NativeSpan span("MultipleKeyValueChange::save", __LINE__);
-    const Text path = oldPath; // the caller's may be a part of what is cleared
     clear();
+    oldPath_ = std::move(oldPath);
     try {
-        oldPath_ = path;
-        scan(path);
+        scan(oldPath_);
     } catch (...) {
         clear();
         throw;

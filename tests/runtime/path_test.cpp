@@ -199,6 +199,28 @@ TEST(PathInsideTest, OnlyWholeComponentsBelowCount) {
     }
 }
 
+TEST(PathPrefixTest, PathIsInADirectoryByWholeComponentsWhateverItsForm) {
+    for (const wchar_t* path :
+         {L"D:\\a", L"d:/A/", L"\\\\?\\D:\\a\\", L"D:\\a\\b:stream", L"D:\\A\\\\b"}) {
+        for (const wchar_t* directory : {L"D:\\a", L"D:/a/", L"\\\\?\\d:\\a", L"D:\\", L"D:"}) {
+            EXPECT_TRUE(File::inpath(path, directory)) << toUtf8(path) << toUtf8(directory);
+        }
+        for (const wchar_t* directory :
+             {L"D:\\a\\b", L"D:\\ab", L"C:\\a", L"\\", L"", L"\\\\s\\a"}) {
+            EXPECT_FALSE(File::inpath(path, directory)) << toUtf8(path) << toUtf8(directory);
+        }
+    }
+    EXPECT_TRUE(File::inpath(L"//S/H/a", L"\\\\?\\UNC\\s\\h\\"));
+    EXPECT_FALSE(File::inpath(L"D:\\a\\b\\..\\..\\c", L"D:\\a"));
+    EXPECT_FALSE(File::inpath(L"D:\\ab", L"D:\\a"));
+    for (const wchar_t* path : {L"D:\\a", L"d:/", L"\\\\s\\h", L"//s", L"\\\\?\\D:\\"}) {
+        EXPECT_TRUE(isFullyQualified(path)) << toUtf8(path);
+    }
+    for (const wchar_t* path : {L"", L"D:", L"D:a", L"\\a", L"a\\b", L"1:\\a", L"\"D:\\a\""}) {
+        EXPECT_FALSE(isFullyQualified(path)) << toUtf8(path);
+    }
+}
+
 TEST(PathNamesTest, ShortAndLongFormsLeadToEachOther) {
     const TempDirectory temp;
     const std::wstring file = temp.writeFile(L"A rather long name\\and another one.txt");
