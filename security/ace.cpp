@@ -65,6 +65,23 @@ std::span<const unsigned char> Ace::bytes() const noexcept {
     return {reinterpret_cast<const unsigned char*>(header_), header_->AceSize};
 }
 
+AceEffect Ace::effect() const noexcept {
+    switch (type()) {
+    case ACCESS_ALLOWED_ACE_TYPE:
+    case ACCESS_ALLOWED_OBJECT_ACE_TYPE:
+    case ACCESS_ALLOWED_CALLBACK_ACE_TYPE:
+    case ACCESS_ALLOWED_CALLBACK_OBJECT_ACE_TYPE:
+        return AceEffect::Grants;
+    case ACCESS_DENIED_ACE_TYPE:
+    case ACCESS_DENIED_OBJECT_ACE_TYPE:
+    case ACCESS_DENIED_CALLBACK_ACE_TYPE:
+    case ACCESS_DENIED_CALLBACK_OBJECT_ACE_TYPE:
+        return AceEffect::Denies;
+    default:
+        return AceEffect::Other;
+    }
+}
+
 PSID Ace::sid() const noexcept {
     const Layout layout = layoutOf(type());
     const unsigned char* begin = bytes().data();

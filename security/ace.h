@@ -10,6 +10,9 @@
 
 namespace RunTime {
 
+// Whether it takes part in deciding on access, and how.
+enum class AceEffect { Grants, Denies, Other };
+
 // A view: valid until the list changes. Only whole entries get here (see isWholeAce), so what is
 // read lies within the entry.
 class Ace {
@@ -20,6 +23,7 @@ public:
     std::span<const unsigned char> bytes() const noexcept;
     BYTE type() const noexcept { return header_->AceType; }
     BYTE flags() const noexcept { return header_->AceFlags; } // INHERITED_ACE, ...
+    AceEffect effect() const noexcept;
     bool isInherited() const noexcept { return (flags() & INHERITED_ACE) != 0; }
 
     // Null and 0 for the types whose inside is not known here: compound entries and later ones.

@@ -353,6 +353,22 @@ bool operator==(const Acl& left, const Acl& right) {
     return true;
 }
 
+std::optional<DWORD> firstOutOfOrder(const Acl& list) {
+    int reached = 0;
+    for (AceIterator at = list.begin(); at != list.end(); ++at) {
+        const AceEffect effect = (*at).effect();
+        if (effect == AceEffect::Other) {
+            continue;
+        }
+        const int place = (*at).isInherited() ? 2 : effect == AceEffect::Denies ? 0 : 1;
+        if (place < reached) {
+            return at.index();
+        }
+        reached = place;
+    }
+    return std::nullopt;
+}
+
 std::size_t aclLength(std::span<const unsigned char> bytes) noexcept {
     ACL header;
     if (bytes.size() < sizeof(header)) {

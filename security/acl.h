@@ -20,6 +20,7 @@
 #include "security/ace.h"
 
 #include <cstddef>
+#include <optional>
 #include <span>
 #include <string>
 #include <windows.h>
@@ -116,6 +117,11 @@ private:
 
     FreePtr<ACL> list_;
 };
+
+// The first entry that stands behind one that it should stand before, counted from 0, by the rules
+// that the system's own tools go by: explicit denials, explicit grants, and then what is inherited,
+// in whatever order it came from above. Entries that neither grant nor deny stand anywhere.
+std::optional<DWORD> firstOutOfOrder(const Acl& list);
 
 // Length of the list that these bytes begin with, room at its end included; 0 when they do not hold
 // a whole one.

@@ -35,21 +35,8 @@ std::size_t listSize(std::span<const unsigned char> bytes) noexcept {
     return list.AclSize >= sizeof(list) && list.AclSize <= bytes.size() ? list.AclSize : 0;
 }
 
-// Null data: present without a list, or absent.
-using Part = std::span<const unsigned char>;
-
-bool same(const Part& a, const Part& b) noexcept {
+bool same(std::span<const unsigned char> a, std::span<const unsigned char> b) noexcept {
     return (a.data() == nullptr) == (b.data() == nullptr) && std::ranges::equal(a, b);
-}
-
-Part listAt(const DescriptorBytes& bytes, DWORD offset) noexcept {
-    const Part part = from(bytes.data(), bytes.size(), offset);
-    return offset == 0 ? Part{} : part.first(listSize(part));
-}
-
-Part sidAt(const DescriptorBytes& bytes, DWORD offset) noexcept {
-    const Part part = from(bytes.data(), bytes.size(), offset);
-    return offset == 0 ? Part{} : part.first(sidLength(part));
 }
 
 } // namespace
@@ -93,6 +80,16 @@ bool isWholeDescriptor(const void* bytes, std::size_t count) noexcept {
            wholeList(header.Sacl);
 }
 
+DescriptorParts partsOf(const DescriptorBytes& bytes) noexcept {
+    const SECURITY_DESCRIPTOR_RELATIVE header = headerOf(bytes.data());
+    const auto part = [&](DWORD offset, auto length) {
+        const auto rest = from(bytes.data(), bytes.size(), offset);
+        return offset == 0 ? std::span<const unsigned char>() : rest.first(length(rest));
+    };
+    return {header.Control, part(header.Owner, sidLength), part(header.Group, sidLength),
+            part(header.Dacl, listSize), part(header.Sacl, listSize)};
+}
+
 DWORD writeDescriptor(HANDLE handle, DescriptorBytes& bytes, bool owner, bool audit) noexcept {
     const SECURITY_DESCRIPTOR_RELATIVE header = headerOf(bytes.data());
     SECURITY_INFORMATION parts = 0;
@@ -131,16 +128,14 @@ bool sameDescriptor(const DescriptorBytes& present, const DescriptorBytes& wante
     if (present.empty() || wanted.empty()) {
         return false;
     }
-    const SECURITY_DESCRIPTOR_RELATIVE a = headerOf(present.data());
-    const SECURITY_DESCRIPTOR_RELATIVE b = headerOf(wanted.data());
+    const DescriptorParts a = partsOf(present);
+    const DescriptorParts b = partsOf(wanted);
     constexpr WORD daclFlags = SE_DACL_PRESENT | SE_DACL_PROTECTED | SE_DACL_AUTO_INHERITED;
     constexpr WORD saclFlags = SE_SACL_PRESENT | SE_SACL_PROTECTED | SE_SACL_AUTO_INHERITED;
     const WORD compared = audit ? daclFlags | saclFlags : daclFlags;
-    return (a.Control & compared) == (b.Control & compared) &&
-           same(listAt(present, a.Dacl), listAt(wanted, b.Dacl)) &&
-           (!audit || same(listAt(present, a.Sacl), listAt(wanted, b.Sacl))) &&
-           (!owner || (same(sidAt(present, a.Owner), sidAt(wanted, b.Owner)) &&
-                       same(sidAt(present, a.Group), sidAt(wanted, b.Group))));
+    return (a.control & compared) == (b.control & compared) && same(a.dacl, b.dacl) &&
+           (!audit || same(a.sacl, b.sacl)) &&
+           (!owner || (same(a.owner, b.owner) && same(a.group, b.group)));
 }
 
 } // namespace RunTime

@@ -2,6 +2,7 @@
 // because that can change access.
 #pragma once
 
+#include <span>
 #include <vector>
 #include <windows.h>
 
@@ -16,6 +17,18 @@ DWORD readDescriptor(HANDLE handle, bool audit, DescriptorBytes& bytes);
 
 // Whether the bytes hold a whole, valid descriptor: nothing in it reaches past its end.
 bool isWholeDescriptor(const void* bytes, std::size_t count) noexcept;
+
+// Where the parts of a whole descriptor lie within its bytes; no data: it has none. An access list
+// without data grants everything to everybody (SE_DACL_PRESENT or not), one without entries grants
+// nothing.
+struct DescriptorParts {
+    SECURITY_DESCRIPTOR_CONTROL control = 0;
+    std::span<const unsigned char> owner;
+    std::span<const unsigned char> group;
+    std::span<const unsigned char> dacl; // room at the end included; entries are not checked
+    std::span<const unsigned char> sacl;
+};
+DescriptorParts partsOf(const DescriptorBytes& bytes) noexcept;
 
 // Writes the parts of a whole descriptor that it has: the DACL, null and empty ones kept apart (the
 // handle needs WRITE_DAC), with audit the SACL (ACCESS_SYSTEM_SECURITY), with owner the owner and

@@ -2,7 +2,9 @@
 
 #include "runtime/exception.h"
 
+#include <cstring>
 #include <sddl.h>
+#include <vector>
 
 namespace RunTime {
 
@@ -29,6 +31,25 @@ std::wstring sddlOf(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts)
                     {L"", "RunTime::sddlOf", __LINE__});
     }
     return text.get();
+}
+
+std::wstring sddlOf(const Ace& ace) {
+    // A list of this one entry, in a descriptor of nothing else.
+    const std::span<const unsigned char> bytes = ace.bytes();
+    std::vector<ACL> buffer(2 + bytes.size() / sizeof(ACL));
+    buffer[0] = {ACL_REVISION_DS, 0, static_cast<WORD>(sizeof(ACL) + bytes.size()), 1, 0};
+    std::memcpy(&buffer[1], bytes.data(), bytes.size());
+    const BYTE type = ace.type();
+    const bool audit = type == SYSTEM_AUDIT_ACE_TYPE || type == SYSTEM_ALARM_ACE_TYPE ||
+                       type == SYSTEM_AUDIT_OBJECT_ACE_TYPE ||
+                       type == SYSTEM_ALARM_OBJECT_ACE_TYPE ||
+                       type >= SYSTEM_AUDIT_CALLBACK_ACE_TYPE;
+    SECURITY_DESCRIPTOR carrier{};
+    carrier.Revision = SECURITY_DESCRIPTOR_REVISION;
+    carrier.Control = audit ? SE_SACL_PRESENT : SE_DACL_PRESENT;
+    (audit ? carrier.Sacl : carrier.Dacl) = buffer.data();
+    return sddlOf(&carrier, audit ? SACL_SECURITY_INFORMATION : DACL_SECURITY_INFORMATION)
+        .substr(2); // "D:" or "S:" before it
 }
 
 } // namespace RunTime

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "runtime/auto_ptr.h"
+#include "security/ace.h"
 
 #include <string>
 #include <windows.h>
@@ -14,5 +15,8 @@ LocalPtr<SECURITY_DESCRIPTOR, PSECURITY_DESCRIPTOR> descriptorFromSddl(const std
 // The named parts of a descriptor of either kind that it has. "Unable to convert a security
 // descriptor to text": the text form lacks some types of entries.
 std::wstring sddlOf(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts);
+
+// One entry: "(A;OICI;FA;;;BA)". Errors as above.
+std::wstring sddlOf(const Ace& ace);
 
 } // namespace RunTime
