@@ -2,6 +2,7 @@
 
 #include "runtime/exception.h"
 #include "runtime/text.h"
+#include "tools/zopctl/acl_show_command.h"
 #include "tools/zopctl/config_command.h"
 #include "tools/zopctl/data_move_command.h"
 #include "tools/zopctl/text_format.h"
@@ -113,6 +114,7 @@ ExitCode dispatch(std::vector<std::wstring> arguments, Console& console,
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
+        {L"acl", L"show", L"PATH", L"shows who may do what with a file or directory", runAclShow},
         {L"data", L"move", L"SOURCE TARGET", L"moves a directory to another place", runDataMove},
         {L"tree", L"compare", L"A B", L"compares two directories", runTreeCompare},
         {L"config", L"get", L"NAME", L"prints a configuration value", runConfigGet},
