@@ -17,10 +17,8 @@ struct Right {
 // What the system's own tools grant by one name, the widest first. A denial of them leaves
 // SYNCHRONIZE out, without which nothing could be opened any more.
 constexpr Right together[] = {
-    {FILE_ALL_ACCESS, L"full access", L"full access"},
-    {0x1301BF, L"modify", L"modify"},
-    {FILE_GENERIC_READ | FILE_GENERIC_EXECUTE, L"read and execute", L"read and execute"},
-    {FILE_GENERIC_READ, L"read", L"read"},
+    {FILE_ALL_ACCESS, L"full access", L"full access"},        {0x1301BF, L"modify", L"modify"},
+    {0x1200A9, L"read and execute", L"read and execute"},     {FILE_GENERIC_READ, L"read", L"read"},
     {FILE_GENERIC_WRITE & ~READ_CONTROL, L"write", L"write"},
 };
 
