@@ -227,15 +227,26 @@ DWORD Acl::getInsertionIndex(const ACE_HEADER* ace) const {
     if (!list_) {
         return 0;
     }
-    const DWORD count = sizeOf(list_.get(), "RunTime::Acl::getInsertionIndex").AceCount;
-    for (DWORD index = 0; index < count; ++index) {
-        void* present = nullptr;
-        if (!::GetAce(list_.get(), index, &present)) {
-            const DWORD code = ::GetLastError();
+    const ACL_SIZE_INFORMATION own = sizeOf(list_.get(), "RunTime::Acl::getInsertionIndex");
+    const auto* const end = bytes().data() + own.AclBytesInUse;
+    const ACE_HEADER* present = nullptr;
+    for (DWORD index = 0; index < own.AceCount; ++index) {
+        void* fetched = nullptr;
+        DWORD code = ERROR_SUCCESS;
+        if (index == 0) {
+            code = ::GetAce(list_.get(), 0, &fetched) ? ERROR_SUCCESS : ::GetLastError();
+            present = static_cast<const ACE_HEADER*>(fetched);
+        } else {
+            // GetAce would count from the first one again, which makes long lists slow.
+            present = (*++AceIterator(present, index - 1)).header();
+            code = reinterpret_cast<const unsigned char*>(present + 1) <= end ? ERROR_SUCCESS
+                                                                              : ERROR_INVALID_ACL;
+        }
+        if (code != ERROR_SUCCESS) {
             _throwError(L"Unable to get ACL ACE", code,
                         {L"", "RunTime::Acl::getInsertionIndex", __LINE__});
         }
-        const std::optional<std::size_t> other = rankOf(*static_cast<const ACE_HEADER*>(present));
+        const std::optional<std::size_t> other = rankOf(*present);
         if (!other) {
             _throwError(L"Unsupported ACE type in ACL", ERROR_INVALID_PARAMETER,
                         {L"", "RunTime::Acl::getInsertionIndex", __LINE__});
@@ -244,7 +255,7 @@ DWORD Acl::getInsertionIndex(const ACE_HEADER* ace) const {
             return index;
         }
     }
-    return count;
+    return own.AceCount;
 }
 
 DWORD Acl::calculateSize(const ACL* other, const ACE_HEADER* const* aces, DWORD count) const {

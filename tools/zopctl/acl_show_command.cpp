@@ -136,6 +136,9 @@ void printEntries(const RunTime::Acl& list, RunTime::AceSubject subject, Console
 }
 
 std::wstring summary(const ListReport& report) {
+    if (!report.list) {
+        return L"no list (null): everybody has full access";
+    }
     std::wstring text;
     if (report.list->aceCount() != 0) {
         text = countOf(report.list->aceCount(), L"entry", L"entries") +
@@ -155,11 +158,9 @@ void print(const Report& report, Console& console) {
     console.line(L"Path:   " + printable(report.path) + L" (" + report.kind + L")");
     console.line(L"Owner:  " + nameAndSid(report.owner));
     console.line(L"Group:  " + nameAndSid(report.group));
+    console.line(L"Access: " + summary(report.access));
     if (report.access.list) {
-        console.line(L"Access: " + summary(report.access));
         printEntries(*report.access.list, report.subject, console);
-    } else {
-        console.line(L"Access: no list (null): everybody has full access");
     }
     if (!report.audit) {
         console.line(L"Audit:  not shown; reading it needs the privilege SeSecurityPrivilege");
