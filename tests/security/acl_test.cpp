@@ -183,6 +183,7 @@ TEST_F(AclTest, RoomGrowsToTwiceWhatIsCalculatedAndNoFurtherThanAListCan) {
     }
     EXPECT_EQ(list.aceCount(), most);
     EXPECT_EQ(list.bytes().size(), Acl::largestSize);
+    EXPECT_EQ(list.getAce(1).mask(), most - 2) << "sorted anew, though it could grow no more";
     const Acl full(list);
     expectError<vosexception>(ERROR_ALLOTTED_SPACE_EXCEEDED,
                               L"Unable to hold (65548) bytes in an ACL",
@@ -200,6 +201,8 @@ TEST_F(AclTest, MalformedListsAreRefusedBeforeAnythingIsChanged) {
         return bad;
     };
     constexpr std::size_t aceSize = sizeof(ACL) + 2;
+    Bytes beyond(20); // what would be taken for the SID of the entry before
+    raw::append(beyond, raw::sid({1}));
     const Bytes malformed[] = {
         with(0, 0),                    // revision
         with(2, 7),                    // smaller than a list's header
@@ -211,15 +214,19 @@ TEST_F(AclTest, MalformedListsAreRefusedBeforeAnythingIsChanged) {
         with(aceSize, 44),             // past the end
         with(sizeof(ACL) + 8, 0x0f01), // too many sub-authorities
         raw::acl({raw::ace(allowObject, 0, 1, {})}),
+        raw::acl(
+            {raw::ace(allowObject, 0, 1, {3, 0, 0, 0, 0, 0, 0, 0}), raw::ace(0x1F, 0, 0, beyond)}),
     };
     ASSERT_EQ(RunTime::aclLength(good), good.size());
+    raw::PageEnd pageEnd;
     for (std::size_t shorter = 0; shorter < good.size(); ++shorter) {
-        EXPECT_EQ(RunTime::aclLength(std::span(good).first(shorter)), 0U);
+        EXPECT_EQ(RunTime::aclLength(pageEnd.put(std::span(good).first(shorter))), 0U);
     }
     Acl list = Acl::fromBytes(good);
     for (const Bytes& bad : malformed) {
         SCOPED_TRACE(&bad - malformed);
-        expectError<vosexception>(ERROR_INVALID_ACL, L"Invalid ACL", [&] { Acl::fromBytes(bad); });
+        expectError<vosexception>(ERROR_INVALID_ACL, L"Invalid ACL",
+                                  [&] { Acl::fromBytes(pageEnd.put(bad)); });
         for (void (*use)(Acl&, const ACL*) :
              {+[](Acl&to, const ACL*from) { to.copy(from); },
               +[](Acl&to, const ACL*from) { to.add(from); },

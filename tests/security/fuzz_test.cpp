@@ -41,9 +41,11 @@ void readWhole(std::span<const std::uint8_t> input) {
 } // namespace
 
 TEST(SecurityFuzzTest, SidsAreReadWholeOrRefused) {
+    raw::PageEnd pageEnd;
     int whole = 0;
     fuzz({raw::sid({}), raw::sid({32, 544}), raw::sid({21, 1, 2, 3, 500})},
-         [&](std::span<const std::uint8_t> input) {
+         [&](std::span<const std::uint8_t> given) {
+             const auto input = pageEnd.put(given);
              try {
                  const Sid sid = Sid::fromBytes(input);
                  EXPECT_TRUE(::IsValidSid(sid.get()));
@@ -58,6 +60,7 @@ TEST(SecurityFuzzTest, SidsAreReadWholeOrRefused) {
 
 TEST(SecurityFuzzTest, ListsAndDescriptorsAreReadWholeOrRefused) {
     const AddAceInPlace addAce;
+    raw::PageEnd pageEnd;
     const raw::Bytes sid = raw::sid({32, 544});
     raw::Bytes objectTail;
     raw::append<DWORD>(objectTail, ACE_OBJECT_TYPE_PRESENT | ACE_INHERITED_OBJECT_TYPE_PRESENT);
@@ -75,7 +78,7 @@ TEST(SecurityFuzzTest, ListsAndDescriptorsAreReadWholeOrRefused) {
     int whole = 0;
     fuzz(lists, [&](std::span<const std::uint8_t> input) {
         try {
-            readWhole(input);
+            readWhole(pageEnd.put(input));
             ++whole;
         } catch (const vosexception& e) {
             EXPECT_TRUE(e.get_errorCode() == ERROR_INVALID_ACL ||
@@ -92,7 +95,8 @@ TEST(SecurityFuzzTest, ListsAndDescriptorsAreReadWholeOrRefused) {
         descriptors.emplace_back(bytes, bytes + ::GetSecurityDescriptorLength(made.get()));
     }
     fuzz(descriptors, [&](std::span<const std::uint8_t> input) {
-        if (RunTime::isWholeDescriptor(input.data(), input.size())) {
+        const auto atEnd = pageEnd.put(input);
+        if (RunTime::isWholeDescriptor(atEnd.data(), atEnd.size())) {
             const RunTime::DescriptorBytes bytes(input.begin(), input.end());
             EXPECT_LE(::GetSecurityDescriptorLength(const_cast<std::uint8_t*>(bytes.data())),
                       bytes.size() * 5)
