@@ -158,6 +158,16 @@ TEST(DescriptorBytesTest, ArriveUnchangedOnAnotherObject) {
             EXPECT_EQ(RunTime::sameDescriptor(read, given, false, false), !null);
         }
     }
+    if (privileges.holds(SE_SECURITY_NAME)) {
+        const RunTime::AutoHandle event(
+            ::CreateEventExW(nullptr, nullptr, 0, EVENT_ALL_ACCESS | ACCESS_SYSTEM_SECURITY));
+        RunTime::DescriptorBytes wanted = bytesOf(L"O:BAG:BAD:P(A;;GA;;;BA)S:(AU;SAFA;GA;;;WD)");
+        RunTime::DescriptorBytes read;
+        ASSERT_EQ(RunTime::writeDescriptor(event.get(), wanted, true, true), 0U);
+        ASSERT_EQ(RunTime::readDescriptor(event.get(), true, read), 0U);
+        EXPECT_TRUE(RunTime::sameDescriptor(read, wanted, true, true));
+        EXPECT_EQ(RunTime::partsOf(read).sacl.size(), RunTime::partsOf(wanted).sacl.size());
+    }
     RunTime::DescriptorBytes bytes;
     EXPECT_EQ(RunTime::readDescriptor(nullptr, false, bytes), DWORD{ERROR_INVALID_HANDLE});
     EXPECT_TRUE(bytes.empty());
