@@ -139,6 +139,22 @@ LSTATUS listNames(HKEY key, EnumerateName enumerate, std::vector<ValueName>& nam
     return ERROR_BUSY;
 }
 
+std::vector<ValueName> list(HKEY hive, const std::wstring& subKey, RegistryView view,
+                            EnumerateName enumerate, const char* function) {
+    const REGSAM access = enumerate == &enumerateSubkey ? KEY_ENUMERATE_SUB_KEYS : 0;
+    AutoRegKey key;
+    LSTATUS status = open(hive, subKey, KEY_QUERY_VALUE | access, view, key);
+    if (status != ERROR_SUCCESS) {
+        fail(L"Unable to open registry key (%s)", subKey, status, function, __LINE__);
+    }
+    std::vector<ValueName> names;
+    status = listNames(key.get(), enumerate, names);
+    if (status != ERROR_SUCCESS) {
+        fail(L"Unable to list registry key (%s)", subKey, status, function, __LINE__);
+    }
+    return names;
+}
+
 // RegGetValueW could do it, but would have to rely on the terminator of the stored text.
 LSTATUS expand(std::wstring& text) {
     std::wstring expanded(MAX_PATH, L'\0');
@@ -280,36 +296,15 @@ bool keyExists(HKEY hive, const std::wstring& subKey, RegistryView view) {
 }
 
 std::vector<std::wstring> subkeys(HKEY hive, const std::wstring& subKey, RegistryView view) {
-    AutoRegKey key;
-    LSTATUS status = open(hive, subKey, KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS, view, key);
-    if (status != ERROR_SUCCESS) {
-        fail(L"Unable to open registry key (%s)", subKey, status, "registry::subkeys", __LINE__);
-    }
-    std::vector<ValueName> found;
-    status = listNames(key.get(), &enumerateSubkey, found);
-    if (status != ERROR_SUCCESS) {
-        fail(L"Unable to list registry keys (%s)", subKey, status, "registry::subkeys", __LINE__);
-    }
     std::vector<std::wstring> names;
-    names.reserve(found.size());
-    for (ValueName& entry : found) {
+    for (ValueName& entry : list(hive, subKey, view, &enumerateSubkey, "registry::subkeys")) {
         names.push_back(std::move(entry.name));
     }
     return names;
 }
 
 std::vector<ValueName> values(HKEY hive, const std::wstring& subKey, RegistryView view) {
-    AutoRegKey key;
-    LSTATUS status = open(hive, subKey, KEY_QUERY_VALUE, view, key);
-    if (status != ERROR_SUCCESS) {
-        fail(L"Unable to open registry key (%s)", subKey, status, "registry::values", __LINE__);
-    }
-    std::vector<ValueName> names;
-    status = listNames(key.get(), &enumerateValue, names);
-    if (status != ERROR_SUCCESS) {
-        fail(L"Unable to list registry values (%s)", subKey, status, "registry::values", __LINE__);
-    }
-    return names;
+    return list(hive, subKey, view, &enumerateValue, "registry::values");
 }
 
 void setString(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,

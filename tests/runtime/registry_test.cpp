@@ -176,14 +176,14 @@ TEST_F(RegistryTest, ListsHoldWhatIsThereAfterTheLastChange) {
                     }
                 }),
                 testing::UnorderedElementsAreArray(names));
-    expectError<vosexception>(ERROR_BUSY, L"Unable to list registry keys (list)", [&] {
+    expectError<vosexception>(ERROR_BUSY, L"Unable to list registry key (list)", [&] {
         listWhile([](int call) {
             if (call % 16 == 0) {
                 makeKey(L"list\\more" + std::to_wstring(call));
             }
         });
     });
-    expectError<vosexception>(ERROR_KEY_DELETED, L"Unable to list registry keys (list)", [&] {
+    expectError<vosexception>(ERROR_KEY_DELETED, L"Unable to list registry key (list)", [&] {
         listWhile([](int) { ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"list"); });
     });
     expectError<VFileNotFoundException>(ERROR_FILE_NOT_FOUND, L"Unable to open registry key (list)",
