@@ -1,6 +1,7 @@
 // TarvoSrvClient against servers that behave well and badly.
 #include "config/config_service_exception.h"
 #include "config/protocol.h"
+#include "config/service/config_service.h"
 #include "config/tarvo_srv_client.h"
 #include "runtime/registry/config_values.h"
 #include "runtime/text.h"
@@ -13,7 +14,7 @@
 #include <atomic>
 #include <future>
 #include <gmock/gmock.h>
-#include <source_location>
+#include <optional>
 
 using namespace config::protocol;
 using namespace std::chrono_literals;
@@ -58,36 +59,45 @@ protected:
     TarvoSrvClient client{{name, 5s}};
 };
 
+// What a caller learns of a failure: "status message: cause", the cause from the first frame.
 template <class Call>
-Failure failureOf(Call call) {
+std::string failureOf(Call call) {
     try {
         call();
+        return "it did not fail";
     } catch (const Failure& e) {
-        return e;
+        EXPECT_FALSE(e.frames().front().text.empty());
+        EXPECT_THAT(e.frames().front().function, testing::StartsWith("TarvoSrvClient::"));
+        return std::to_string(e.status()) + " " + toUtf8(e.message()) + ": " +
+               toUtf8(e.frames().front().text);
     } catch (const vexception& e) {
-        ADD_FAILURE() << "another exception: " << toUtf8(e.what());
+        return "another exception: " + toUtf8(e.what());
     }
-    ADD_FAILURE() << "it did not fail";
-    return {L"", 0, {L"", "", 0}};
 }
 
-// The call fails so, and tells why in its first frame.
-template <class Call>
-void expectFailure(DWORD status, const wchar_t* message, const wchar_t* cause, Call call,
-                   std::source_location location = std::source_location::current()) {
-    const testing::ScopedTrace trace(location.file_name(), static_cast<int>(location.line()), "");
-    const Failure e = failureOf(call);
-    EXPECT_EQ(status, e.status()) << toUtf8(e.what());
-    EXPECT_EQ(toUtf8(message), toUtf8(e.message()));
-    EXPECT_THAT(toUtf8(e.frames().front().text), testing::HasSubstr(toUtf8(cause)));
-    EXPECT_THAT(e.frames().front().function, testing::StartsWith("TarvoSrvClient::"));
+std::string failureOf(TarvoSrvClient& client) {
+    return failureOf([&] { client.getDWORD(L"Debug"); });
 }
 
-void expectFailure(TarvoSrvClient& client, DWORD status, const wchar_t* cause,
-                   std::source_location location = std::source_location::current()) {
-    expectFailure(
-        status, L"Unable to call getDWORD(Debug)", cause, [&] { client.getDWORD(L"Debug"); },
-        location);
+// With the real service, in this process.
+class ClientAndServiceTest : public ClientTest {
+protected:
+    void start() { service_.emplace(config::ConfigService::Options{.pipeName = name}); }
+
+    template <class Call>
+    DWORD statusOf(Call call) {
+        const std::string failure = failureOf(call);
+        return static_cast<DWORD>(std::strtoul(failure.c_str(), nullptr, 10));
+    }
+
+    std::optional<config::ConfigService> service_;
+};
+
+// A failure of that call with this status and, somewhere in the cause, this text.
+auto failsWith(DWORD status, const std::string& cause = "") {
+    return testing::AllOf(
+        testing::StartsWith(std::to_string(status) + " Unable to call getDWORD(Debug): "),
+        testing::HasSubstr(cause));
 }
 
 } // namespace
@@ -144,18 +154,15 @@ TEST_F(ClientTest, EveryOperationHasItsMessage) {
         reply.text = L"of another type";
         return answer(reply);
     });
-    const auto check = [&](const wchar_t* message, auto call) {
-        expectFailure(Failure::wrongType, message, L"of another type", call);
+    const auto check = [&](const std::string& message, auto call) {
+        EXPECT_EQ("1629 " + message + ": of another type", failureOf(call));
     };
-    check(L"Unable to call getString(a b)", [&] { client.getString(L"a b"); });
-    check(L"Unable to call getDWORD(Debug)", [&] { client.getDWORD(L"Debug"); });
-    check(L"Unable to call setDWORD(Debug = 17)", [&] { client.setDWORD(L"Debug", 17); });
-    check(L"Unable to call isVE()", [&] { client.isVE(); });
-    check(L"Unexpected error", [&] { client.list(); });
-    check(L"Unexpected error", [&] { client.setString(L"FTPPassword", L"Tr0ub4dor"); });
-    const std::wstring all =
-        failureOf([&] { client.setString(L"FTPPassword", L"Tr0ub4dor"); }).what();
-    EXPECT_EQ(std::wstring::npos, all.find(L"Tr0ub4dor"));
+    check("Unable to call getString(a b)", [&] { client.getString(L"a b"); });
+    check("Unable to call getDWORD(Debug)", [&] { client.getDWORD(L"Debug"); });
+    check("Unable to call setDWORD(Debug = 17)", [&] { client.setDWORD(L"Debug", 17); });
+    check("Unable to call isVE()", [&] { client.isVE(); });
+    check("Unexpected error", [&] { client.list(); });
+    check("Unexpected error", [&] { client.setString(L"FTPPassword", L"Tr0ub4dor"); });
     service.stop();
     EXPECT_EQ(1, service.connections) << "a refusal is an answer; the connection is sound";
 }
@@ -163,12 +170,13 @@ TEST_F(ClientTest, EveryOperationHasItsMessage) {
 TEST_F(ClientTest, BadArgumentsNeverReachThePipe) {
     for (const std::wstring& bad :
          {std::wstring(), std::wstring(maxNameLength + 1, L'n'), std::wstring(L"a\0b", 3)}) {
-        EXPECT_EQ(Failure::badArgument, failureOf([&] { client.getString(bad); }).status());
+        EXPECT_THAT(failureOf([&] { client.getString(bad); }), testing::StartsWith("87 "));
     }
     for (const std::wstring& bad : {std::wstring(L"a\0b", 3), std::wstring(600'000, L'x')}) {
-        EXPECT_EQ(Failure::badArgument, failureOf([&] { client.setString(L"n", bad); }).status());
+        EXPECT_THAT(failureOf([&] { client.setString(L"n", bad); }),
+                    testing::StartsWith("87 Unexpected error: "));
     }
-    expectFailure(client, Failure::notRunning, L"sc start zopconfigsvc");
+    EXPECT_THAT(failureOf(client), failsWith(Failure::notRunning, "sc start zopconfigsvc"));
 }
 
 TEST_F(ClientTest, StrangersLearnNothing) {
@@ -176,7 +184,8 @@ TEST_F(ClientTest, StrangersLearnNothing) {
     for (const wchar_t* security : {(const wchar_t*)nullptr, L"O:BU", L"O:LS", L"O:NS", L"O:WD",
                                     L"O:S-1-5-21-1-2-3-500", L"O:S-1-5-32"}) {
         ScriptedServer squatter(path, echo, security);
-        expectFailure(client, Failure::untrustedServer, L"does not belong to the system");
+        EXPECT_THAT(failureOf(client),
+                    failsWith(Failure::untrustedServer, "does not belong to the system"));
         while (squatter.connections == 0) { // it has to have seen the client to read from it
             std::this_thread::yield();
         }
@@ -203,26 +212,26 @@ TEST_F(ClientTest, NonsenseIsRefusedAndTheNextCallConnectsAnew) {
     const struct {
         Bytes bytes;
         DWORD status;
-        const wchar_t* cause;
+        const char* cause;
     } cases[] = {
-        {Bytes(100, 'x'), Failure::badMessage, L"mark"},
-        {Bytes(good.begin(), good.end() - 1), Failure::badMessage, L"header"},
-        {longer, Failure::badMessage, L"header"},
-        {otherVersion, Failure::otherVersion, L"version 2"},
-        {Bytes(maxMessageBytes + 1, 'x'), Failure::badMessage, L"longer than any message"},
-        {answer({Operation::IsVE}).bytes, Failure::badMessage, L"another request"},
+        {Bytes(100, 'x'), Failure::badMessage, "mark"},
+        {Bytes(good.begin(), good.end() - 1), Failure::badMessage, "header"},
+        {longer, Failure::badMessage, "header"},
+        {otherVersion, Failure::otherVersion, "version 2"},
+        {Bytes(maxMessageBytes + 1, 'x'), Failure::badMessage, "longer than any message"},
+        {answer({Operation::IsVE}).bytes, Failure::badMessage, "another request"},
     };
     int connections = 0;
     for (const auto& row : cases) {
         reply = row.bytes;
-        expectFailure(client, row.status, row.cause);
+        EXPECT_THAT(failureOf(client), failsWith(row.status, row.cause));
         reply.clear();
         EXPECT_EQ(5u, client.getDWORD(L"Debug"));
         EXPECT_EQ(++connections + 1, service.connections);
     }
     reply = answer({.operation = Operation::List, .values = {{L"b", 1}}, .more = true}).bytes;
-    expectFailure(Failure::badMessage, L"Unexpected error", L"behind where it ended",
-                  [&] { client.list(); });
+    EXPECT_EQ("13 Unexpected error: the list does not go on behind where it ended",
+              failureOf([&] { client.list(); }));
 }
 
 TEST_F(ClientTest, ABrokenCallIsRepeatedOnce) {
@@ -241,10 +250,10 @@ TEST_F(ClientTest, ABrokenCallIsRepeatedOnce) {
     EXPECT_EQ(2, second.connections);
     EXPECT_EQ(3, second.requests);
     broken = 2;
-    expectFailure(client, ERROR_PIPE_NOT_CONNECTED, L"broke the connection off");
+    EXPECT_THAT(failureOf(client), failsWith(ERROR_PIPE_NOT_CONNECTED, "broke the connection off"));
     EXPECT_EQ(5, second.requests);
     second.stop();
-    expectFailure(client, Failure::notRunning, L"not running");
+    EXPECT_THAT(failureOf(client), failsWith(Failure::notRunning, "not running"));
 }
 
 TEST_F(ClientTest, ASilentOrBusyServiceEndsTheCallInTime) {
@@ -258,15 +267,17 @@ TEST_F(ClientTest, ASilentOrBusyServiceEndsTheCallInTime) {
         const ULONGLONG time = ::GetTickCount64() - start;
         EXPECT_TRUE(time >= 280 && time < 2000) << time;
     };
-    timed([&] { expectFailure(hasty, Failure::timedOut, L"did not answer in time"); });
+    timed([&] {
+        EXPECT_THAT(failureOf(hasty), failsWith(Failure::timedOut, "did not answer in time"));
+    });
     silent = false;
     EXPECT_EQ(5u, hasty.getDWORD(L"Debug")) << "the late answer is not taken for this one's";
     TarvoSrvClient second({name, 300ms}); // the one instance is taken
-    timed([&] { expectFailure(second, Failure::timedOut, L"busy"); });
+    timed([&] { EXPECT_THAT(failureOf(second), failsWith(Failure::timedOut, "busy")); });
     auto waiting = std::async(std::launch::async, [&] { return client.getDWORD(L"Debug"); });
     EXPECT_EQ(std::future_status::timeout, waiting.wait_for(200ms));
     silent = true;
-    expectFailure(hasty, Failure::timedOut, L"answer"); // gives the instance up
+    EXPECT_THAT(failureOf(hasty), failsWith(Failure::timedOut, "answer")); // gives the instance up
     silent = false;
     EXPECT_EQ(5u, waiting.get());
 }
@@ -311,33 +322,12 @@ TEST_F(ClientTest, CancellationEndsAWaitingCallSoon) {
     EXPECT_EQ(1u, patient.getDWORD(L"x"));
 }
 
-TEST_F(ClientTest, ThreadsGetTheirOwnAnswers) {
-    auto service = server(echo);
-    const auto work = [&](int thread) {
-        for (int i = 0; i < 100; ++i) {
-            const std::wstring value = std::to_wstring(thread) + L"." + std::to_wstring(i);
-            if (client.getString(value) != value) {
-                return false;
-            }
-        }
-        return true;
-    };
-    std::vector<std::future<bool>> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.push_back(std::async(std::launch::async, work, i));
-    }
-    for (auto& thread : threads) {
-        EXPECT_TRUE(thread.get());
-    }
-    EXPECT_EQ(1, service.connections);
-}
-
 TEST_F(ClientTest, AbsentPipesAreTriedAsOftenAsConfigured) {
     FaultPoint opens("CreateFileW");
     for (const DWORD attempts : {1UL, 3UL}) {
         RegistryOverride::setDword(config::name::pipeConnectTryCount, attempts);
         opens.calls = 0;
-        expectFailure(client, Failure::notRunning, L"zopconfigsvc --console");
+        EXPECT_THAT(failureOf(client), failsWith(Failure::notRunning, "zopconfigsvc --console"));
         EXPECT_EQ(static_cast<long>(attempts), opens.calls);
     }
     TarvoSrvClient configured({L"", 5s});
@@ -348,10 +338,10 @@ TEST_F(ClientTest, AbsentPipesAreTriedAsOftenAsConfigured) {
     for (const wchar_t* bad : {L"\\\\server\\pipe\\zoppipe", L"a\\b", L"\\\\.\\pipe\\", L"..",
                                L"\\\\.\\pipe\\../c", L"//./pipe/x"}) {
         RegistryOverride::setString(config::name::pipeName, bad);
-        expectFailure(configured, ERROR_BAD_CONFIGURATION, bad);
+        EXPECT_THAT(failureOf(configured), failsWith(ERROR_BAD_CONFIGURATION, toUtf8(bad)));
     }
     RegistryOverride::setDword(config::name::pipeName, 1);
-    expectFailure(configured, ERROR_BAD_CONFIGURATION, L"ZOP_pipe");
+    EXPECT_THAT(failureOf(configured), failsWith(ERROR_BAD_CONFIGURATION, "ZOP_pipe"));
 }
 
 TEST_F(ClientTest, FailingSystemCallsFailTheCallAndLeakNothing) {
@@ -371,8 +361,7 @@ TEST_F(ClientTest, FailingSystemCallsFailTheCallAndLeakNothing) {
             fault.code = ERROR_NOT_ENOUGH_MEMORY;
             fault.result = point.result;
             fault.failAt = 0;
-            EXPECT_EQ(DWORD{ERROR_NOT_ENOUGH_MEMORY}, failureOf([&] { fresh.isVE(); }).status())
-                << point.function;
+            EXPECT_THAT(failureOf(fresh), failsWith(ERROR_NOT_ENOUGH_MEMORY)) << point.function;
             fault.failAt = -1;
             EXPECT_FALSE(fresh.isVE()) << point.function;
         }
@@ -380,4 +369,80 @@ TEST_F(ClientTest, FailingSystemCallsFailTheCallAndLeakNothing) {
     const ProcessCounters growth = growthOver(5, round);
     EXPECT_LT(growth.handles, 5) << "one a round at least; the server has some now and then";
     EXPECT_LT(growth.blocks, 5);
+}
+
+TEST_F(ClientAndServiceTest, ValuesGoThereAndBack) {
+    start();
+    RegistryOverride::setDword(config::name::virtualEnvironment, 1);
+    EXPECT_TRUE(client.isVE());
+    RegistryOverride::setDword(config::name::virtualEnvironment, 0);
+    EXPECT_FALSE(client.isVE());
+    const std::wstring texts[] = {L"", L"[passwd]AAAA", L"C:\\Program Files\\Panel \x20AC \xD83D",
+                                  std::wstring(300'000, L'x')};
+    for (const std::wstring& text : texts) {
+        client.setString(L"Some value", text);
+        EXPECT_EQ(text, client.getString(L"some VALUE"));
+    }
+    for (const DWORD number : {0UL, 1UL, 0xFFFFFFFFUL}) {
+        client.setDWORD(L"Number", number);
+        EXPECT_EQ(number, client.getDWORD(L"Number"));
+    }
+    EXPECT_EQ(Failure::noSuchValue, statusOf([&] { client.getString(L"absent"); }));
+    EXPECT_EQ(Failure::noSuchValue, statusOf([&] { client.getDWORD(L"absent"); }));
+    EXPECT_EQ(Failure::wrongType, statusOf([&] { client.getDWORD(L"Some value"); }));
+    EXPECT_EQ(Failure::wrongType, statusOf([&] { client.getString(L"Number"); }));
+}
+
+TEST_F(ClientAndServiceTest, ListsAreWholeHoweverManyPagesTheyTake) {
+    start();
+    std::vector<std::wstring> names = {config::name::pipeConnectTryCount};
+    for (int i = 0; i < 100; ++i) { // more than a page, in the order in which they are listed
+        names.push_back(L"value " + std::to_wstring(1000 + i));
+        RegistryOverride::setDword(names.back().c_str(), 1);
+    }
+    RegistryOverride::setString(L"", L"the default value, which has no name");
+    std::vector<std::wstring> listed;
+    for (const TarvoSrvClient::Value& value : client.list()) {
+        EXPECT_EQ(DWORD{REG_DWORD}, value.type);
+        listed.push_back(value.name);
+    }
+    EXPECT_EQ(names, listed);
+}
+
+// The service goes and comes back under the feet of several threads. What fails meanwhile says that
+// it is not running, nothing else fails, and no answer is another call's.
+TEST_F(ClientAndServiceTest, ARestartIsSurvivedInMidUse) {
+    start();
+    std::atomic<bool> over = false;
+    std::atomic<int> answers = 0;
+    std::vector<std::future<void>> threads;
+    for (int thread = 0; thread < 3; ++thread) {
+        threads.push_back(std::async(std::launch::async, [&, thread] {
+            const std::wstring value = L"of thread " + std::to_wstring(thread);
+            for (DWORD i = 0; !over; ++i) {
+                const DWORD status = statusOf([&] {
+                    client.setDWORD(value, i);
+                    EXPECT_EQ(i, client.getDWORD(value));
+                    ++answers;
+                });
+                EXPECT_TRUE(status == ERROR_SUCCESS || status == ERROR_PIPE_NOT_CONNECTED ||
+                            status == Failure::notRunning)
+                    << status;
+            }
+        }));
+    }
+    for (int restart = 0; restart < 5; ++restart) {
+        for (const int before = answers; answers < before + 20;) {
+            std::this_thread::yield();
+        }
+        service_.reset();
+        start();
+    }
+    EXPECT_EQ(ERROR_SUCCESS, statusOf([&] { client.setDWORD(L"after all", 1); }));
+    over = true;
+    for (auto& thread : threads) {
+        thread.get();
+    }
+    service_.reset();
+    EXPECT_EQ(Failure::notRunning, statusOf([&] { client.isVE(); }));
 }

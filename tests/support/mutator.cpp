@@ -66,16 +66,6 @@ private:
     void (*abort_)(int);
 };
 
-std::string hex(std::span<const std::uint8_t> bytes) {
-    std::string text;
-    for (const std::uint8_t byte : bytes.first(std::min<std::size_t>(bytes.size(), 256))) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, "%02x ", byte);
-        text += digits;
-    }
-    return text + (bytes.size() > 256 ? "..." : "");
-}
-
 } // namespace
 
 Mutator::Mutator(const FuzzCorpus& corpus, std::uint64_t seed) : corpus_(corpus), seed_(seed) {
@@ -244,9 +234,7 @@ void fuzz(const FuzzCorpus& corpus,
             ADD_FAILURE() << "the input took longer than " << maxMilliseconds << " ms";
         }
         if (::testing::Test::HasFailure()) {
-            ADD_FAILURE() << "input " << n << " of " << input.size() << " bytes, " << howToRepeat()
-                          << "\n"
-                          << hex(input);
+            ADD_FAILURE() << "input " << n << " of " << input.size() << " bytes, " << howToRepeat();
             return;
         }
     }
