@@ -9,6 +9,7 @@
 #include "runtime/wipe.h"
 #include "tools/zopctl/config_arguments.h"
 #include "tools/zopctl/json_writer.h"
+#include "tools/zopctl/table.h"
 #include "tools/zopctl/text_format.h"
 
 #include <algorithm>
@@ -302,29 +303,9 @@ ExitCode set(const ConfigSetOptions& options, Console& console) {
     });
 }
 
-// Columns as wide as what stands in them; the last one is as long as it likes.
-void printTable(const std::vector<std::array<std::wstring, 4>>& rows, Console& console) {
-    std::array<int, 3> widths{};
-    for (const auto& row : rows) {
-        for (std::size_t i = 0; i < widths.size(); ++i) {
-            // One long path must not push the meanings of all values out of sight.
-            widths[i] = std::max(widths[i], std::min(cellWidth(row[i]), 40));
-        }
-    }
-    for (const auto& row : rows) {
-        std::wstring line;
-        for (std::size_t i = 0; i < widths.size(); ++i) {
-            const int blanks = std::max(widths[i] - cellWidth(row[i]), 0) + 2;
-            line += row[i] + std::wstring(static_cast<std::size_t>(blanks), L' ');
-        }
-        line += row.back();
-        console.line(line.erase(line.find_last_not_of(L' ') + 1));
-    }
-}
-
 ExitCode list(const ConfigListOptions& options, Console& console) {
     return finish(options, console, L"listed", L"The values cannot be listed", [&] {
-        std::vector<std::array<std::wstring, 4>> rows{{L"NAME", L"TYPE", L"VALUE", L"MEANING"}};
+        std::vector<std::vector<std::wstring>> rows{{L"NAME", L"TYPE", L"VALUE", L"MEANING"}};
         for (const Entry& entry : entries()) {
             const bool hidden = entry.isSet() && entry.isSecret() && !options.showSecrets;
             JsonValue value;
@@ -350,7 +331,7 @@ ExitCode list(const ConfigListOptions& options, Console& console) {
                             entry.known != nullptr ? entry.known->meaning : L""});
         }
         if (!options.json) {
-            printTable(rows, console);
+            printTable(rows, console, 40);
         }
     });
 }
