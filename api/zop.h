@@ -18,7 +18,9 @@
 namespace zopobsolete {
 
 class ZOP_API zop {
-    struct Key {}; // only getInstance makes one
+    struct Key { // only getInstance has one
+        explicit Key() = default;
+    };
 
 public:
     // Made at the first call and there until the process ends. Threads that race for the first call

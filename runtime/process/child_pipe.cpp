@@ -36,8 +36,11 @@ ChildPipe::ChildPipe(Direction direction) : event_(::CreateEventW(nullptr, TRUE,
                                        pipeBytes, 0, nullptr));
     }
     if (ours_) {
-        childEnd_.reset(::CreateFileW(name.c_str(), inbound ? GENERIC_WRITE : GENERIC_READ, 0,
-                                      &inherit, OPEN_EXISTING, 0, nullptr));
+        // The rights that an anonymous pipe would give: some programs ask what their output is.
+        const DWORD access =
+            inbound ? GENERIC_WRITE | FILE_READ_ATTRIBUTES : GENERIC_READ | FILE_WRITE_ATTRIBUTES;
+        childEnd_.reset(
+            ::CreateFileW(name.c_str(), access, 0, &inherit, OPEN_EXISTING, 0, nullptr));
     }
     if (!childEnd_) {
         const DWORD code = ::GetLastError();

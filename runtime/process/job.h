@@ -10,8 +10,7 @@ public:
     // What is in the job ends when the last handle to it is closed, so also when our own process
     // dies. "Unable to create a job".
     Job();
-    // Ends what is in the job and waits, ten seconds at most, until it has ended: files that it
-    // held are free then.
+    // Ends what is in the job and waits, ten seconds at most, until the last process is gone.
     ~Job();
     Job(const Job&) = delete;
     Job& operator=(const Job&) = delete;

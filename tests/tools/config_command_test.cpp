@@ -1,5 +1,8 @@
+#include "runtime/files/path.h"
+#include "runtime/process/execute.h"
 #include "runtime/registry/config_values.h"
 #include "runtime/registry/registry.h"
+#include "tests/support/child_program.h"
 #include "tests/support/local_config_service.h"
 #include "tests/tools/recording_console.h"
 #include "tools/zopctl/commands.h"
@@ -110,9 +113,11 @@ TEST_F(ConfigCommandTest, MistakesAreExplainedAndChangeNothing) {
         {{L"set", L"Number", L"0x100000000"}, ExitCode::Usage, "is too large"},
         {{L"set", L"Number", L"18446744073709551617"}, ExitCode::Usage, "is too large"},
         {{L"set", L"Number", L"--", L"-1"}, ExitCode::Usage, "\"-1\" is no number."},
+        {{L"set", L"own_token", L"six", L"--dword"}, ExitCode::Usage, "The value is no number."},
         {{L"set", L"a\\b", L"x"}, ExitCode::Failed, "\"a\\b\" cannot be set: "},
         {{L"set", L"Text", L"-"}, ExitCode::Usage, "which is a console"},
         {{L"set", L"Text", L"-"}, ExitCode::Usage, "holds too much", std::string(600'000, 'x')},
+        {{L"set", L"Text", L"-"}, ExitCode::Usage, "one line of UTF-8", ""},
         {{L"set", L"Text", L"-"}, ExitCode::Usage, "one line of UTF-8", "two\nlines\n"},
         {{L"set", L"Text", L"-"}, ExitCode::Usage, "one line of UTF-8", "\xFF\xFEx"},
         {{L"set", L"Text", L"-"}, ExitCode::Usage, "one line of UTF-8", std::string("a\0b", 3)},
@@ -162,6 +167,33 @@ TEST_F(ConfigCommandTest, SecretsAreShownOnlyOnRequest) {
     for (const Words& words : showing) {
         EXPECT_THAT(outputOf(words), HasSubstr(secret));
     }
+}
+
+// Another process, real handles, and the pipe's usual name, since it has a registry of its own.
+TEST(ConfigRunTest, TheProgramReadsStandardInputAndPrints) {
+    const RegistryOverride registry;
+    std::unique_ptr<config::ConfigService> service;
+    try {
+        service = std::make_unique<config::ConfigService>(
+            config::ConfigService::Options{.pipeName = L"zoppipe"});
+    } catch (const vosexception&) {
+        GTEST_SKIP() << "a configuration service runs here";
+    }
+    const auto run = [](const Words& words, const std::string& input) {
+        RunTime::Execute program(RunTime::parentPath(childProgram()) + L"\\zopctl.exe", words);
+        program.input = input;
+        return startingAgain([&] { return program.run(); });
+    };
+    const RunTime::Execute::Result set =
+        run({L"config", L"set", L"FTPPassword", L"-"}, std::string(secret) + "\r\n");
+    EXPECT_EQ(set.exitStatus, 0U);
+    EXPECT_EQ(toUtf8(set.output + set.errors), "FTPPassword is set.\r\n");
+    EXPECT_EQ(storedText(L"FTPPassword"), storedSecret);
+    EXPECT_EQ(run({L"config", L"set", L"FTPPassword", L"-"}, "").exitStatus, 2U);
+    EXPECT_EQ(run({L"config", L"set", L"Text", L"-"}, std::string(700'000, 'x')).exitStatus, 2U);
+    const RunTime::Execute::Result got =
+        run({L"config", L"get", L"FTPPassword", L"--show-secrets"}, "");
+    EXPECT_EQ(toUtf8(got.output), std::string(secret) + "\r\n");
 }
 
 TEST(ConfigCommandAskTest, APasswordIsAskedForTwiceAndSetWhenBothAgree) {

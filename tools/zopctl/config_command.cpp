@@ -178,14 +178,14 @@ ExitCode get(const ConfigGetOptions& options, Console& console) {
     });
 }
 
-// The number, or why the text is none.
-DWORD parseNumber(const std::wstring& text) {
+// The number, or why the text is none. shown: how the message names the text.
+DWORD parseNumber(const std::wstring& text, const std::wstring& shown) {
     const bool hexadecimal = text.starts_with(L"0x") || text.starts_with(L"0X");
     const std::wstring digits = text.substr(hexadecimal ? 2 : 0);
     const wchar_t* allowed = hexadecimal ? L"0123456789abcdefABCDEF" : L"0123456789";
     if (digits.empty() || digits.find_first_not_of(allowed) != std::wstring::npos) {
-        throw Stop{ExitCode::Usage, quoted(text) + L" is no number. Give decimal digits, or "
-                                                   L"hexadecimal ones behind 0x."};
+        throw Stop{ExitCode::Usage, shown + L" is no number. Give decimal digits, or "
+                                            L"hexadecimal ones behind 0x."};
     }
     const std::size_t first = std::min(digits.find_first_not_of(L'0'), digits.size() - 1);
     const unsigned long long number =
@@ -193,7 +193,7 @@ DWORD parseNumber(const std::wstring& text) {
                                    : std::wcstoull(digits.c_str(), nullptr, hexadecimal ? 16 : 10);
     if (number > MAXDWORD) {
         throw Stop{ExitCode::Usage,
-                   quoted(text) + L" is too large: the largest number is 4294967295 (0xFFFFFFFF)."};
+                   shown + L" is too large: the largest number is 4294967295 (0xFFFFFFFF)."};
     }
     return static_cast<DWORD>(number);
 }
@@ -213,8 +213,10 @@ std::wstring readLine(Console& console) {
             text.pop_back();
         }
     }
-    // What is not UTF-8 has become U+FFFD: a guess at its meaning would set a wrong password.
-    if (text.find_first_of(std::wstring(L"\r\n\xFFFD\0", 4)) != std::wstring::npos) {
+    // What is not UTF-8 has become U+FFFD: a guess at its meaning would set a wrong password. No
+    // line at all comes from a program that has failed.
+    if (bytes->empty() ||
+        text.find_first_of(std::wstring(L"\r\n\xFFFD\0", 4)) != std::wstring::npos) {
         RunTime::wipe(text);
         throw Stop{ExitCode::Usage, L"Standard input must hold one line of UTF-8 text."};
     }
@@ -283,17 +285,19 @@ ExitCode set(const ConfigSetOptions& options, Console& console) {
         entry.type = number ? REG_DWORD : REG_SZ;
         std::wstring value = valueOf(options, entry, console);
         const RunTime::WipeOnExit wipeValue(value);
-        JsonValue shown(value);
+        const bool hidden = entry.isSecret() && !options.showSecrets;
+        JsonValue shown;
         if (number) {
-            const DWORD parsed = parseNumber(value);
+            const DWORD parsed =
+                parseNumber(value, entry.isSecret() ? L"The value" : quoted(value));
             TarvoSrvClient::getInstance().setDWORD(entry.name, parsed);
             shown = std::int64_t{parsed};
         } else {
             std::wstring encoded = config::toStored(entry.name, value);
             const RunTime::WipeOnExit wipeEncoded(encoded);
             TarvoSrvClient::getInstance().setString(entry.name, encoded);
+            shown = hidden ? JsonValue() : JsonValue(value);
         }
-        const bool hidden = entry.isSecret() && !options.showSecrets;
         if (options.json) {
             console.line(jsonLine(L"value", fieldsOf(entry, hidden ? JsonValue() : shown, hidden)));
         } else {

@@ -101,12 +101,7 @@ int Console::width() const {
 }
 
 bool Console::ask(const std::wstring& question) {
-    {
-        const std::lock_guard lock(mutex_);
-        wipe();
-        ::FlushConsoleInputBuffer(input_); // what was typed before was no answer
-        write(question, false);
-    }
+    prompt(question);
     wchar_t answer[64];
     DWORD length = 0;
     if (!::ReadConsoleW(input_, answer, static_cast<DWORD>(std::size(answer)), &length, nullptr)) {
@@ -119,12 +114,7 @@ bool Console::ask(const std::wstring& question) {
 }
 
 bool Console::askHidden(const std::wstring& question, std::wstring& answer) {
-    {
-        const std::lock_guard lock(mutex_);
-        wipe();
-        ::FlushConsoleInputBuffer(input_);
-        write(question, false);
-    }
+    prompt(question);
     wchar_t line[1024];
     DWORD length = 0;
     BOOL done = FALSE;
@@ -164,6 +154,13 @@ std::optional<std::string> Console::readInput(std::size_t limit) {
         }
     }
     return bytes;
+}
+
+void Console::prompt(const std::wstring& question) {
+    const std::lock_guard lock(mutex_);
+    wipe();
+    ::FlushConsoleInputBuffer(input_); // what was typed before was no answer
+    write(question, false);
 }
 
 void Console::wipe() {

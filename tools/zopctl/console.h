@@ -44,6 +44,7 @@ protected:
     virtual void write(const std::wstring& text, bool error);
 
 private:
+    void prompt(const std::wstring& question);
     void wipe();
 
     std::mutex mutex_;
