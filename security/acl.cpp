@@ -107,9 +107,11 @@ Acl Acl::fromSddl(const std::wstring& text) {
     BOOL present = FALSE;
     BOOL defaulted = FALSE;
     PACL list = nullptr;
-    if (!::GetSecurityDescriptorDacl(parsed.get(), &present, &list, &defaulted) || !present ||
-        list == nullptr) {
-        _throwError(L"Unable to find a list in the text", ERROR_INVALID_ACL,
+    const DWORD code = ::GetSecurityDescriptorDacl(parsed.get(), &present, &list, &defaulted)
+                           ? ERROR_INVALID_ACL
+                           : ::GetLastError();
+    if (!present || list == nullptr) {
+        _throwError(L"Unable to find a list in the text", code,
                     {L"", "RunTime::Acl::fromSddl", __LINE__});
     }
     return fromBytes({reinterpret_cast<const unsigned char*>(list), list->AclSize});

@@ -170,21 +170,20 @@ PSID Sid::allocSidBuffer(DWORD size) {
 }
 
 const std::wstring& Sid::accountName() const {
-    const DWORD code = lookUp();
-    if (code != ERROR_SUCCESS) {
-        _throwError(L"Unable to look up the account of a SID", code,
-                    {L"", "RunTime::Sid::accountName", __LINE__});
-    }
+    requireNames("RunTime::Sid::accountName");
     return accountName_;
 }
 
 const std::wstring& Sid::domain() const {
+    requireNames("RunTime::Sid::domain");
+    return domain_;
+}
+
+void Sid::requireNames(const char* function) const {
     const DWORD code = lookUp();
     if (code != ERROR_SUCCESS) {
-        _throwError(L"Unable to look up the account of a SID", code,
-                    {L"", "RunTime::Sid::domain", __LINE__});
+        _throwError(L"Unable to look up the account of a SID", code, {L"", function, __LINE__});
     }
-    return domain_;
 }
 
 bool Sid::accountExists() const {

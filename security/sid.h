@@ -92,6 +92,7 @@ public:
 
 private:
     DWORD lookUp() const; // a Win32 code
+    void requireNames(const char* function) const;
 
     FreePtr<SID, PSID> sid_;
     mutable std::wstring accountName_;

@@ -16,41 +16,27 @@ struct Recorder {
 };
 using Pointer = RunTime::AutoPtr<int, int*, Recorder>;
 
-std::vector<void*> taken() {
-    return std::exchange(released, {});
-}
-
 } // namespace
 
 TEST(AutoPtrTest, ReleasesWhatItOwnsOnce) {
-    using Buffers = std::vector<void*>;
-    int a = 1, b = 2, c = 3;
+    int a = 1, b = 2, c = 3, d = 4;
     {
         Pointer pointer(&a);
         ::SetLastError(ERROR_FILE_NOT_FOUND);
-        pointer = &b;
+        pointer = &b; // releases a
         EXPECT_EQ(::GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
-        EXPECT_EQ(taken(), Buffers{&a});
         pointer = &b;
         Pointer& same = pointer;
         pointer = std::move(same);
-        EXPECT_EQ(*pointer, 2);
         Pointer moved(std::move(pointer));
         EXPECT_FALSE(pointer);
         pointer = std::move(moved);
-        EXPECT_EQ(taken(), Buffers());
-        *pointer.put() = &c;
-        EXPECT_EQ(taken(), Buffers{&b});
-    }
-    EXPECT_EQ(taken(), Buffers{&c});
-    {
-        Pointer borrowed(&a, false);
-        Pointer moved = std::move(borrowed);
-        EXPECT_EQ(moved.get(), &a);
-        Pointer given(&b);
-        EXPECT_EQ(given.release(), &b);
-        EXPECT_FALSE(given);
-        moved = std::move(given);
-    }
-    EXPECT_EQ(taken(), Buffers());
+        EXPECT_EQ(*pointer, 2);
+        *pointer.put() = &c; // releases b
+        Pointer borrowed(&d, false);
+        const Pointer lent = std::move(borrowed);
+        EXPECT_EQ(*lent, 4);
+        EXPECT_EQ(Pointer(&d).release(), &d);
+    } // releases c
+    EXPECT_EQ(released, (std::vector<void*>{&a, &b, &c}));
 }

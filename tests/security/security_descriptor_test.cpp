@@ -94,38 +94,6 @@ TEST_F(SecurityDescriptorTest, PointsIntoItsOwnPartsThroughCopiesAndMoves) {
     EXPECT_EQ(SecurityDescriptor(SecurityDescriptor::fromSddl(all)).sddl(), all);
 }
 
-TEST_F(SecurityDescriptorTest, AFailureLeavesItAsItWas) {
-    struct {
-        const char* function;
-        const wchar_t* text;
-        std::function<void(SecurityDescriptor&)> run;
-    } const faults[] = {
-        {"SetSecurityDescriptorDacl", L"Unable to set SECURITY_DESCRIPTOR DACL",
-         [](SecurityDescriptor& one) { one.dacl(Acl::fromSddl(L"D:(A;;FA;;;BU)")); }},
-        {"AddAce", L"Unable to add ACE to ACL",
-         [](SecurityDescriptor& one) { one.dacl(Acl::fromSddl(L"D:(A;;FA;;;BU)")); }},
-        {"SetSecurityDescriptorOwner", L"Unable to set SECURITY_DESCRIPTOR owner",
-         [](SecurityDescriptor& one) { one.owner(Sid(L"BU")); }},
-        {"SetSecurityDescriptorGroup", L"Unable to set SECURITY_DESCRIPTOR group",
-         [](SecurityDescriptor& one) { one.group(Sid(L"BU")); }},
-        {"InitializeSecurityDescriptor", L"Unable to initialize SECURITY_DESCRIPTOR",
-         [](SecurityDescriptor& one) { one = SecurityDescriptor(); }},
-    };
-    const std::wstring text = L"O:BAG:SYD:(A;;FA;;;BA)";
-    for (const auto& fault : faults) {
-        SecurityDescriptor descriptor = SecurityDescriptor::fromSddl(text);
-        FaultPoint point(fault.function);
-        point.failAt = 0;
-        expectError<VAccessDeniedException>(ERROR_ACCESS_DENIED, fault.text,
-                                            [&] { fault.run(descriptor); });
-        EXPECT_EQ(descriptor.sddl(), text) << fault.function;
-        expectOwnParts(descriptor);
-    }
-    const MallocFault fault(SECURITY_DESCRIPTOR_MIN_LENGTH);
-    expectError<vexception>(L"Unable to allocate new SECURITY_DESCRIPTOR",
-                            [] { SecurityDescriptor(); });
-}
-
 TEST(DescriptorBytesTest, ArriveUnchangedOnAnotherObject) {
     const ImportPatch patch("SetKernelObjectSecurity", &recordingSet);
     realSet = patch.original<decltype(realSet)>();
