@@ -222,21 +222,19 @@ TEST_F(AclTest, MalformedListsAreRefusedBeforeAnythingIsChanged) {
     for (std::size_t shorter = 0; shorter < good.size(); ++shorter) {
         EXPECT_EQ(RunTime::aclLength(pageEnd.put(std::span(good).first(shorter))), 0U);
     }
+    const auto refused = [](const wchar_t* text, const auto& run) {
+        expectError<vosexception>(ERROR_INVALID_ACL, text, run);
+    };
     Acl list = Acl::fromBytes(good);
     for (const Bytes& bad : malformed) {
         SCOPED_TRACE(&bad - malformed);
-        expectError<vosexception>(ERROR_INVALID_ACL, L"Invalid ACL",
-                                  [&] { Acl::fromBytes(pageEnd.put(bad)); });
-        for (void (*use)(Acl&, const ACL*) :
-             {+[](Acl&to, const ACL*from) { to.copy(from); },
-              +[](Acl&to, const ACL*from) { to.add(from); },
-              +[](Acl&to, const ACL*from) { to.expand(from, nullptr, 0); }}) {
-            expectError<vosexception>(ERROR_INVALID_ACL, L"Unable to get ACL size",
-                                      [&] { use(list, raw::list(bad)); });
-        }
+        const ACL* given = raw::list(bad);
+        refused(L"Invalid ACL", [&] { Acl::fromBytes(pageEnd.put(bad)); });
+        refused(L"Unable to get ACL size", [&] { list.copy(given); });
+        refused(L"Unable to get ACL size", [&] { list.add(given); });
+        refused(L"Unable to get ACL size", [&] { list.expand(given, nullptr, 0); });
     }
-    expectError<vosexception>(ERROR_INVALID_ACL, L"Unable to get ACL size",
-                              [&] { list.copy(nullptr); });
+    refused(L"Unable to get ACL size", [&] { list.copy(nullptr); });
     EXPECT_EQ(entriesOf(list), entriesOf(Acl::fromBytes(good)));
     expectError<vosexception>(ERROR_INVALID_PARAMETER, L"Unable to get ACL ACE (2)",
                               [&] { list.getAce(2); });

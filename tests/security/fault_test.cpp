@@ -85,33 +85,33 @@ TEST(SecurityFaultTest, ErrorsNameTheCallAndLeaveValues) {
     const FaultExclusion ofAddAce({"FindFirstFreeAce"});
     const Sid users(L"BU");
     const Acl list = Acl::fromSddl(L"D:(A;;FA;;;BU)(D;;FW;;;BG)(A;;FR;;;BA)");
-    sweep<Sid>(Sid(L"S-1-5-32-544"), {
-                                         {[&](Sid& sid) { sid.copy(users.get()); }, L""},
-                                         {[](Sid& sid) { sid.load(L"S-1-5-18"); }, L"*"},
-                                         {[&](Sid& sid) { sid = users; }},
-                                         {[](Sid& sid) { sid.string(), sid.accountName(); }},
-                                         {[](Sid& sid) { sid = Sid::wellKnown(WinWorldSid); }},
-                                         {[](Sid& sid) { sid = Sid::current(); }},
-                                     });
-    sweep<Acl>(Acl::fromSddl(L"D:(D;;FW;;;BG)(A;ID;FA;;;BA)"),
-               {
-                   {[](Acl& acl) { acl.clear(); }},
-                   {[&](Acl& acl) { acl.expand(list, nullptr, 0); }},
-                   {[&](Acl& acl) { acl.addDenied(users, 4); }, L"*"}, // may be in another order
-                   {[&](Acl& acl) { acl.copy(list); }, L"*"},
-                   {[](Acl& acl) { acl.copy(acl); }, L"*"},
-                   {[](Acl& acl) { acl.expand(acl, nullptr, 0), acl.add(acl); }, L"*"},
-                   {[](Acl& acl) { acl.addDenied(Sid::wellKnown(WinWorldSid), 1); }, L"*"},
-                   {[](Acl& acl) { acl = Acl::fromSddl(L"D:(A;;FA;;;BU)"); }},
-                   {[](Acl& acl) { acl.deleteAce(0); }},
-               });
-    sweep<SecurityDescriptor>(SecurityDescriptor::fromSddl(L"O:BAG:SYD:P(A;;FA;;;BA)"),
-                              {
-                                  {[&](SecurityDescriptor& one) { one.dacl(list); }},
-                                  {[&](SecurityDescriptor& one) { one.owner(users); }},
-                                  {[&](SecurityDescriptor& one) { one.group(users); }},
-                                  {[](SecurityDescriptor& one) { one = SecurityDescriptor(); }},
-                              });
+    const std::vector<Operation<Sid>> onSids = {
+        {[&](Sid& sid) { sid.copy(users.get()); }, L""},
+        {[](Sid& sid) { sid.load(L"S-1-5-18"); }, L"*"},
+        {[&](Sid& sid) { sid = users; }},
+        {[](Sid& sid) { sid.string(), sid.accountName(); }},
+        {[](Sid& sid) { sid = Sid::wellKnown(WinWorldSid); }},
+        {[](Sid& sid) { sid = Sid::current(); }},
+    };
+    sweep(Sid(L"S-1-5-32-544"), onSids);
+    const std::vector<Operation<Acl>> onLists = {
+        {[](Acl& acl) { acl.clear(); }},
+        {[&](Acl& acl) { acl.expand(list, nullptr, 0); }},
+        {[&](Acl& acl) { acl.addDenied(users, 4); }, L"*"}, // may be in another order
+        {[&](Acl& acl) { acl.copy(list); }, L"*"},
+        {[](Acl& acl) { acl.copy(acl); }, L"*"},
+        {[](Acl& acl) { acl.expand(acl, nullptr, 0), acl.add(acl); }, L"*"},
+        {[](Acl& acl) { acl = Acl::fromSddl(L"D:(A;;FA;;;BU)"); }},
+        {[](Acl& acl) { acl.deleteAce(0); }},
+    };
+    sweep(Acl::fromSddl(L"D:(D;;FW;;;BG)(A;ID;FA;;;BA)"), onLists);
+    const std::vector<Operation<SecurityDescriptor>> onDescriptors = {
+        {[&](SecurityDescriptor& one) { one.dacl(list); }},
+        {[&](SecurityDescriptor& one) { one.owner(users); }},
+        {[&](SecurityDescriptor& one) { one.group(users); }},
+        {[](SecurityDescriptor& one) { one = SecurityDescriptor(); }},
+    };
+    sweep(SecurityDescriptor::fromSddl(L"O:BAG:SYD:P(A;;FA;;;BA)"), onDescriptors);
 }
 
 TEST(SecurityFaultTest, WithoutMemoryNothingIsChanged) {

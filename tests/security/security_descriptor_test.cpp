@@ -19,26 +19,15 @@ class SecurityDescriptorTest : public ::testing::Test {
     const AddAceInPlace addAce_;
 };
 
-// What the system finds in an absolute descriptor has to lie in the object's own parts.
-void expectOwnParts(const SecurityDescriptor& descriptor) {
-    PSID sid = nullptr;
-    PACL list = nullptr;
-    BOOL present = FALSE;
-    BOOL defaulted = TRUE;
-    ASSERT_TRUE(::IsValidSecurityDescriptor(descriptor));
-    ASSERT_TRUE(::GetSecurityDescriptorOwner(descriptor, &sid, &defaulted));
-    EXPECT_EQ(sid, descriptor.owner().get());
-    EXPECT_FALSE(defaulted);
-    ASSERT_TRUE(::GetSecurityDescriptorGroup(descriptor, &sid, &defaulted));
-    EXPECT_EQ(sid, descriptor.group().get());
-    ASSERT_TRUE(::GetSecurityDescriptorDacl(descriptor, &present, &list, &defaulted));
-    EXPECT_EQ(list, static_cast<PACL>(descriptor.dacl()));
-    EXPECT_TRUE(present);
-    EXPECT_FALSE(defaulted);
-}
-
-RunTime::AutoHandle newEvent() {
-    return RunTime::AutoHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+// An absolute descriptor has to point into the parts of its own object.
+void expectOwnParts(const SecurityDescriptor& of) {
+    ASSERT_TRUE(::IsValidSecurityDescriptor(of));
+    const auto* fields = static_cast<SECURITY_DESCRIPTOR*>(static_cast<PSECURITY_DESCRIPTOR>(of));
+    EXPECT_EQ(fields->Control, SE_DACL_PRESENT);
+    EXPECT_EQ(fields->Owner, of.owner().get());
+    EXPECT_EQ(fields->Group, of.group().get());
+    EXPECT_EQ(fields->Dacl, static_cast<PACL>(of.dacl()));
+    EXPECT_EQ(fields->Sacl, nullptr);
 }
 
 RunTime::DescriptorBytes bytesOf(const std::wstring& sddl) {
@@ -115,7 +104,7 @@ TEST(DescriptorBytesTest, ArriveUnchangedOnAnotherObject) {
                 reinterpret_cast<SECURITY_DESCRIPTOR_RELATIVE*>(wanted.data())->Dacl = 0;
             }
             const RunTime::DescriptorBytes before = wanted;
-            const RunTime::AutoHandle event = newEvent();
+            const RunTime::AutoHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
             ASSERT_EQ(RunTime::writeDescriptor(event.get(), wanted, false, false), 0U);
             EXPECT_EQ(wanted, before) << "changed for the call only";
             EXPECT_EQ((handed & SE_DACL_AUTO_INHERIT_REQ) != 0,
