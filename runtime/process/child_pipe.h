@@ -2,7 +2,7 @@
 // can serve all of them; the program's end is an ordinary one, and the only one that is
 // inheritable.
 //
-// An event says that something has been done; serve() then takes it up and asks for the next piece.
+// An event says that something has been done, and serve() goes on from there.
 #pragma once
 
 #include "runtime/auto_handle.h"
@@ -22,6 +22,9 @@ public:
     HANDLE childEnd() const noexcept { return childEnd_.get(); }
     // Once the program has it.
     void closeChildEnd() noexcept { childEnd_.reset(); }
+
+    // Takes up what has been done, and asks for the next piece. Never waits.
+    virtual void serve() = 0;
 
     bool isOpen() const noexcept { return static_cast<bool>(ours_); }
     HANDLE event() const noexcept { return event_.get(); }
@@ -52,13 +55,13 @@ private:
 };
 
 // What the program prints.
-class ChildOutput : public ChildPipe {
+class ChildOutput final : public ChildPipe {
 public:
     // limit: bytes that are kept; what comes after them is read and dropped.
     explicit ChildOutput(std::size_t limit);
     ~ChildOutput() { cancel(); } // while there is a buffer to read into
 
-    void serve();
+    void serve() override;
     // Takes what the program has left in the pipe, without waiting for more: others may hold it
     // open. For when the program has ended.
     void drain();
@@ -77,13 +80,13 @@ private:
 };
 
 // What the program reads; afterwards it finds the end of its input.
-class ChildInput : public ChildPipe {
+class ChildInput final : public ChildPipe {
 public:
     // bytes must live as long as the pipe.
     explicit ChildInput(std::string_view bytes);
     ~ChildInput() { cancel(); }
 
-    void serve();
+    void serve() override;
 
 private:
     std::string_view left_;

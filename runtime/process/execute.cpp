@@ -168,12 +168,91 @@ AutoHandle openNothing() {
     return file;
 }
 
+// Serves the pipes until the program has ended.
+void waitForEnd(const Execute& what, HANDLE process, const std::vector<ChildPipe*>& pipes) {
+    const ULONGLONG started = ::GetTickCount64();
+    const auto limit = static_cast<ULONGLONG>(std::max<std::int64_t>(what.timeout.count(), 0));
+    for (DWORD reason = WAIT_TIMEOUT; reason != WAIT_OBJECT_0;) {
+        std::array<HANDLE, 4> handles{process};
+        DWORD count = 1;
+        for (ChildPipe* pipe : pipes) {
+            pipe->serve();
+            if (pipe->isOpen()) {
+                handles[count++] = pipe->event();
+            }
+        }
+        ThreadCancelation::check();
+        DWORD wait = cancelInterval;
+        if (limit != 0) {
+            const ULONGLONG passed = ::GetTickCount64() - started;
+            if (passed >= limit) {
+                refuse(what.program(), L": it takes too long", ERROR_TIMEOUT);
+            }
+            wait = static_cast<DWORD>(std::min<ULONGLONG>(wait, limit - passed));
+        }
+        reason = ::WaitForMultipleObjects(count, handles.data(), FALSE, wait);
+        if (reason == WAIT_FAILED) {
+            const DWORD code = ::GetLastError();
+            _throwError(L"Unable to wait for a program", code,
+                        {L"", "RunTime::Execute::run", __LINE__});
+        }
+    }
+}
+
+DWORD exitStatusOf(HANDLE process) {
+    DWORD status = 0;
+    if (!::GetExitCodeProcess(process, &status)) {
+        const DWORD code = ::GetLastError();
+        _throwError(L"Unable to get an exit status", code,
+                    {L"", "RunTime::Execute::run", __LINE__});
+    }
+    return status;
+}
+
 } // namespace
 
 Execute::Execute(std::wstring program, std::vector<std::wstring> arguments)
     : program_(std::move(program)), arguments_(std::move(arguments)) {}
 
 Execute::Result Execute::run() const {
+    std::wstring line = checkedCommandLine();
+    const std::size_t limit = std::min<std::size_t>(outputLimit, INT_MAX);
+    ChildOutput out(limit);
+    std::vector<ChildPipe*> pipes{&out};
+    std::optional<ChildOutput> err;
+    std::optional<ChildInput> in;
+    AutoHandle nothing;
+    if (!mergeErrors) {
+        pipes.push_back(&err.emplace(limit));
+    }
+    if (input.empty()) {
+        nothing = openNothing();
+    } else {
+        pipes.push_back(&in.emplace(input));
+    }
+    StartupInformation startup(in ? in->childEnd() : nothing.get(), out.childEnd(),
+                               err ? err->childEnd() : out.childEnd());
+    Job job; // ends before the pipes do: nobody is at their other end then
+    const AutoHandle process = start(*this, std::move(line), startup, job);
+    for (ChildPipe* pipe : pipes) {
+        pipe->closeChildEnd();
+    }
+    waitForEnd(*this, process.get(), pipes);
+    Result result;
+    result.exitStatus = exitStatusOf(process.get());
+    job.release();
+    out.drain();
+    result.output = decode(out);
+    result.truncated = out.isTruncated();
+    if (err) {
+        err->drain();
+        result.errors = decode(*err);
+        result.truncated = result.truncated || err->isTruncated();
+    }
+    return result;
+}
+
+std::wstring Execute::checkedCommandLine() const {
     const auto hasZero = [](const std::wstring& text) {
         return text.find(L'\0') != std::wstring::npos;
     };
@@ -192,84 +271,7 @@ Execute::Result Execute::run() const {
     if (line.size() > maxCommandLine) {
         refuse(program_, L": its arguments are too long", ERROR_FILENAME_EXCED_RANGE);
     }
-    const std::size_t limit = std::min<std::size_t>(outputLimit, INT_MAX);
-    AutoHandle nothing;
-    std::optional<ChildInput> in;
-    std::optional<ChildOutput> err;
-    ChildOutput out(limit);
-    if (input.empty()) {
-        nothing = openNothing();
-    } else {
-        in.emplace(input);
-    }
-    if (!mergeErrors) {
-        err.emplace(limit);
-    }
-    StartupInformation startup(in ? in->childEnd() : nothing.get(), out.childEnd(),
-                               err ? err->childEnd() : out.childEnd());
-    Job job; // goes first: nobody is at the other end of the pipes then
-    const AutoHandle process = start(*this, std::move(line), startup, job);
-
-    const ULONGLONG started = ::GetTickCount64();
-    const auto timeLimit = static_cast<ULONGLONG>(std::max<std::int64_t>(timeout.count(), 0));
-    std::vector<ChildPipe*> pipes{&out};
-    nothing.reset();
-    if (in) {
-        pipes.push_back(&*in);
-    }
-    if (err) {
-        pipes.push_back(&*err);
-    }
-    for (ChildPipe* pipe : pipes) {
-        pipe->closeChildEnd();
-    }
-    for (DWORD reason = WAIT_TIMEOUT; reason != WAIT_OBJECT_0;) {
-        if (in) {
-            in->serve();
-        }
-        out.serve();
-        if (err) {
-            err->serve();
-        }
-        ThreadCancelation::check();
-        DWORD wait = cancelInterval;
-        if (timeLimit != 0) {
-            const ULONGLONG passed = ::GetTickCount64() - started;
-            if (passed >= timeLimit) {
-                refuse(program_, L": it takes too long", ERROR_TIMEOUT);
-            }
-            wait = static_cast<DWORD>(std::min<ULONGLONG>(wait, timeLimit - passed));
-        }
-        std::array<HANDLE, 4> handles{process.get()};
-        DWORD count = 1;
-        for (const ChildPipe* pipe : pipes) {
-            if (pipe->isOpen()) {
-                handles[count++] = pipe->event();
-            }
-        }
-        reason = ::WaitForMultipleObjects(count, handles.data(), FALSE, wait);
-        if (reason == WAIT_FAILED) {
-            const DWORD code = ::GetLastError();
-            _throwError(L"Unable to wait for a program", code,
-                        {L"", "RunTime::Execute::run", __LINE__});
-        }
-    }
-    Result result;
-    if (!::GetExitCodeProcess(process.get(), &result.exitStatus)) {
-        const DWORD code = ::GetLastError();
-        _throwError(L"Unable to get an exit status", code,
-                    {L"", "RunTime::Execute::run", __LINE__});
-    }
-    job.release();
-    out.drain();
-    result.output = decode(out);
-    result.truncated = out.isTruncated();
-    if (err) {
-        err->drain();
-        result.errors = decode(*err);
-        result.truncated = result.truncated || err->isTruncated();
-    }
-    return result;
+    return line;
 }
 
 } // namespace RunTime

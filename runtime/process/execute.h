@@ -52,6 +52,8 @@ public:
     const std::wstring& program() const noexcept { return program_; }
 
 private:
+    std::wstring checkedCommandLine() const;
+
     std::wstring program_;
     std::vector<std::wstring> arguments_;
 };

