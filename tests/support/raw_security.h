@@ -76,10 +76,10 @@ inline ACL* list(const Bytes& acl) {
 // A place at the end of a page behind which nothing is: a reader that goes too far crashes.
 class PageEnd {
 public:
-    PageEnd()
-        : pages_(static_cast<std::uint8_t*>(
-              ::VirtualAlloc(nullptr, room + 1, MEM_RESERVE, PAGE_NOACCESS))) {
-        ::VirtualAlloc(pages_, room, MEM_COMMIT, PAGE_READWRITE);
+    PageEnd() {
+        void* pages = ::VirtualAlloc(nullptr, room + 1, MEM_RESERVE, PAGE_NOACCESS);
+        pages_ =
+            static_cast<std::uint8_t*>(::VirtualAlloc(pages, room, MEM_COMMIT, PAGE_READWRITE));
     }
     ~PageEnd() { ::VirtualFree(pages_, 0, MEM_RELEASE); }
     PageEnd(const PageEnd&) = delete;
@@ -97,7 +97,7 @@ public:
 
 private:
     static constexpr std::size_t room = std::size_t{1} << 20;
-    std::uint8_t* pages_;
+    std::uint8_t* pages_ = nullptr;
 };
 
 } // namespace raw
