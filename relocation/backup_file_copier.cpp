@@ -10,8 +10,9 @@
 #include <winioctl.h>
 
 using RunTime::AutoHandle;
+using RunTime::fileIdOf;
 using RunTime::FileInformation;
-using RunTime::nicePath;
+using RunTime::throwForPath;
 
 namespace {
 
@@ -25,11 +26,6 @@ constexpr DWORD settableAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HI
                                      FILE_ATTRIBUTE_TEMPORARY | FILE_ATTRIBUTE_OFFLINE |
                                      FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
-[[noreturn]] void throwFor(const wchar_t* format, const std::wstring& path, DWORD code,
-                           const char* function, int line) {
-    _throwError(formatString(format, nicePath(path).c_str()).c_str(), code, {L"", function, line});
-}
-
 bool isForeignReparse(const FileInformation& entry) {
     return (entry.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && !entry.isLink();
 }
@@ -37,15 +33,6 @@ bool isForeignReparse(const FileInformation& entry) {
 StreamType without(StreamType set, StreamType flag) {
     return static_cast<StreamType>(static_cast<std::int32_t>(set) &
                                    ~static_cast<std::int32_t>(flag));
-}
-
-std::uint64_t fileIdOf(HANDLE file) {
-    BY_HANDLE_FILE_INFORMATION information;
-    if (!::GetFileInformationByHandle(file, &information)) {
-        return 0;
-    }
-    return (static_cast<std::uint64_t>(information.nFileIndexHigh) << 32) |
-           information.nFileIndexLow;
 }
 
 void setTimesAndAttributes(HANDLE target, const std::wstring& path, const FileInformation& entry,
@@ -61,8 +48,8 @@ void setTimesAndAttributes(HANDLE target, const std::wstring& path, const FileIn
     }
     if (!::SetFileInformationByHandle(target, FileBasicInfo, &basic, sizeof(basic))) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to set attributes (%s)", path, code, "BackupFileCopier::setTimes",
-                 __LINE__);
+        throwForPath(L"Unable to set attributes (%s)", path, code, "BackupFileCopier::setTimes",
+                     __LINE__);
     }
 }
 
@@ -187,18 +174,18 @@ void BackupFileCopier::copyLink(const std::wstring& source, const FileInformatio
         return;
     }
     if (entry.reparseTag == 0) { // neither a link that can be read, nor anything to be followed
-        throwFor(L"Unable to read link (%s)", source, ERROR_NOT_A_REPARSE_POINT,
-                 "BackupFileCopier::copyLink", __LINE__);
+        throwForPath(L"Unable to read link (%s)", source, ERROR_NOT_A_REPARSE_POINT,
+                     "BackupFileCopier::copyLink", __LINE__);
     }
     if (!has(kept_, StreamType::ReparseData)) {
-        throwFor(L"Unable to create link (%s)", target, ERROR_NOT_SUPPORTED,
-                 "BackupFileCopier::copyLink", __LINE__);
+        throwForPath(L"Unable to create link (%s)", target, ERROR_NOT_SUPPORTED,
+                     "BackupFileCopier::copyLink", __LINE__);
     }
     const AutoHandle link = openKnown(source, entry, sourceAccess_, shareAll);
     if (entry.isDirectory()) {
         if (!RunTime::createDirectory(target)) {
-            throwFor(L"Unable to create directory (%s)", target, ERROR_ALREADY_EXISTS,
-                     "BackupFileCopier::copyLink", __LINE__);
+            throwForPath(L"Unable to create directory (%s)", target, ERROR_ALREADY_EXISTS,
+                         "BackupFileCopier::copyLink", __LINE__);
         }
         created = true;
     }
@@ -207,7 +194,7 @@ void BackupFileCopier::copyLink(const std::wstring& source, const FileInformatio
                           : createFile(target, parent);
     if (!item) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to open (%s)", target, code, "BackupFileCopier::copyLink", __LINE__);
+        throwForPath(L"Unable to open (%s)", target, code, "BackupFileCopier::copyLink", __LINE__);
     }
     PartialItem partial(item, created);
     copyStreams(link.get(), item.get(), source, target, entry, 0, nullptr);
@@ -224,20 +211,17 @@ AutoHandle BackupFileCopier::openTarget(const std::wstring& path, bool isNew) {
     AutoHandle directory = RunTime::openExisting(path, access, shareNoDelete);
     if (!directory) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to open directory (%s)", path, code, "BackupFileCopier::openTarget",
-                 __LINE__);
+        throwForPath(L"Unable to open directory (%s)", path, code, "BackupFileCopier::openTarget",
+                     __LINE__);
     }
-    FILE_ATTRIBUTE_TAG_INFO kind;
-    if (!::GetFileInformationByHandleEx(directory.get(), FileAttributeTagInfo, &kind,
-                                        sizeof(kind))) {
-        const DWORD code = ::GetLastError();
-        throwFor(L"Unable to get attributes (%s)", path, code, "BackupFileCopier::openTarget",
-                 __LINE__);
+    FileInformation kind;
+    if (const DWORD code = RunTime::readKind(directory.get(), kind)) {
+        throwForPath(L"Unable to get attributes (%s)", path, code, "BackupFileCopier::openTarget",
+                     __LINE__);
     }
-    if ((kind.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 ||
-        (kind.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-        throwFor(L"Unable to copy into link (%s)", path, ERROR_DIRECTORY,
-                 "BackupFileCopier::openTarget", __LINE__);
+    if (!kind.isDirectory() || (kind.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        throwForPath(L"Unable to copy into link (%s)", path, ERROR_DIRECTORY,
+                     "BackupFileCopier::openTarget", __LINE__);
     }
     return directory;
 }
@@ -271,11 +255,12 @@ BackupFileCopier::Opened BackupFileCopier::openFile(const std::wstring& path,
     if (!::GetFileInformationByHandleEx(opened.source.get(), FileStandardInfo, &opened.size,
                                         sizeof(opened.size))) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to get size (%s)", path, code, "BackupFileCopier::openFile", __LINE__);
+        throwForPath(L"Unable to get size (%s)", path, code, "BackupFileCopier::openFile",
+                     __LINE__);
     }
     if (opened.size.Directory) {
-        throwFor(L"Unable to open file (%s)", path, ERROR_DIRECTORY, "BackupFileCopier::openFile",
-                 __LINE__);
+        throwForPath(L"Unable to open file (%s)", path, ERROR_DIRECTORY,
+                     "BackupFileCopier::openFile", __LINE__);
     }
     return opened;
 }
@@ -302,27 +287,26 @@ AutoHandle BackupFileCopier::openKnown(const std::wstring& path, const FileInfor
             continue;
         }
         if (code == ERROR_ACCESS_DENIED || !retry.again(code)) {
-            throwFor(L"Unable to open (%s)", path, code, "BackupFileCopier::openKnown", __LINE__);
+            throwForPath(L"Unable to open (%s)", path, code, "BackupFileCopier::openKnown",
+                         __LINE__);
         }
     }
     if (foreign) {
         if (entry.fileId == 0 || fileIdOf(handle.get()) != entry.fileId) {
-            throwFor(L"Unable to open (%s), which is not what was listed", path,
-                     ERROR_REPARSE_TAG_MISMATCH, "BackupFileCopier::openKnown", __LINE__);
+            throwForPath(L"Unable to open (%s), which is not what was listed", path,
+                         ERROR_REPARSE_TAG_MISMATCH, "BackupFileCopier::openKnown", __LINE__);
         }
     } else if (entry.isDirectory() || entry.isLink()) {
-        FILE_ATTRIBUTE_TAG_INFO kind;
-        if (!::GetFileInformationByHandleEx(handle.get(), FileAttributeTagInfo, &kind,
-                                            sizeof(kind))) {
-            const DWORD code = ::GetLastError();
-            throwFor(L"Unable to get attributes (%s)", path, code, "BackupFileCopier::openKnown",
-                     __LINE__);
+        FileInformation kind;
+        if (const DWORD code = RunTime::readKind(handle.get(), kind)) {
+            throwForPath(L"Unable to get attributes (%s)", path, code,
+                         "BackupFileCopier::openKnown", __LINE__);
         }
         constexpr DWORD kinds = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
-        if ((kind.FileAttributes & kinds) != (entry.attributes & kinds) ||
-            (entry.isLink() && kind.ReparseTag != entry.reparseTag)) {
-            throwFor(L"Unable to open (%s), which is not what was listed", path,
-                     ERROR_REPARSE_TAG_MISMATCH, "BackupFileCopier::openKnown", __LINE__);
+        if ((kind.attributes & kinds) != (entry.attributes & kinds) ||
+            (entry.isLink() && kind.reparseTag != entry.reparseTag)) {
+            throwForPath(L"Unable to open (%s), which is not what was listed", path,
+                         ERROR_REPARSE_TAG_MISMATCH, "BackupFileCopier::openKnown", __LINE__);
         }
     }
     return handle;
@@ -339,7 +323,8 @@ AutoHandle BackupFileCopier::createFile(const std::wstring& path, const TargetDi
                                   nullptr));
     if (!file) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to create (%s)", path, code, "BackupFileCopier::createFile", __LINE__);
+        throwForPath(L"Unable to create (%s)", path, code, "BackupFileCopier::createFile",
+                     __LINE__);
     }
     return file;
 }
@@ -357,8 +342,8 @@ bool BackupFileCopier::makeHardLink(const std::wstring& source, std::uint64_t so
     if (!::CreateHardLinkW(target.c_str(), file.target.c_str(), nullptr)) {
         const DWORD code = ::GetLastError();
         if (code == ERROR_ALREADY_EXISTS || code == ERROR_FILE_EXISTS) {
-            throwFor(L"Unable to create (%s)", target, code, "BackupFileCopier::makeHardLink",
-                     __LINE__);
+            throwForPath(L"Unable to create (%s)", target, code, "BackupFileCopier::makeHardLink",
+                         __LINE__);
         }
         report_.add(CopyLoss::HardLink, source); // too many names, or a file system without them
         return false;
@@ -382,13 +367,13 @@ bool BackupFileCopier::changedSince(const Opened& opened, const std::wstring& pa
         !::GetFileInformationByHandleEx(opened.source.get(), FileStandardInfo, &size,
                                         sizeof(size))) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to get times (%s)", path, code, "BackupFileCopier::changedSince",
-                 __LINE__);
+        throwForPath(L"Unable to get times (%s)", path, code, "BackupFileCopier::changedSince",
+                     __LINE__);
     }
     if ((basic.FileAttributes ^ entry.attributes) & FILE_ATTRIBUTE_REPARSE_POINT &&
         !isForeignReparse(entry)) {
-        throwFor(L"Unable to copy (%s), which is not what was listed", path,
-                 ERROR_REPARSE_TAG_MISMATCH, "BackupFileCopier::changedSince", __LINE__);
+        throwForPath(L"Unable to copy (%s), which is not what was listed", path,
+                     ERROR_REPARSE_TAG_MISMATCH, "BackupFileCopier::changedSince", __LINE__);
     }
     const bool changed = basic.LastWriteTime.QuadPart != entry.lastWriteTime ||
                          size.EndOfFile.QuadPart != opened.size.EndOfFile.QuadPart;
@@ -433,8 +418,8 @@ void BackupFileCopier::copyStreams(HANDLE source, HANDLE target, const std::wstr
                 end.EndOfFile.QuadPart = size;
                 if (!::SetFileInformationByHandle(target, FileEndOfFileInfo, &end, sizeof(end))) {
                     const DWORD code = ::GetLastError();
-                    throwFor(L"Unable to set size (%s)", targetPath, code,
-                             "BackupFileCopier::copyStreams", __LINE__);
+                    throwForPath(L"Unable to set size (%s)", targetPath, code,
+                                 "BackupFileCopier::copyStreams", __LINE__);
                 }
             }
             reportDropped(found, sourcePath);
@@ -482,8 +467,8 @@ void BackupFileCopier::copyByOrdinaryCalls(HANDLE source, HANDLE target,
             code = RunTime::readDescriptor(source, false, descriptor_);
         }
         if (code != ERROR_SUCCESS) {
-            throwFor(L"Unable to read security (%s)", sourcePath, code,
-                     "BackupFileCopier::copyByOrdinaryCalls", __LINE__);
+            throwForPath(L"Unable to read security (%s)", sourcePath, code,
+                         "BackupFileCopier::copyByOrdinaryCalls", __LINE__);
         }
         if (parent != nullptr) {
             // Most files have what a new file in their directory gets by itself.
@@ -584,8 +569,8 @@ void BackupFileCopier::copyNamedStreams(const std::wstring& source, const std::w
         if (code == ERROR_HANDLE_EOF || isBackupRefused(code)) {
             return; // it has none, or the file system knows none
         }
-        throwFor(L"Unable to list streams (%s)", source, code, "BackupFileCopier::copyNamedStreams",
-                 __LINE__);
+        throwForPath(L"Unable to list streams (%s)", source, code,
+                     "BackupFileCopier::copyNamedStreams", __LINE__);
     }
     do {
         const std::wstring name = stream.cStreamName; // ":name:$DATA", the main one "::$DATA"
@@ -601,23 +586,23 @@ void BackupFileCopier::copyNamedStreams(const std::wstring& source, const std::w
                           FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
         if (!from) {
             const DWORD code = ::GetLastError();
-            throwFor(L"Unable to open (%s)", source + name, code,
-                     "BackupFileCopier::copyNamedStreams", __LINE__);
+            throwForPath(L"Unable to open (%s)", source + name, code,
+                         "BackupFileCopier::copyNamedStreams", __LINE__);
         }
         const AutoHandle to(
             ::CreateFileW((target + name).c_str(), GENERIC_WRITE, shareAll, nullptr, CREATE_NEW,
                           FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
         if (!to) {
             const DWORD code = ::GetLastError();
-            throwFor(L"Unable to create (%s)", target + name, code,
-                     "BackupFileCopier::copyNamedStreams", __LINE__);
+            throwForPath(L"Unable to create (%s)", target + name, code,
+                         "BackupFileCopier::copyNamedStreams", __LINE__);
         }
         copyData(from.get(), to.get(), 0, stream.StreamSize.QuadPart);
     } while (::FindNextStreamW(find.get(), &stream));
     const DWORD code = ::GetLastError();
     if (code != ERROR_HANDLE_EOF) {
-        throwFor(L"Unable to list streams (%s)", source, code, "BackupFileCopier::copyNamedStreams",
-                 __LINE__);
+        throwForPath(L"Unable to list streams (%s)", source, code,
+                     "BackupFileCopier::copyNamedStreams", __LINE__);
     }
 }
 
@@ -627,23 +612,23 @@ void BackupFileCopier::copyReparsePoint(HANDLE source, HANDLE target, const std:
     if (!::DeviceIoControl(source, FSCTL_GET_REPARSE_POINT, nullptr, 0, buffer,
                            MAXIMUM_REPARSE_DATA_BUFFER_SIZE, &bytes, nullptr)) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to read link (%s)", path, code, "BackupFileCopier::copyReparsePoint",
-                 __LINE__);
+        throwForPath(L"Unable to read link (%s)", path, code, "BackupFileCopier::copyReparsePoint",
+                     __LINE__);
     }
     DWORD got = 0;
     if (!::DeviceIoControl(target, FSCTL_SET_REPARSE_POINT, buffer, bytes, nullptr, 0, &got,
                            nullptr)) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to create link (%s)", path, code, "BackupFileCopier::copyReparsePoint",
-                 __LINE__);
+        throwForPath(L"Unable to create link (%s)", path, code,
+                     "BackupFileCopier::copyReparsePoint", __LINE__);
     }
 }
 
 void BackupFileCopier::copyEncrypted(const std::wstring& source, const FileInformation& entry,
                                      const std::wstring& target, bool& created) {
     if ((targetVolume_.flags & FILE_SUPPORTS_ENCRYPTION) == 0) { // never in clear
-        throwFor(L"Unable to copy encrypted file (%s)", source, ERROR_VOLUME_NOT_SUPPORT_EFS,
-                 "BackupFileCopier::copyEncrypted", __LINE__);
+        throwForPath(L"Unable to copy encrypted file (%s)", source, ERROR_VOLUME_NOT_SUPPORT_EFS,
+                     "BackupFileCopier::copyEncrypted", __LINE__);
     }
     const Opened opened = openFile(source, entry);
     const TargetDirectory plain;
@@ -659,13 +644,14 @@ void BackupFileCopier::copyEncrypted(const std::wstring& source, const FileInfor
     file = RunTime::openExisting(target, targetAccess_ | DELETE, 0);
     if (!file) {
         const DWORD code = ::GetLastError();
-        throwFor(L"Unable to open (%s)", target, code, "BackupFileCopier::copyEncrypted", __LINE__);
+        throwForPath(L"Unable to open (%s)", target, code, "BackupFileCopier::copyEncrypted",
+                     __LINE__);
     }
     if (has(kept_, StreamType::SecurityData)) {
         const DWORD code = RunTime::readDescriptor(opened.source.get(), audit_, descriptor_);
         if (code != ERROR_SUCCESS) {
-            throwFor(L"Unable to read security (%s)", source, code,
-                     "BackupFileCopier::copyEncrypted", __LINE__);
+            throwForPath(L"Unable to read security (%s)", source, code,
+                         "BackupFileCopier::copyEncrypted", __LINE__);
         }
         writeSecurity(file.get(), target);
     }
@@ -682,8 +668,8 @@ void BackupFileCopier::writeSecurity(HANDLE target, const std::wstring& path) {
         }
     }
     if (code != ERROR_SUCCESS) {
-        throwFor(L"Unable to set security (%s)", path, code, "BackupFileCopier::writeSecurity",
-                 __LINE__);
+        throwForPath(L"Unable to set security (%s)", path, code, "BackupFileCopier::writeSecurity",
+                     __LINE__);
     }
 }
 

@@ -15,11 +15,6 @@ namespace {
 constexpr DWORD shareNoDelete = FILE_SHARE_READ | FILE_SHARE_WRITE;
 constexpr DWORD shareAll = shareNoDelete | FILE_SHARE_DELETE;
 
-[[noreturn]] void throwFor(const wchar_t* format, const std::wstring& path, DWORD code,
-                           const char* function, int line) {
-    _throwError(formatString(format, nicePath(path).c_str()).c_str(), code, {L"", function, line});
-}
-
 // A directory opened so that it stays what it is. Empty when nothing has the name any more.
 struct Held {
     AutoHandle handle;
@@ -44,33 +39,28 @@ Held hold(const std::wstring& path, DWORD access, bool forRemoval, int tryCount)
             continue;
         }
         if (code == ERROR_ACCESS_DENIED || !retry.again(code)) {
-            throwFor(L"Unable to open directory (%s)", path, code, "RunTime::Directory::hold",
-                     __LINE__);
+            throwForPath(L"Unable to open directory (%s)", path, code, "RunTime::Directory::hold",
+                         __LINE__);
         }
     }
     held.deletable = more != 0;
-    FILE_ATTRIBUTE_TAG_INFO kind;
-    if (!::GetFileInformationByHandleEx(held.handle.get(), FileAttributeTagInfo, &kind,
-                                        sizeof(kind))) {
-        const DWORD code = ::GetLastError();
-        throwFor(L"Unable to get attributes (%s)", path, code, "RunTime::Directory::hold",
-                 __LINE__);
-    }
     FileInformation now;
-    now.attributes = kind.FileAttributes;
-    now.reparseTag = kind.ReparseTag;
+    if (const DWORD code = readKind(held.handle.get(), now)) {
+        throwForPath(L"Unable to get attributes (%s)", path, code, "RunTime::Directory::hold",
+                     __LINE__);
+    }
     held.isLink = now.isLink();
     if (!now.isDirectory()) {
-        throwFor(L"Unable to open directory (%s)", path, ERROR_DIRECTORY,
-                 "RunTime::Directory::hold", __LINE__);
+        throwForPath(L"Unable to open directory (%s)", path, ERROR_DIRECTORY,
+                     "RunTime::Directory::hold", __LINE__);
     }
     return held;
 }
 
 void throwIfUnreadable(const std::wstring& path, const FileInformation& entry) {
     if (entry.isLink() && entry.reparseTag == 0) { // neither follow nor remove what is not known
-        throwFor(L"Unable to read link (%s)", path, ERROR_NOT_A_REPARSE_POINT,
-                 "RunTime::Directory::remove", __LINE__);
+        throwForPath(L"Unable to read link (%s)", path, ERROR_NOT_A_REPARSE_POINT,
+                     "RunTime::Directory::remove", __LINE__);
     }
 }
 
@@ -163,8 +153,8 @@ void Directory::remove(int tryCount, bool top, bool report, std::int64_t* runnin
             return;
         }
         if (held.isLink) {
-            throwFor(L"Unable to remove (%s), which has become a link", path_,
-                     ERROR_REPARSE_TAG_MISMATCH, "RunTime::Directory::remove", __LINE__);
+            throwForPath(L"Unable to remove (%s), which has become a link", path_,
+                         ERROR_REPARSE_TAG_MISMATCH, "RunTime::Directory::remove", __LINE__);
         }
         level.listing.read(held.handle.get(), path_);
         level.handle = std::move(held.handle);
@@ -278,8 +268,8 @@ void Directory::removeLevels(std::vector<Level>& levels, std::wstring& path, int
                             break;
                         }
                         if (!retry.again(code)) {
-                            throwFor(L"Unable to remove directory (%s)", path, code,
-                                     "RunTime::Directory::remove", __LINE__);
+                            throwForPath(L"Unable to remove directory (%s)", path, code,
+                                         "RunTime::Directory::remove", __LINE__);
                         }
                     }
                     level.handle.reset();

@@ -8,24 +8,6 @@
 
 namespace RunTime {
 
-namespace {
-
-[[noreturn]] void throwFor(const wchar_t* format, const std::wstring& path, DWORD code,
-                           const char* function, int line) {
-    _throwError(formatString(format, nicePath(path).c_str()).c_str(), code, {L"", function, line});
-}
-
-std::uint64_t fileIdOf(HANDLE file) {
-    BY_HANDLE_FILE_INFORMATION information;
-    if (!::GetFileInformationByHandle(file, &information)) {
-        return 0;
-    }
-    return (static_cast<std::uint64_t>(information.nFileIndexHigh) << 32) |
-           information.nFileIndexLow;
-}
-
-} // namespace
-
 // One directory that the copy is inside of; source and target are both held open.
 struct Directory::CopyLevel {
     FileInformation entry;
@@ -178,8 +160,8 @@ private:
             made = createDirectory(target_);
         }
         if (!made && !takesOver && isTop && kind_ == CopyTarget::Missing) {
-            throwFor(L"Unable to create directory (%s)", target_, ERROR_ALREADY_EXISTS,
-                     "RunTime::Directory::backupCopy", __LINE__);
+            throwForPath(L"Unable to create directory (%s)", target_, ERROR_ALREADY_EXISTS,
+                         "RunTime::Directory::backupCopy", __LINE__);
         }
         level.isOurs = made || takesOver;
         try {
@@ -214,8 +196,8 @@ private:
         if (!::GetFileInformationByHandleEx(level.target.get(), FileBasicInfo, &existing.basic,
                                             sizeof(existing.basic))) {
             const DWORD code = ::GetLastError();
-            throwFor(L"Unable to get attributes (%s)", target_, code,
-                     "RunTime::Directory::backupCopy", __LINE__);
+            throwForPath(L"Unable to get attributes (%s)", target_, code,
+                         "RunTime::Directory::backupCopy", __LINE__);
         }
         if (level.isOurs) {
             readDescriptor(level.target.get(), false, existing.descriptor);
@@ -256,8 +238,8 @@ void Directory::backupCopy(const std::wstring& target, CopyTarget kind, CopyJob&
     ThreadCancelation::check();
     raiseTotals();
     if (!isThere_) {
-        throwFor(L"Unable to copy (%s)", path_, ERROR_PATH_NOT_FOUND,
-                 "RunTime::Directory::backupCopy", __LINE__);
+        throwForPath(L"Unable to copy (%s)", path_, ERROR_PATH_NOT_FOUND,
+                     "RunTime::Directory::backupCopy", __LINE__);
     }
     job.copier.onBytes() = [this](std::int64_t bytes) {
         bool cancel = false;

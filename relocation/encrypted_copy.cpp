@@ -1,9 +1,7 @@
 #include "relocation/encrypted_copy.h"
 
 #include "runtime/auto_handle.h"
-#include "runtime/exception.h"
 #include "runtime/files/file.h"
-#include "runtime/format_string.h"
 
 #include <windows.h>
 
@@ -36,8 +34,7 @@ DWORD CALLBACK giveRaw(BYTE* data, void* staged, ULONG* bytes) {
 
 void check(DWORD code, const wchar_t* format, const std::wstring& path, int line) {
     if (code != ERROR_SUCCESS) {
-        _throwError(formatString(format, RunTime::nicePath(path).c_str()).c_str(), code,
-                    {L"", "copyEncryptedFile", line});
+        RunTime::throwForPath(format, path, code, "copyEncryptedFile", line);
     }
 }
 

@@ -1,8 +1,6 @@
 #include "relocation/pinned_path.h"
 
-#include "runtime/exception.h"
 #include "runtime/files/file.h"
-#include "runtime/format_string.h"
 
 #include <utility>
 
@@ -47,25 +45,17 @@ bool PinnedPath::pin(std::size_t length) {
         if (code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND) {
             return false;
         }
-        _throwError(
-            formatString(L"Unable to open directory (%s)", RunTime::nicePath(path).c_str()).c_str(),
-            code, {L"", "PinnedPath::pin", __LINE__});
-    }
-    FILE_ATTRIBUTE_TAG_INFO kind;
-    if (!::GetFileInformationByHandleEx(handle.get(), FileAttributeTagInfo, &kind, sizeof(kind))) {
-        const DWORD code = ::GetLastError();
-        _throwError(
-            formatString(L"Unable to get attributes (%s)", RunTime::nicePath(path).c_str()).c_str(),
-            code, {L"", "PinnedPath::pin", __LINE__});
+        RunTime::throwForPath(L"Unable to open directory (%s)", path, code, "PinnedPath::pin",
+                              __LINE__);
     }
     RunTime::FileInformation now;
-    now.attributes = kind.FileAttributes;
-    now.reparseTag = kind.ReparseTag;
+    if (const DWORD code = RunTime::readKind(handle.get(), now)) {
+        RunTime::throwForPath(L"Unable to get attributes (%s)", path, code, "PinnedPath::pin",
+                              __LINE__);
+    }
     if (now.isLink() || !now.isDirectory()) {
-        _throwError(formatString(L"Unable to open directory (%s), which is a link or a file now",
-                                 RunTime::nicePath(path).c_str())
-                        .c_str(),
-                    ERROR_DIRECTORY, {L"", "PinnedPath::pin", __LINE__});
+        RunTime::throwForPath(L"Unable to open directory (%s), which is a link or a file now", path,
+                              ERROR_DIRECTORY, "PinnedPath::pin", __LINE__);
     }
     pins_.push_back({length, std::move(handle)});
     return true;

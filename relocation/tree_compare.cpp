@@ -229,12 +229,8 @@ private:
             handle = RunTime::openExisting(path, access & ~DWORD{ACCESS_SYSTEM_SECURITY}, holdShare,
                                            flags);
         }
-        DWORD code = handle ? ERROR_SUCCESS : ::GetLastError();
-        FILE_ATTRIBUTE_TAG_INFO now{};
-        if (handle && !::GetFileInformationByHandleEx(handle.get(), FileAttributeTagInfo, &now,
-                                                      sizeof(now))) {
-            code = ::GetLastError();
-        }
+        FileInformation opened;
+        const DWORD code = handle ? RunTime::readKind(handle.get(), opened) : ::GetLastError();
         if (code != ERROR_SUCCESS) {
             const std::wstring what =
                 formatString(L"Unable to open (%s)", RunTime::nicePath(path).c_str());
@@ -244,9 +240,6 @@ private:
             differ(DifferenceKind::Unreadable, what + L": " + systemText(code));
             return {};
         }
-        FileInformation opened;
-        opened.attributes = now.FileAttributes;
-        opened.reparseTag = now.ReparseTag;
         // Where the system opens links only by following them, the listing alone knows them.
         if (typeOf(entry) != Type::Link && typeOf(opened) != typeOf(entry)) {
             differ(DifferenceKind::Unreadable,

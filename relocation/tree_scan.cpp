@@ -74,14 +74,11 @@ private:
         if (!handle) {
             return false;
         }
-        FILE_ATTRIBUTE_TAG_INFO now{};
-        if (!::GetFileInformationByHandleEx(handle.get(), FileAttributeTagInfo, &now,
-                                            sizeof(now))) {
+        FileInformation opened;
+        if (const DWORD code = RunTime::readKind(handle.get(), opened)) {
+            ::SetLastError(code);
             return false;
         }
-        FileInformation opened;
-        opened.attributes = now.FileAttributes;
-        opened.reparseTag = now.ReparseTag;
         if (!opened.isDirectory() || opened.isLink()) {
             ::SetLastError(ERROR_DIRECTORY); // something else has taken its place since the listing
             return false;

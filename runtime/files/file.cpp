@@ -23,11 +23,6 @@ constexpr auto fileDispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21
 // Random names clash by an attacker's hand only; nobody guesses 64 bits this often.
 constexpr int nameTries = 16;
 
-[[noreturn]] void fail(const wchar_t* format, const std::wstring& path, DWORD code,
-                       const char* function, int line) {
-    _throwError(formatString(format, nicePath(path).c_str()).c_str(), code, {L"", function, line});
-}
-
 // The long form as calls take it: no backslash at the end but a root's, which must be there.
 std::wstring systemPath(const std::wstring& path) {
     std::wstring name = withoutTrailingBackslash(longPath(path));
@@ -152,14 +147,12 @@ DWORD deleteThroughHandle(const std::wstring& name, Kind kind, bool& hopeless) {
         const DWORD code = ::GetLastError();
         return meansMissing(code) ? ERROR_SUCCESS : code;
     }
-    FILE_ATTRIBUTE_TAG_INFO information = {};
-    if (!::GetFileInformationByHandleEx(handle.get(), FileAttributeTagInfo, &information,
-                                        sizeof(information))) {
-        return ::GetLastError();
+    FileInformation now;
+    if (const DWORD code = readKind(handle.get(), now)) {
+        return code;
     }
     // A directory is denied to DeleteFileW for what it is. By handle it would go.
-    const bool isDirectoryNow = (information.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    if (isDirectoryNow != (kind == Kind::directory)) {
+    if (now.isDirectory() != (kind == Kind::directory)) {
         hopeless = true;
         return kind == Kind::directory ? ERROR_DIRECTORY : ERROR_ACCESS_DENIED;
     }
@@ -180,10 +173,10 @@ void deleteItem(const std::wstring& path, Kind kind, int tryCount) {
             return;
         }
         if (hopeless || !retry.again(code)) {
-            kind == Kind::file
-                ? fail(L"Unable to delete file (%s)", name, code, "RunTime::deleteFile", __LINE__)
-                : fail(L"Unable to remove directory (%s)", name, code, "RunTime::removeDirectory",
-                       __LINE__);
+            kind == Kind::file ? throwForPath(L"Unable to delete file (%s)", name, code,
+                                              "RunTime::deleteFile", __LINE__)
+                               : throwForPath(L"Unable to remove directory (%s)", name, code,
+                                              "RunTime::removeDirectory", __LINE__);
         }
     }
 }
@@ -227,8 +220,8 @@ struct DirectoryLister::State {
     bool byPath = false;
 
     [[noreturn]] void fail(DWORD code, int line) const {
-        RunTime::fail(L"Unable to list directory (%s)", path, code,
-                      "RunTime::DirectoryLister::next", line);
+        throwForPath(L"Unable to list directory (%s)", path, code, "RunTime::DirectoryLister::next",
+                     line);
     }
 
     bool fill();
@@ -368,7 +361,7 @@ bool exists(const std::wstring& path) {
         return true;
     }
     if (!meansMissing(code)) {
-        fail(L"Unable to get attributes (%s)", name, code, "RunTime::exists", __LINE__);
+        throwForPath(L"Unable to get attributes (%s)", name, code, "RunTime::exists", __LINE__);
     }
     return false;
 }
@@ -387,7 +380,8 @@ bool isDirectory(const std::wstring& path) {
         return entry.isDirectory() && !entry.isLink();
     }
     if (!meansMissing(code)) {
-        fail(L"Unable to get attributes (%s)", name, code, "RunTime::isDirectory", __LINE__);
+        throwForPath(L"Unable to get attributes (%s)", name, code, "RunTime::isDirectory",
+                     __LINE__);
     }
     return false;
 }
@@ -397,8 +391,8 @@ FileInformation fileInformation(const std::wstring& path) {
     FileInformation entry;
     const DWORD code = lookUp(name, entry);
     if (code != ERROR_SUCCESS) {
-        fail(L"Unable to get file information (%s)", name, code, "RunTime::fileInformation",
-             __LINE__);
+        throwForPath(L"Unable to get file information (%s)", name, code, "RunTime::fileInformation",
+                     __LINE__);
     }
     return entry;
 }
@@ -420,6 +414,25 @@ AutoHandle openExisting(const std::wstring& path, DWORD access, DWORD share, DWO
     return handle;
 }
 
+DWORD readKind(HANDLE handle, FileInformation& entry) noexcept {
+    FILE_ATTRIBUTE_TAG_INFO kind;
+    if (!::GetFileInformationByHandleEx(handle, FileAttributeTagInfo, &kind, sizeof(kind))) {
+        return ::GetLastError();
+    }
+    entry.attributes = kind.FileAttributes;
+    entry.reparseTag = kind.ReparseTag;
+    return ERROR_SUCCESS;
+}
+
+std::uint64_t fileIdOf(HANDLE handle) noexcept {
+    BY_HANDLE_FILE_INFORMATION information;
+    if (!::GetFileInformationByHandle(handle, &information)) {
+        return 0;
+    }
+    return (static_cast<std::uint64_t>(information.nFileIndexHigh) << 32) |
+           information.nFileIndexLow;
+}
+
 AutoHandle openPinnedDirectory(const std::wstring& path, int tryCount) {
     AutoHandle handle;
     for (Retry retry(tryCount);;) {
@@ -433,20 +446,15 @@ AutoHandle openPinnedDirectory(const std::wstring& path, int tryCount) {
             return handle;
         }
         if (!retry.again(code)) {
-            fail(L"Unable to list directory (%s)", path, code, "RunTime::openPinnedDirectory",
-                 __LINE__);
+            throwForPath(L"Unable to list directory (%s)", path, code,
+                         "RunTime::openPinnedDirectory", __LINE__);
         }
     }
-    FILE_ATTRIBUTE_TAG_INFO information = {};
-    if (!::GetFileInformationByHandleEx(handle.get(), FileAttributeTagInfo, &information,
-                                        sizeof(information))) {
-        const DWORD code = ::GetLastError();
-        fail(L"Unable to list directory (%s)", path, code, "RunTime::openPinnedDirectory",
-             __LINE__);
-    }
     FileInformation now;
-    now.attributes = information.FileAttributes;
-    now.reparseTag = information.ReparseTag;
+    if (const DWORD code = readKind(handle.get(), now)) {
+        throwForPath(L"Unable to list directory (%s)", path, code, "RunTime::openPinnedDirectory",
+                     __LINE__);
+    }
     if (!now.isDirectory() || now.isLink()) {
         handle.reset();
     }
@@ -547,8 +555,8 @@ std::wstring temporaryName(const std::wstring& directory, const std::wstring& st
             return name;
         }
     }
-    fail(L"Unable to find a temporary name in (%s)", parent, ERROR_FILE_EXISTS,
-         "RunTime::temporaryName", __LINE__);
+    throwForPath(L"Unable to find a temporary name in (%s)", parent, ERROR_FILE_EXISTS,
+                 "RunTime::temporaryName", __LINE__);
 }
 
 bool createDirectory(const std::wstring& path, SECURITY_ATTRIBUTES* security) {
@@ -561,7 +569,8 @@ bool createDirectory(const std::wstring& path, SECURITY_ATTRIBUTES* security) {
     const bool taken =
         code == ERROR_ALREADY_EXISTS || (code == ERROR_ACCESS_DENIED && isRoot(name));
     if (!taken || !isDirectory(name)) {
-        fail(L"Unable to create directory (%s)", name, code, "RunTime::createDirectory", __LINE__);
+        throwForPath(L"Unable to create directory (%s)", name, code, "RunTime::createDirectory",
+                     __LINE__);
     }
     return false;
 }

@@ -94,6 +94,12 @@ FileInformation fileInformation(const std::wstring& path);
 // is returned, with GetLastError() set: callers decide what a failure means to them.
 AutoHandle openExisting(const std::wstring& path, DWORD access, DWORD share, DWORD flags = 0);
 
+// What stands behind an open handle: sets attributes and tag of the entry, and nothing else of it.
+// Returns a Win32 code.
+DWORD readKind(HANDLE handle, FileInformation& entry) noexcept;
+// On its volume; 0 where the system does not tell it.
+std::uint64_t fileIdOf(HANDLE handle) noexcept;
+
 // Opens a directory for listing and holds it without delete sharing, so that nobody can put a link
 // in its place while paths lead through it. Empty when the directory has gone, or a link or file
 // stands there instead. Tries again while it is in use. "Unable to list directory (%s)".

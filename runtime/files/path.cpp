@@ -265,6 +265,11 @@ std::wstring nicePath(const std::wstring& path) {
     return hasLongPrefix(path) ? path.substr(longPrefix.size()) : path;
 }
 
+void throwForPath(const wchar_t* format, const std::wstring& path, DWORD code, const char* function,
+                  int line) {
+    _throwError(formatString(format, nicePath(path).c_str()).c_str(), code, {L"", function, line});
+}
+
 std::wstring combine(const std::wstring& directory, std::wstring_view name) {
     std::size_t length = directory.size();
     while (length > 0 && directory[length - 1] == L'\\') {
@@ -406,9 +411,8 @@ std::wstring shortPath(const std::wstring& path) {
     std::wstring result = tryNames(path, Names::shortOnes);
     if (result.empty()) {
         const DWORD code = ::GetLastError();
-        _throwError(
-            formatString(L"Unable to get a short path (%s)", nicePath(path).c_str()).c_str(), code,
-            {L"", "RunTime::shortPath", __LINE__});
+        throwForPath(L"Unable to get a short path (%s)", path, code, "RunTime::shortPath",
+                     __LINE__);
     }
     return result;
 }
@@ -417,8 +421,8 @@ std::wstring longNamePath(const std::wstring& path) {
     std::wstring result = tryNames(path, Names::longOnes);
     if (result.empty()) {
         const DWORD code = ::GetLastError();
-        _throwError(formatString(L"Unable to get a long path (%s)", nicePath(path).c_str()).c_str(),
-                    code, {L"", "RunTime::longNamePath", __LINE__});
+        throwForPath(L"Unable to get a long path (%s)", path, code, "RunTime::longNamePath",
+                     __LINE__);
     }
     return result;
 }

@@ -29,6 +29,11 @@ std::wstring longPath(const std::wstring& path);
 // The form shown to people: without "\\?\", and with "\\" for "\\?\UNC\". Never throws on odd text.
 std::wstring nicePath(const std::wstring& path);
 
+// Throws for a call that failed on a path, as vosexception or its subclass. format has "%s" for the
+// path, which is shown in nice form; function is the caller's qualified name.
+[[noreturn]] void throwForPath(const wchar_t* format, const std::wstring& path, DWORD code,
+                               const char* function, int line);
+
 // directory + "\" + name, with exactly one backslash between them. The name is taken as it stands.
 std::wstring combine(const std::wstring& directory, std::wstring_view name);
 

@@ -159,8 +159,7 @@ void write(const wchar_t* listName, const std::vector<Operation>& operations) {
 }
 
 [[noreturn]] void removeFailed(const std::wstring& path, DWORD code, int line) {
-    _throwError(formatString(L"Unable to remove (%s)", nicePath(path).c_str()).c_str(), code,
-                {L"", "RunTime::removeAtRestart", line});
+    throwForPath(L"Unable to remove (%s)", path, code, "RunTime::removeAtRestart", line);
 }
 
 // A directory on the way down, held so that no link can take its place meanwhile.
