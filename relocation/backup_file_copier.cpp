@@ -1,6 +1,7 @@
 #include "relocation/backup_file_copier.h"
 
 #include "relocation/encrypted_copy.h"
+#include "relocation/ordinary_stream_copy.h"
 #include "runtime/exception.h"
 #include "runtime/format_string.h"
 #include "runtime/log_manager.h"
@@ -450,17 +451,11 @@ void BackupFileCopier::copyByOrdinaryCalls(HANDLE source, HANDLE target,
                                            const std::wstring& targetPath,
                                            const FileInformation& entry, std::int64_t size,
                                            TargetDirectory* parent) {
-    if (entry.isLink()) {
-        copyReparsePoint(source, target, sourcePath);
-    } else if (!entry.isDirectory() && has(kept_, StreamType::Data)) {
-        if ((entry.attributes & FILE_ATTRIBUTE_SPARSE_FILE) == 0 ||
-            !copyRanges(source, target, size)) {
-            copyData(source, target, 0, size);
-        }
-    }
-    if (has(asked_, StreamType::AlternateData) && (sourceVolume_.flags & FILE_NAMED_STREAMS)) {
-        copyNamedStreams(sourcePath, targetPath);
-    }
+    OrdinaryStreamCopy::Item item{source, target, sourcePath, targetPath, entry, size};
+    item.keep = kept_;
+    item.namedStreams =
+        has(asked_, StreamType::AlternateData) && (sourceVolume_.flags & FILE_NAMED_STREAMS) != 0;
+    OrdinaryStreamCopy(streamCopy_, report_).run(item);
     if (has(kept_, StreamType::SecurityData)) {
         DWORD code = RunTime::readDescriptor(source, audit_, descriptor_);
         if (code != ERROR_SUCCESS && audit_) { // without the right to read the audit list
@@ -480,147 +475,6 @@ void BackupFileCopier::copyByOrdinaryCalls(HANDLE source, HANDLE target,
             }
         }
         writeSecurity(target, targetPath);
-    }
-}
-
-void BackupFileCopier::copyData(HANDLE source, HANDLE target, std::int64_t from, std::int64_t to) {
-    unsigned char* const buffer = streamCopy_.buffer();
-    while (from < to) {
-        const auto wanted =
-            static_cast<DWORD>(std::min<std::int64_t>(to - from, BackupStreamCopy::bufferBytes));
-        DWORD got = 0;
-        if (!::ReadFile(source, buffer, wanted, &got, nullptr)) {
-            const DWORD code = ::GetLastError();
-            _throwError(L"Unable to read data", code,
-                        {L"", "BackupFileCopier::copyData", __LINE__});
-        }
-        if (got == 0) {
-            return; // it has become shorter, which the look at its size afterwards tells
-        }
-        DWORD written = 0;
-        if (!::WriteFile(target, buffer, got, &written, nullptr)) {
-            const DWORD code = ::GetLastError();
-            _throwError(L"Unable to write data", code,
-                        {L"", "BackupFileCopier::copyData", __LINE__});
-        }
-        if (written != got) {
-            _throwError(L"Unable to write data", ERROR_DISK_FULL,
-                        {L"", "BackupFileCopier::copyData", __LINE__});
-        }
-        from += got;
-        if (from < to) { // a cancel must not wait for the whole of a large file
-            ThreadCancelation::check();
-            if (onBytes()) {
-                onBytes()(from);
-            }
-        }
-    }
-}
-
-bool BackupFileCopier::copyRanges(HANDLE source, HANDLE target, std::int64_t size) {
-    FILE_ALLOCATED_RANGE_BUFFER asked = {};
-    asked.Length.QuadPart = size;
-    FILE_ALLOCATED_RANGE_BUFFER ranges[256];
-    for (bool more = true; more;) {
-        DWORD got = 0;
-        more = false;
-        if (!::DeviceIoControl(source, FSCTL_QUERY_ALLOCATED_RANGES, &asked, sizeof(asked), ranges,
-                               sizeof(ranges), &got, nullptr)) {
-            const DWORD code = ::GetLastError();
-            if (code != ERROR_MORE_DATA) {
-                return false; // the holes are not told: all of it is copied
-            }
-            more = true;
-        }
-        const std::size_t count = got / sizeof(ranges[0]);
-        for (std::size_t i = 0; i < count; ++i) {
-            if (!::SetFilePointerEx(source, ranges[i].FileOffset, nullptr, FILE_BEGIN) ||
-                !::SetFilePointerEx(target, ranges[i].FileOffset, nullptr, FILE_BEGIN)) {
-                const DWORD code = ::GetLastError();
-                _throwError(L"Unable to seek", code,
-                            {L"", "BackupFileCopier::copyRanges", __LINE__});
-            }
-            const std::int64_t from = ranges[i].FileOffset.QuadPart;
-            copyData(source, target, from, from + ranges[i].Length.QuadPart);
-        }
-        if (more && count != 0) {
-            const std::int64_t next =
-                ranges[count - 1].FileOffset.QuadPart + ranges[count - 1].Length.QuadPart;
-            asked.FileOffset.QuadPart = next;
-            asked.Length.QuadPart = size - next;
-        }
-        more = more && count != 0;
-    }
-    FILE_END_OF_FILE_INFO end;
-    end.EndOfFile.QuadPart = size;
-    if (!::SetFileInformationByHandle(target, FileEndOfFileInfo, &end, sizeof(end))) {
-        const DWORD code = ::GetLastError();
-        _throwError(L"Unable to set size", code, {L"", "BackupFileCopier::copyRanges", __LINE__});
-    }
-    return true;
-}
-
-void BackupFileCopier::copyNamedStreams(const std::wstring& source, const std::wstring& target) {
-    WIN32_FIND_STREAM_DATA stream;
-    const RunTime::AutoFindHandle find(
-        ::FindFirstStreamW(source.c_str(), FindStreamInfoStandard, &stream, 0));
-    if (!find) {
-        const DWORD code = ::GetLastError();
-        if (code == ERROR_HANDLE_EOF || isBackupRefused(code)) {
-            return; // it has none, or the file system knows none
-        }
-        throwForPath(L"Unable to list streams (%s)", source, code,
-                     "BackupFileCopier::copyNamedStreams", __LINE__);
-    }
-    do {
-        const std::wstring name = stream.cStreamName; // ":name:$DATA", the main one "::$DATA"
-        if (name.starts_with(L"::")) {
-            continue;
-        }
-        if (!has(kept_, StreamType::AlternateData)) {
-            report_.add(CopyLoss::AlternateStream, source + name);
-            continue;
-        }
-        const AutoHandle from(
-            ::CreateFileW((source + name).c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING,
-                          FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-        if (!from) {
-            const DWORD code = ::GetLastError();
-            throwForPath(L"Unable to open (%s)", source + name, code,
-                         "BackupFileCopier::copyNamedStreams", __LINE__);
-        }
-        const AutoHandle to(
-            ::CreateFileW((target + name).c_str(), GENERIC_WRITE, shareAll, nullptr, CREATE_NEW,
-                          FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-        if (!to) {
-            const DWORD code = ::GetLastError();
-            throwForPath(L"Unable to create (%s)", target + name, code,
-                         "BackupFileCopier::copyNamedStreams", __LINE__);
-        }
-        copyData(from.get(), to.get(), 0, stream.StreamSize.QuadPart);
-    } while (::FindNextStreamW(find.get(), &stream));
-    const DWORD code = ::GetLastError();
-    if (code != ERROR_HANDLE_EOF) {
-        throwForPath(L"Unable to list streams (%s)", source, code,
-                     "BackupFileCopier::copyNamedStreams", __LINE__);
-    }
-}
-
-void BackupFileCopier::copyReparsePoint(HANDLE source, HANDLE target, const std::wstring& path) {
-    unsigned char* const buffer = streamCopy_.buffer();
-    DWORD bytes = 0;
-    if (!::DeviceIoControl(source, FSCTL_GET_REPARSE_POINT, nullptr, 0, buffer,
-                           MAXIMUM_REPARSE_DATA_BUFFER_SIZE, &bytes, nullptr)) {
-        const DWORD code = ::GetLastError();
-        throwForPath(L"Unable to read link (%s)", path, code, "BackupFileCopier::copyReparsePoint",
-                     __LINE__);
-    }
-    DWORD got = 0;
-    if (!::DeviceIoControl(target, FSCTL_SET_REPARSE_POINT, buffer, bytes, nullptr, 0, &got,
-                           nullptr)) {
-        const DWORD code = ::GetLastError();
-        throwForPath(L"Unable to create link (%s)", path, code,
-                     "BackupFileCopier::copyReparsePoint", __LINE__);
     }
 }
 

@@ -91,11 +91,6 @@ private:
     void copyByOrdinaryCalls(HANDLE source, HANDLE target, const std::wstring& sourcePath,
                              const std::wstring& targetPath, const RunTime::FileInformation& entry,
                              std::int64_t size, TargetDirectory* parent);
-    void copyData(HANDLE source, HANDLE target, std::int64_t from, std::int64_t to);
-    // The allocated ranges of a sparse file; false when the system does not tell them.
-    bool copyRanges(HANDLE source, HANDLE target, std::int64_t size);
-    void copyNamedStreams(const std::wstring& source, const std::wstring& target);
-    void copyReparsePoint(HANDLE source, HANDLE target, const std::wstring& path);
     void writeSecurity(HANDLE target, const std::wstring& path); // of descriptor_
     void reportDropped(const BackupStreamCopy::Found& found, const std::wstring& path);
 

@@ -1,12 +1,12 @@
 #include "relocation/move_preflight.h"
 
 #include "relocation/backupmove.h"
+#include "relocation/copy_outlook.h"
 #include "relocation/item_compare.h"
-#include "relocation/name_collisions.h"
+#include "relocation/move_findings.h"
 #include "relocation/place_check.h"
 #include "runtime/accounts/privilege_scope.h"
 #include "runtime/exception.h"
-#include "runtime/format_string.h"
 #include "runtime/thread_cancelation.h"
 
 #include <algorithm>
@@ -20,33 +20,12 @@ using RunTime::VolumeInformation;
 
 constexpr std::size_t oldPathLimit = 259; // what programs without long path support can open
 
-std::wstring quoted(const std::wstring& path) {
-    return L"\"" + nicePath(path) + L"\"";
-}
-
-std::wstring number(std::int64_t count) {
-    return std::to_wstring(count);
-}
-
-std::wstring megabytes(std::int64_t bytes) {
-    return formatString(L"%.1f MB", static_cast<double>(bytes) / (1024 * 1024));
-}
-
-// "(C:\a, C:\b, and 5 more)"
-std::wstring exampleText(const TreeContents::Special& special) {
-    std::wstring text = L"(";
-    for (const std::wstring& example : special.examples) {
-        text += (text.size() > 1 ? L", " : L"") + example;
-    }
-    const std::int64_t more = special.count - static_cast<std::int64_t>(special.examples.size());
-    return text + (more > 0 ? L", and " + number(more) + L" more)" : L")");
-}
-
-class Examination {
+class Examination : MoveFindings {
 public:
     Examination(const std::wstring& source, const std::wstring& target,
                 const MovePreflight::Options& options, Event<const TreeContents&, bool&>& progress)
-        : options_(options), progress_(progress), source_(source), target_(target) {
+        : MoveFindings(result_), options_(options), progress_(progress), source_(source),
+          target_(target) {
         result_.source = nicePath(source);
         result_.target = nicePath(target);
     }
@@ -94,26 +73,7 @@ private:
             return;
         }
         scan();
-        checkStreams();
-        if (result_.willCopy) {
-            checkSpace();
-            checkLosses();
-            checkCollisions();
-        }
-        checkPathLengths();
-        checkLinks();
-    }
-
-    using Severity = MoveFinding::Severity;
-
-    void find(Severity severity, const char* code, std::wstring reason, std::wstring remedy = {}) {
-        result_.findings.push_back({severity, code, std::move(reason), std::move(remedy)});
-    }
-    void refuse(const char* code, std::wstring reason, std::wstring remedy) {
-        find(Severity::Refuse, code, std::move(reason), std::move(remedy));
-    }
-    void warn(const char* code, std::wstring reason, std::wstring remedy = {}) {
-        find(Severity::Warn, code, std::move(reason), std::move(remedy));
+        CopyOutlook(result_, options_, source_, target_, sourceVolume_, targetVolume_).check();
     }
 
     void checkText(const std::wstring& path, const std::wstring& which) {
@@ -485,131 +445,6 @@ private:
                      (options_.keepGoing ? L"; they are left at the old place."
                                          : L"; the move will fail at the first of them."),
                  options_.keepGoing ? L"" : L"Close what uses them, or use --keep-going.");
-        }
-    }
-
-    void checkStreams() {
-        const std::pair<StreamType, const wchar_t*> kinds[] = {
-            {StreamType::EAData, L"extended attributes"},
-            {StreamType::SecurityData, L"permissions"},
-            {StreamType::AlternateData, L"named streams"},
-            {StreamType::ReparseData, L"links"},
-        };
-        if (!result_.willCopy || options_.streams == StreamType::All ||
-            options_.streams == StreamType::None) {
-            return;
-        }
-        if (!has(options_.streams, StreamType::Data)) {
-            refuse("no-data",
-                   L"The list of --streams leaves out \"data\": every file would arrive empty, "
-                   L"and the old ones be deleted.",
-                   L"Add \"data\" to the list.");
-        }
-        for (const auto& [kind, name] : kinds) {
-            if (!has(options_.streams, kind)) {
-                warn("streams-left-out",
-                     std::wstring(L"As --streams says, ") + name + L" are not carried over.");
-            }
-        }
-    }
-
-    void checkSpace() {
-        const std::int64_t missing = result_.bytesNeeded - result_.bytesFree;
-        if (missing > 0) {
-            return refuse("no-space",
-                          L"The move needs " + megabytes(result_.bytesNeeded) + L" on " +
-                              quoted(targetVolume_.root) + L", where " +
-                              megabytes(result_.bytesFree) + L" are free for you.",
-                          L"Free " + megabytes(missing) + L" there, or choose another drive.");
-        }
-        const auto total = static_cast<std::int64_t>(targetVolume_.totalBytes);
-        if (result_.bytesFree - result_.bytesNeeded < total / 20) {
-            warn("little-space", L"After the move less than 5 % of " + quoted(targetVolume_.root) +
-                                     L" will be free.");
-        }
-    }
-
-    bool losesFeature(DWORD flag) const {
-        return (sourceVolume_.flags & flag) != 0 && (targetVolume_.flags & flag) == 0;
-    }
-
-    // What the tree holds and the source's file system keeps, but the target's does not.
-    void checkLosses() {
-        const TreeContents& tree = result_.contents;
-        const auto lose = [&](DWORD feature, const TreeContents::Special& special,
-                              const wchar_t* what) {
-            if (losesFeature(feature) && special.count != 0) {
-                warn("lost-on-target", number(special.count) + L" " + what + L" " +
-                                           exampleText(special) + L": " + targetVolume_.fileSystem +
-                                           L" on " + quoted(targetVolume_.root) +
-                                           L" has no such thing.");
-            }
-        };
-        lose(FILE_NAMED_STREAMS, tree.namedStreams, L"items lose their named streams");
-        lose(FILE_FILE_COMPRESSION, tree.compressed, L"compressed items will be stored plainly");
-        lose(FILE_SUPPORTS_SPARSE_FILES, tree.sparse, L"sparse files will take their whole size");
-        lose(FILE_SUPPORTS_HARD_LINKS, tree.hardLinks,
-             L"names of shared files become separate files");
-        result_.losesStreams = losesFeature(FILE_NAMED_STREAMS);
-        result_.lostAttributes =
-            (losesFeature(FILE_FILE_COMPRESSION) ? FILE_ATTRIBUTE_COMPRESSED : 0) |
-            (losesFeature(FILE_SUPPORTS_SPARSE_FILES) ? FILE_ATTRIBUTE_SPARSE_FILE : 0);
-        const auto cannot = [&](DWORD feature, std::int64_t count, const wchar_t* what) {
-            if (!losesFeature(feature) || count == 0) {
-                return;
-            }
-            find(options_.keepGoing ? Severity::Warn : Severity::Refuse, "impossible-on-target",
-                 number(count) + L" " + what + L" cannot exist on " + quoted(targetVolume_.root) +
-                     L" (" + targetVolume_.fileSystem + L").",
-                 options_.keepGoing ? L"They are left at the old place."
-                                    : L"Choose a drive with NTFS, or leave them behind with "
-                                      L"--keep-going.");
-        };
-        cannot(FILE_SUPPORTS_ENCRYPTION, tree.encrypted.count, L"encrypted items");
-        cannot(FILE_SUPPORTS_REPARSE_POINTS, tree.links, L"links");
-        if (tree.cloud.count != 0) {
-            warn("cloud-files", number(tree.cloud.count) + L" files keep their data elsewhere " +
-                                    exampleText(tree.cloud) +
-                                    L"; copying fetches it, which can take long.");
-        }
-    }
-
-    void checkCollisions() {
-        if (!result_.targetHoldsItems()) {
-            return;
-        }
-        const TreeContents::Special collisions = findNameCollisions(source_, target_);
-        if (collisions.count != 0) {
-            find(options_.keepGoing ? Severity::Warn : Severity::Refuse, "collisions",
-                 number(collisions.count) +
-                     L" items of the source have names that the target has "
-                     L"already " +
-                     exampleText(collisions) + L".",
-                 options_.keepGoing ? L"They are left at the old place."
-                                    : L"Remove or rename them in the target, choose another "
-                                      L"target, or leave them behind with --keep-going.");
-        }
-    }
-
-    void checkPathLengths() {
-        if (result_.contents.pathsTooLong != 0) {
-            warn("long-paths",
-                 number(result_.contents.pathsTooLong) +
-                     L" paths will be longer than 259 characters, the longest has " +
-                     number(static_cast<std::int64_t>(result_.longestPath)) +
-                     L": many programs, web servers among them, cannot open them.",
-                 L"Choose a target with a shorter path.");
-        }
-    }
-
-    void checkLinks() {
-        if (result_.contents.linksIntoTree.count != 0) {
-            warn("links-into-source",
-                 number(result_.contents.linksIntoTree.count) +
-                     L" links lead into the old place by its full path " +
-                     exampleText(result_.contents.linksIntoTree) +
-                     L"; after the move they lead nowhere.",
-                 L"Make them anew after the move.");
         }
     }
 
