@@ -334,6 +334,7 @@ NtfsFake::NtfsFake() {
     ntfs::patchFiles(*owner);
     ntfs::patchLinks(*owner);
     ntfs::patchSecurity(*owner);
+    ntfs::patchStreams(*owner);
     ntfs::patchBackup(*owner);
     ntfs::patchEncrypted(*owner);
 }

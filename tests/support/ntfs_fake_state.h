@@ -180,6 +180,8 @@ Descriptor& securityOf(const UnixFile& file);
 
 // streams
 UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create, DWORD& code);
+std::wstring decorated(const std::wstring& name); // ":name:$DATA"
+bool isSparse(const UnixFile& file);
 std::string readAll(const UnixFile& file);
 std::vector<std::pair<std::int64_t, std::int64_t>> allocatedRanges(const UnixFile& file);
 
@@ -187,6 +189,7 @@ void patch(State& state, const char* name, void* hook);
 void patchFiles(State& state);
 void patchLinks(State& state);
 void patchSecurity(State& state);
+void patchStreams(State& state);
 void patchBackup(State& state);
 void patchEncrypted(State& state);
 
