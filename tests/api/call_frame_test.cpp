@@ -8,8 +8,6 @@
 #include "tests/support/traced.h"
 
 #include <comdef.h>
-#include <future>
-#include <thread>
 
 namespace {
 
@@ -61,8 +59,62 @@ TEST(CallFrameTest, ResultsOfAnyKindComeBack) {
     bool ran = false;
     callFrame(site, [&] { ran = true; });
     EXPECT_TRUE(ran);
-    const CallSite inner{"zopobsolete::zop::getInstance", 1, 2};
-    EXPECT_EQ(1, callFrame(site, [&] { return callFrame(inner, [] { return 1; }); }));
+}
+
+TEST(CallFrameTest, EveryKindOfFailureIsWordedTaggedAndEndsWithTheSite) {
+    const Traced traced;
+    static int alive;
+    alive = 0;
+    struct Case {
+        void (*fail)();
+        const char* tag;
+        std::string text;
+        std::string tagged;
+    };
+    const std::string native = toUtf8(systemTextOf(5)) +
+                               " (Error code 5) at Unable to duplicate handle"
+                               "\n   at (RunTime::AutoHandle::duplicate line 837)";
+    const std::string com = toUtf8(systemTextOf(static_cast<DWORD>(E_ACCESSDENIED)));
+    const std::string fault = "C structured exception: 0xc0000005";
+    const auto faulty = [] {
+        const Counted counted(alive);
+        volatile int* volatile nowhere = nullptr;
+        *nowhere = 1;
+    };
+    for (const Case& kind : {Case{duplicate, "vexception", native, native},
+                             Case{[] { throw std::runtime_error("caf\xC3\xA9"); }, "std::exception",
+                                  "caf\xC3\xA9", "caf\xC3\xA9"},
+                             Case{[] { throw _com_error(E_ACCESSDENIED); }, "_com_error", com, com},
+                             Case{faulty, "cwrpexception", fault, fault},
+                             Case{[] { throw 42; }, "...", "Unexpected error", "unknown"}}) {
+        EXPECT_EQ(kind.text + siteLine, failureOf(kind.fail));
+        EXPECT_EQ(failedSpan(kind.tag, kind.tagged), takeTraces());
+    }
+    EXPECT_EQ(0, alive) << "a destructor did not run";
+    EXPECT_NE(siteLine, failureOf([] { throw _com_error(HRESULT(0x80041234)); }))
+        << "a code without a text still says something";
+    const CallSite inner{"zopobsolete::zop::Item::set", 98, 110};
+    EXPECT_EQ("text\n   at (zopobsolete::zop::Item::set line 110)" + siteLine,
+              failureOf([&] { callFrame(inner, [] { throw vexception(L"text"); }); }));
+    struct DatabaseException : zopobsolete::Exception {
+        using Exception::Exception;
+    };
+    EXPECT_EQ("x" + siteLine, failureOf<DatabaseException>([] { throw vexception(L"x"); }));
+}
+
+TEST(CallFrameTest, ARequestCancelsTheCallOnceEvenBeforeItsWorkBegins) {
+    const DWORD self = ::GetCurrentThreadId();
+    const std::string within = failureOf([&] {
+        ThreadCancelation::request(self);
+        ThreadCancelation::check();
+    });
+    EXPECT_TRUE(within.starts_with("Canceled!\n   at (ThreadCancelation::check line ")) << within;
+    EXPECT_EQ("no failure", failureOf([] { ThreadCancelation::check(); }))
+        << "so a rollback can follow";
+    ThreadCancelation::request(self);
+    bool ran = false;
+    EXPECT_TRUE(failureOf([&] { ran = true; }).starts_with("Canceled!"));
+    EXPECT_FALSE(ran);
 }
 
 TEST(CallFrameTest, SuccessIsTaggedOnTheSpanWhileTracingIsOn) {
@@ -72,121 +124,6 @@ TEST(CallFrameTest, SuccessIsTaggedOnTheSpanWhileTracingIsOn) {
     RegistryOverride::setDword(L"opentracing_enabled", 0);
     callFrame(site, [] {});
     EXPECT_EQ("", takeTraces());
-}
-
-TEST(CallFrameTest, NativeFailureEndsWithALinePerSite) {
-    const Traced traced;
-    const std::string system = toUtf8(systemTextOf(5));
-    const std::string native = system + " (Error code 5) at Unable to duplicate handle"
-                                        "\n   at (RunTime::AutoHandle::duplicate line 837)";
-    EXPECT_EQ(native + siteLine, failureOf([] { duplicate(); }));
-    EXPECT_EQ(failedSpan("vexception", native), takeTraces());
-    EXPECT_EQ("plain" + siteLine, failureOf([] { throw vexception(L"plain"); }));
-}
-
-TEST(CallFrameTest, StandardExceptionsAreWidened) {
-    const Traced traced;
-    EXPECT_EQ("caf\xC3\xA9" + siteLine, failureOf([] { throw std::runtime_error("caf\xC3\xA9"); }));
-    EXPECT_EQ(failedSpan("std::exception", "caf\xC3\xA9"), takeTraces());
-}
-
-TEST(CallFrameTest, ComErrorsSayTheirMessage) {
-    const Traced traced;
-    const std::string text = toUtf8(systemTextOf(static_cast<DWORD>(E_ACCESSDENIED)));
-    EXPECT_EQ(text + siteLine, failureOf([] { throw _com_error(E_ACCESSDENIED); }));
-    EXPECT_EQ(failedSpan("_com_error", text), takeTraces());
-    EXPECT_NE(siteLine, failureOf([] { throw _com_error(HRESULT(0x80041234)); }))
-        << "a code without a text still says something";
-}
-
-TEST(CallFrameTest, FaultsAreTranslatedAndDestructorsRun) {
-    const Traced traced;
-    int alive = 0;
-    const std::string text = "C structured exception: 0xc0000005";
-    EXPECT_EQ(text + siteLine, failureOf([&] {
-                  const Counted counted(alive);
-                  volatile int* volatile nowhere = nullptr;
-                  *nowhere = 1;
-              }));
-    EXPECT_EQ(0, alive);
-    EXPECT_EQ(failedSpan("cwrpexception", text), takeTraces());
-}
-
-TEST(CallFrameTest, AnythingElseIsAnUnexpectedError) {
-    const Traced traced;
-    EXPECT_EQ("Unexpected error" + siteLine, failureOf([] { throw 42; }));
-    EXPECT_EQ(failedSpan("...", "unknown"), takeTraces());
-}
-
-TEST(CallFrameTest, NestedCallsAddALineEach) {
-    const CallSite inner{"zopobsolete::zop::Item::set", 98, 110};
-    EXPECT_EQ("text\n   at (zopobsolete::zop::Item::set line 110)" + siteLine,
-              failureOf([&] { callFrame(inner, [] { throw vexception(L"text"); }); }));
-}
-
-TEST(CallFrameTest, DatabaseClassesThrowTheirOwnType) {
-    struct DatabaseException : zopobsolete::Exception {
-        using Exception::Exception;
-    };
-    EXPECT_EQ("x" + siteLine, failureOf<DatabaseException>([] { throw vexception(L"x"); }));
-}
-
-TEST(CallFrameTest, ProviderThatCrashesDoesNotFailTheCall) {
-    const Traced traced;
-    setTracingProviderFault(TestProviderFault::Crash);
-    EXPECT_EQ(7, callFrame(site, [] { return 7; }));
-    EXPECT_EQ("x" + siteLine, failureOf([] { throw vexception(L"x"); }));
-}
-
-TEST(CallFrameTest, RequestFromAnotherThreadCancelsTheCall) {
-    std::promise<DWORD> started;
-    std::promise<void> requested;
-    auto requestMade = requested.get_future();
-    std::string failure;
-    std::string next;
-    std::thread worker([&] {
-        failure = failureOf([&] {
-            started.set_value(::GetCurrentThreadId());
-            requestMade.wait();
-            ThreadCancelation::check();
-        });
-        next = failureOf([] { ThreadCancelation::check(); });
-    });
-    ThreadCancelation::request(started.get_future().get());
-    requested.set_value();
-    worker.join();
-    EXPECT_EQ(0u, failure.find("Canceled!\n   at (ThreadCancelation::check line "));
-    EXPECT_EQ("no failure", next) << "so a rollback can follow";
-}
-
-TEST(CallFrameTest, RequestBeforeTheCallKeepsItsWorkFromBeginning) {
-    ThreadCancelation::request(::GetCurrentThreadId());
-    bool ran = false;
-    EXPECT_EQ(0u, failureOf([&] { ran = true; }).find("Canceled!"));
-    EXPECT_FALSE(ran);
-}
-
-TEST(CallFrameTest, FailingConstructorLeaksNothing) {
-    struct Part {
-        Part(int& alive, bool fail) : counted(alive) {
-            if (fail) {
-                throw vexception(L"part");
-            }
-        }
-        Counted counted;
-    };
-    struct Public { // as a public class holds its native object
-        Public(int& alive, bool fail)
-            : first(zopobsolete::makeInFrame<Part>(site, alive, false)),
-              second(zopobsolete::makeInFrame<Part>(site, alive, fail)) {}
-        std::unique_ptr<Part> first;
-        std::unique_ptr<Part> second;
-    };
-    int alive = 0;
-    EXPECT_THROW(Public(alive, true), zopobsolete::Exception);
-    EXPECT_EQ(0, alive);
-    const Public whole(alive, false);
-    EXPECT_EQ(2, alive);
 }
 
 TEST(PublicExceptionTest, CopiesShareTheTextAndTheEmptyOneStillSpeaks) {

@@ -51,19 +51,4 @@ TEST(TreeImageTest, EqualTreesHaveEqualImagesAndEveryChangeShows) {
     EXPECT_NE(difference(imageOf(two), image).find("'odd\\new' is missing\n"), lines.npos);
 }
 
-TEST(TreeImageTest, LinksAreNeverReadThrough) {
-    const TempDirectory temp;
-    const std::wstring root = temp / L"root";
-    {
-        TreeBuilder tree(root);
-        tree.file(L"victim\\secret", "secret").link(L"a", "victim").link(L"b", "victim/secret");
-        tree.link(L"c", "nowhere");
-    }
-    const TreeImage image = imageOf(root);
-    EXPECT_EQ(image.at(L"a").kind, ItemImage::Kind::Link);
-    EXPECT_EQ(image.at(L"a").reparse, "victim");
-    EXPECT_EQ(image.at(L"b").reparse, "victim/secret");
-    EXPECT_FALSE(image.contains(L"a\\secret"));
-}
-
 } // namespace
