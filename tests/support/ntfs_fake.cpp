@@ -121,22 +121,6 @@ DWORD volumeFlagsOf(const std::wstring& path) {
     return given != state->volumeFlags.end() ? given->second : all;
 }
 
-std::wstring widen(const std::string& text) {
-    std::wstring result(text.size(), L'\0');
-    result.resize(static_cast<std::size_t>(
-        REAL(MultiByteToWideChar)(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                  result.data(), static_cast<int>(result.size()))));
-    return result;
-}
-
-std::string narrow(const std::wstring& text) {
-    std::string result(text.size() * 3, '\0');
-    result.resize(static_cast<std::size_t>(REAL(WideCharToMultiByte)(
-        CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(),
-        static_cast<int>(result.size()), nullptr, nullptr)));
-    return result;
-}
-
 bool OpenFile::may(DWORD right) const {
     const DWORD read = READ_CONTROL | FILE_READ_DATA | FILE_READ_ATTRIBUTES | FILE_READ_EA;
     const DWORD write = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_WRITE_ATTRIBUTES | FILE_WRITE_EA;
@@ -282,7 +266,7 @@ void addRecord(std::string& out, const ntfs::Extra& extra) {
     addText(out, extra.objectId);
     addText(out, extra.reparse);
     for (const auto& [name, backing] : extra.streams) {
-        addText(out, ntfs::narrow(name));
+        addText(out, toUtf8(name));
         addText(out, ntfs::readAll(ntfs::UnixFile(backing)));
     }
 }
@@ -320,7 +304,7 @@ void addItem(std::string& out, const std::string& path, bool top) {
 ntfs::UnixFile existing(const std::wstring& path) {
     ntfs::UnixFile file(unixPath(path), unixcall::OnlyPath | unixcall::NoFollow);
     if (!file) {
-        throw std::runtime_error("not there: " + ntfs::narrow(path));
+        throw std::runtime_error("not there: " + toUtf8(path));
     }
     return file;
 }

@@ -144,7 +144,7 @@ void showEntry(const std::string& directory, FILE_ID_BOTH_DIR_INFO& entry) {
         return;
     }
     const Shown shown =
-        shownOf(directory + "/" + narrow(name), entry.FileAttributes, entry.CreationTime.QuadPart);
+        shownOf(directory + "/" + toUtf8(name), entry.FileAttributes, entry.CreationTime.QuadPart);
     entry.FileAttributes = shown.attributes;
     entry.CreationTime.QuadPart = shown.created;
     entry.EaSize = shown.tag;
@@ -184,7 +184,7 @@ BOOL list(OpenFile& file, HANDLE handle, FILE_INFO_BY_HANDLE_CLASS kind, void* b
     if (code != ERROR_NO_MORE_FILES || file.nextUnlisted == file.unlisted.size()) {
         return fail(code);
     }
-    const std::wstring name = widen(file.unlisted[file.nextUnlisted]);
+    const std::wstring name = toWide(file.unlisted[file.nextUnlisted]);
     const std::size_t bytes = name.size() * sizeof(wchar_t);
     if (size < offsetof(FILE_ID_BOTH_DIR_INFO, FileName) + bytes) {
         return fail(ERROR_MORE_DATA);
@@ -387,7 +387,7 @@ void showFound(const std::string& directory, WIN32_FIND_DATAW& data) {
     }
     std::int64_t created = 0;
     std::memcpy(&created, &data.ftCreationTime, sizeof created);
-    const Shown shown = shownOf(directory + "/" + narrow(name), data.dwFileAttributes, created);
+    const Shown shown = shownOf(directory + "/" + toUtf8(name), data.dwFileAttributes, created);
     data.dwFileAttributes = shown.attributes;
     data.dwReserved0 = shown.tag;
     std::memcpy(&data.ftCreationTime, &shown.created, sizeof shown.created);
@@ -402,7 +402,7 @@ void showFound(const std::string& directory, WIN32_FIND_DATAW& data) {
 
 void showUnlisted(Search& search, WIN32_FIND_DATAW& data) {
     data = {};
-    const std::wstring name = widen(search.unlisted[search.next++]);
+    const std::wstring name = toWide(search.unlisted[search.next++]);
     name.copy(data.cFileName, MAX_PATH - 1);
     showFound(search.directory, data);
 }

@@ -52,7 +52,7 @@ bool parseLink(const std::string& data, std::string& text) {
     std::wstring name(link.substituteLength / sizeof(wchar_t), L'\0');
     std::memcpy(name.data(), data.data() + names + link.substituteOffset, link.substituteLength);
     if ((flags & 1) != 0) { // SYMLINK_FLAG_RELATIVE
-        text = narrow(name);
+        text = toUtf8(name);
         for (char& c : text) {
             c = c == '\\' ? '/' : c;
         }
@@ -62,7 +62,7 @@ bool parseLink(const std::string& data, std::string& text) {
         return false;
     }
     text = unixPath(L"\\\\?\\" + name.substr(4));
-    text = text.empty() ? "/nowhere/" + narrow(name.substr(4)) : text;
+    text = text.empty() ? "/nowhere/" + toUtf8(name.substr(4)) : text;
     return true;
 }
 
@@ -229,7 +229,7 @@ std::string reparseDataOf(const UnixFile& file) {
     if (text.starts_with('/')) {
         return linkData(dosPath(text), IO_REPARSE_TAG_SYMLINK, false);
     }
-    std::wstring target = widen(text);
+    std::wstring target = toWide(text);
     for (wchar_t& c : target) {
         c = c == L'/' ? L'\\' : c;
     }

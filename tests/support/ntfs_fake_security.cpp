@@ -57,7 +57,7 @@ Descriptor fromText(std::wstring sddl) {
     PSECURITY_DESCRIPTOR made = nullptr;
     if (!REAL(ConvertStringSecurityDescriptorToSecurityDescriptorW)(sddl.c_str(), SDDL_REVISION_1,
                                                                     &made, nullptr)) {
-        throw std::runtime_error("not a descriptor: " + narrow(sddl));
+        throw std::runtime_error("not a descriptor: " + toUtf8(sddl));
     }
     Descriptor result = parse(made);
     REAL(LocalFree)(made);

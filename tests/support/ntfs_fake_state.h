@@ -1,6 +1,7 @@
 // Inside of NtfsFake, shared by its sources.
 #pragma once
 
+#include "runtime/text.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/ntfs_fake.h"
 #include "tests/support/unix_call.h"
@@ -151,8 +152,6 @@ DWORD errorOf(long long unixResult);
 std::int64_t fileTime(std::int64_t seconds, std::int64_t nanoseconds);
 bool hasPrivilege(const wchar_t* name);
 DWORD volumeFlagsOf(const std::wstring& path);
-std::wstring widen(const std::string& text);
-std::string narrow(const std::wstring& text);
 
 // The record of a file; null, or a new one with create.
 Extra* extraOf(const UnixFile& file, bool create = false);

@@ -123,7 +123,7 @@ void NtfsFake::setStream(const std::wstring& path, const std::wstring& name,
     if (code != 0 ||
         unixCall(unixcall::Pwrite, writable.fd(), content.data(),
                  unixcall::number(static_cast<std::intptr_t>(content.size())), 0) < 0) {
-        throw std::runtime_error("no stream can be made: " + ntfs::narrow(path));
+        throw std::runtime_error("no stream can be made: " + toUtf8(path));
     }
 }
 

@@ -1,5 +1,7 @@
 #include "tests/support/tree_image.h"
 
+#include "runtime/auto_handle.h"
+#include "runtime/text.h"
 #include "tests/support/unix_call.h"
 
 #include <algorithm>
@@ -13,19 +15,13 @@
 
 namespace {
 
-struct CloseHandleOf {
-    using pointer = HANDLE;
-    void operator()(HANDLE handle) const { ::CloseHandle(handle); }
-};
-using Handle = std::unique_ptr<HANDLE, CloseHandleOf>;
+using Handle = RunTime::AutoHandle;
 
 Handle open(const std::wstring& path, DWORD access, DWORD disposition, DWORD attributes = 0) {
-    const HANDLE handle = ::CreateFileW(
+    return Handle(::CreateFileW(
         path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
         disposition, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT | attributes,
-        nullptr);
-    // cppcheck-suppress resourceLeak ; the owner takes it
-    return Handle(handle == INVALID_HANDLE_VALUE ? nullptr : handle);
+        nullptr));
 }
 
 std::wstring combined(std::wstring directory, const std::wstring& name) {
@@ -39,49 +35,28 @@ std::wstring longForm(std::wstring path) {
     return path.starts_with(L"\\\\?\\") ? path : std::wstring(L"\\\\?\\").append(path);
 }
 
-// The content, or for more than a few bytes its length and hash (FNV-1a).
 std::string contentOf(HANDLE file, DWORD& error) {
     static std::vector<char> buffer(1 << 20);
-    std::string small;
-    std::uint64_t hash = 0xcbf29ce484222325, total = 0;
-    for (;;) {
-        DWORD read = 0;
+    std::string content;
+    for (DWORD read = 1; read != 0; content.append(buffer.data(), read)) {
         if (!::ReadFile(file, buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr)) {
             error = ::GetLastError();
             break;
         }
-        if (read == 0) {
-            break;
-        }
-        total += read;
-        for (DWORD i = 0; i < read; ++i) {
-            hash = (hash ^ static_cast<unsigned char>(buffer[i])) * 0x100000001b3;
-        }
-        if (total <= 64) {
-            small.append(buffer.data(), read);
-        }
     }
-    return total <= 64 ? small : std::to_string(total) + " bytes, hash " + std::to_string(hash);
+    return content;
 }
 
 std::string securityOf(HANDLE handle, DWORD& error) {
     const SECURITY_INFORMATION parts =
         OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
-    std::string descriptor(1024, '\0');
-    for (;;) {
-        DWORD needed = 0;
-        if (::GetKernelObjectSecurity(handle, parts, descriptor.data(),
-                                      static_cast<DWORD>(descriptor.size()), &needed)) {
-            descriptor.resize(::GetSecurityDescriptorLength(descriptor.data()));
-            return descriptor;
-        }
-        const DWORD code = ::GetLastError();
-        if (code != ERROR_INSUFFICIENT_BUFFER || needed <= descriptor.size()) {
-            error = code;
-            return {};
-        }
-        descriptor.resize(needed);
+    alignas(8) static char descriptor[64 * 1024]; // no list is longer
+    DWORD needed = 0;
+    if (!::GetKernelObjectSecurity(handle, parts, descriptor, sizeof descriptor, &needed)) {
+        error = ::GetLastError();
+        return {};
     }
+    return {descriptor, ::GetSecurityDescriptorLength(descriptor)};
 }
 
 std::string reparseOf(HANDLE handle, const std::wstring& path, DWORD& error) {
@@ -196,14 +171,6 @@ std::vector<std::wstring> namesIn(const std::wstring& path) {
     return names;
 }
 
-std::string narrow(const std::wstring& text) {
-    std::string result(text.size() * 3, '\0');
-    result.resize(static_cast<std::size_t>(
-        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(),
-                              static_cast<int>(result.size()), nullptr, nullptr)));
-    return result;
-}
-
 std::string printable(const std::string& bytes) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string result;
@@ -225,7 +192,7 @@ std::vector<std::pair<const char*, std::string>> fieldsOf(const ItemImage& item)
     attributes << std::hex << "0x" << item.attributes;
     std::string streams;
     for (const auto& [name, content] : item.streams) {
-        streams += narrow(name) + "=" + printable(content) + " ";
+        streams += toUtf8(name) + "=" + printable(content) + " ";
     }
     return {{"kind", kinds[static_cast<int>(item.kind)]},
             {"attributes", attributes.str()},
@@ -236,7 +203,7 @@ std::vector<std::pair<const char*, std::string>> fieldsOf(const ItemImage& item)
             {"streams", streams},
             {"security", printable(item.security)},
             {"reparse", printable(item.reparse)},
-            {"linkedTo", narrow(item.linkedTo)},
+            {"linkedTo", toUtf8(item.linkedTo)},
             {"error", std::to_string(item.error)}};
 }
 
@@ -244,7 +211,7 @@ void check(bool done, const char* what, const std::wstring& path) {
     if (!done) {
         const DWORD code = ::GetLastError();
         throw std::runtime_error(std::string(what) + " failed with " + std::to_string(code) + ": " +
-                                 narrow(path));
+                                 toUtf8(path));
     }
 }
 
@@ -292,10 +259,10 @@ std::string difference(const TreeImage& first, const TreeImage& second) {
     for (const auto& [name, item] : first) {
         const auto other = second.find(name);
         if (other == second.end()) {
-            lines.append("'").append(narrow(name)).append("' is missing\n");
+            lines.append("'").append(toUtf8(name)).append("' is missing\n");
         } else if (!(item == other->second)) {
             const auto was = fieldsOf(item), is = fieldsOf(other->second);
-            lines.append("'").append(narrow(name)).append("'");
+            lines.append("'").append(toUtf8(name)).append("'");
             for (std::size_t i = 0; i < was.size(); ++i) {
                 if (was[i] != is[i]) {
                     lines += std::string(" ") + was[i].first + ": " + was[i].second + " -> " +
@@ -307,7 +274,7 @@ std::string difference(const TreeImage& first, const TreeImage& second) {
     }
     for (const auto& [name, item] : second) {
         if (!first.contains(name)) {
-            lines.append("'").append(narrow(name)).append("' is new\n");
+            lines.append("'").append(toUtf8(name)).append("' is new\n");
         }
     }
     return lines;
@@ -370,7 +337,7 @@ TreeBuilder& TreeBuilder::file(const std::wstring& name, const std::string& cont
         directory(name.substr(0, slash));
     }
     const Handle handle = open(path(name), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
-    check(handle != nullptr, "CreateFileW", path(name));
+    check(static_cast<bool>(handle), "CreateFileW", path(name));
     DWORD done = 0;
     check(::WriteFile(handle.get(), content.data(), static_cast<DWORD>(content.size()), &done,
                       nullptr),

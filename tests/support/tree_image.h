@@ -19,10 +19,10 @@ struct ItemImage {
     Kind kind = Kind::File;
     DWORD attributes = 0; // FILE_ATTRIBUTE_NORMAL left out
     std::int64_t size = 0;
-    std::string content;      // of small files; of others a hash
+    std::string content;
     std::int64_t created = 0; // FILETIME as a number; 0 where times are left out
     std::int64_t written = 0;
-    std::map<std::wstring, std::string> streams; // ":name:$DATA" -> content or hash
+    std::map<std::wstring, std::string> streams; // ":name:$DATA" -> content
     std::string security;                        // self-relative descriptor
     std::string reparse;   // reparse data, or the text of a Unix link where there is none
     std::wstring linkedTo; // first name of its group of hard links, when that is another one
