@@ -49,28 +49,6 @@ TEST_F(BackupMoveTest, CommitAfterACopyRemovesTheSource) {
     EXPECT_TRUE(sameTree(before, imageOf(target())));
 }
 
-TEST_F(BackupMoveTest, RenameDoesTheMoveOnOneVolume) {
-    makeSmallSource();
-    const World before = world();
-    const TreeImage tree = imageOf(source());
-    backupmove mover;
-    std::vector<std::wstring> events;
-    const Hook totals =
-        mover.progressEvent_Total.hook([&](std::int32_t count, std::int64_t cost, bool&) {
-            events.push_back(std::to_wstring(count) + L"/" + std::to_wstring(cost));
-        });
-    const Hook names = mover.progressEvent_Name.hook(
-        [&](const std::wstring& name, bool, std::int64_t, bool&) { events.push_back(name); });
-    EXPECT_TRUE(mover.move(source(), target(), false));
-    EXPECT_EQ(events, (std::vector<std::wstring>{L"1/1", L"Move: " + source().substr(4)}));
-    EXPECT_TRUE(sameTree(tree, imageOf(target())));
-    mover.rollback();
-    expectWorld(before);
-    mover.move(source(), target(), false);
-    mover.commit();
-    EXPECT_TRUE(sameTree(tree, imageOf(target())));
-}
-
 TEST_F(BackupMoveTest, TargetWithoutDataIsSetAside) {
     makeSmallSource();
     temp_.writeFile(L"store\\data\\a.txt", ""); // the source has one of that name

@@ -1,5 +1,5 @@
-// What the other tests rely on without looking: that the fake notices a wrong use of the backup API,
-// that its fingerprint shows every change, that counters show a leak.
+// What the other tests rely on without looking: that the fake notices a wrong use of the backup
+// API, that its fingerprint shows every change, that counters show a leak.
 #include "tests/support/ntfs_fake.h"
 
 #include "runtime/auto_handle.h"

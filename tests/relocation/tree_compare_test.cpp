@@ -5,11 +5,13 @@
 #include "runtime/text.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/ntfs_fake.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/tree_image.h"
 #include "tests/support/unix_call.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace {
 
@@ -67,11 +69,13 @@ TEST_F(TreeComparisonTest, FindsWhatIsMissingOnEitherSideAndGoesOn) {
     ASSERT_TRUE(::DeleteFileW((directory_ / L"b\\one.txt").c_str()));
     directory_.writeFile(L"b\\sub\\extra\\more.txt");
     directory_.writeFile(L"b\\zero.txt", "x");
+    ASSERT_TRUE(::RemoveDirectoryW((directory_ / L"b\\empty").c_str()));
+    directory_.writeFile(L"b\\empty");
     EXPECT_EQ(compare(), (Lines{"only in the first one.txt", "only in the second sub\\extra",
-                                "size zero.txt"}));
+                                "size zero.txt", "type empty"}));
     options_.onlyInSecond = false;
     options_.leaveOut = [](const std::wstring& path) { return path == L"one.txt"; };
-    EXPECT_EQ(compare(), Lines{"size zero.txt"});
+    EXPECT_EQ(compare(), (Lines{"size zero.txt", "type empty"}));
 }
 
 TEST_F(TreeComparisonTest, FindsOneByteInABigFileAndSaysWhere) {
@@ -83,13 +87,6 @@ TEST_F(TreeComparisonTest, FindsOneByteInABigFileAndSaysWhere) {
     EXPECT_NE(details_.find(L"byte 2000000"), std::wstring::npos) << toUtf8(details_);
     options_.contents = false;
     EXPECT_EQ(compare(), Lines());
-}
-
-TEST_F(TreeComparisonTest, FindsAFileInPlaceOfADirectoryAndDoesNotDescend) {
-    options_.times = false;
-    ASSERT_TRUE(::RemoveDirectoryW((directory_ / L"b\\empty").c_str()));
-    directory_.writeFile(L"b\\empty");
-    EXPECT_EQ(compare(), Lines{"type empty"});
 }
 
 TEST_F(TreeComparisonTest, FindsAttributesAndTimesOfFilesAndDirectories) {
@@ -110,19 +107,6 @@ TEST_F(TreeComparisonTest, FindsAttributesAndTimesOfFilesAndDirectories) {
     found = compare();
     found.erase(std::unique(found.begin(), found.end()), found.end());
     EXPECT_EQ(found, Lines{"times one.txt"});
-}
-
-TEST_F(TreeComparisonTest, FindsPermissionsThatDiffer) {
-    if (!underWine()) {
-        GTEST_SKIP() << "changes the mode by a Unix call";
-    }
-    constexpr long long chmod = 90;
-    ASSERT_EQ(unixCall(chmod, unixPath(directory_ / L"b\\one.txt").c_str(), unixcall::number(0400)),
-              0);
-    options_.attributes = false; // the mode shows as read-only too
-    EXPECT_EQ(compare(), Lines{"permissions one.txt"});
-    options_.security = false;
-    EXPECT_EQ(compare(), Lines());
 }
 
 TEST_F(TreeComparisonTest, NamesThatDifferInCaseAreMatchedAndReported) {
@@ -162,73 +146,60 @@ TEST_F(TreeComparisonTest, AFileThatCannotBeReadIsADifferenceAndNoEnd) {
     EXPECT_EQ(result_.unreadable, 1);
 }
 
-TEST_F(TreeComparisonTest, AMissingTopIsAnError) {
+TEST_F(TreeComparisonTest, CancelEndsItInTheMiddleOfAFileAndAMissingTopIsAnError) {
     TreeComparison comparison;
     EXPECT_THROW(comparison.compare(directory_ / L"a", directory_ / L"none", {}), vosexception);
-}
-
-TEST_F(TreeComparisonTest, CancelEndsItInTheMiddleOfAFile) {
-    TreeComparison comparison;
     const Hook hook =
         comparison.progressEvent.hook([&](const std::wstring&, bool, std::int64_t bytes,
                                           bool& cancel) { cancel = bytes > 1'000'000; });
     EXPECT_THROW(comparison.compare(directory_ / L"a", directory_ / L"b", {}), CanceledException);
 }
 
-// Named streams as a file system with streams gives them.
-namespace {
-
-std::vector<std::pair<std::wstring, LONGLONG>> fakeStreams; // of every path that ends in "one.txt"
-std::size_t nextStream;
-
-BOOL WINAPI fakeNextStream(HANDLE, LPVOID data) {
-    if (nextStream == fakeStreams.size()) {
-        ::SetLastError(ERROR_HANDLE_EOF);
-        return FALSE;
+TEST_F(TreeComparisonTest, FindsWhatOnlyNtfsKeeps) {
+    NtfsFake ntfs;
+    const std::wstring one = directory_ / L"a\\one.txt", other = directory_ / L"b\\one.txt";
+    struct Case {
+        std::function<void()> spoil;
+        const char* line;
+        const char* detail;
+    };
+    const auto stream = [&](const std::wstring& path, const char* text) {
+        return [&ntfs, path, text] { ntfs.setStream(path, L"note", text); };
+    };
+    const auto security = [&](const std::wstring& path, const wchar_t* sddl) {
+        return [&ntfs, path, sddl] { ntfs.setSecurity(path, sddl); };
+    };
+    const Case cases[] = {
+        {stream(one, "text"), "named stream one.txt", ":note:$DATA is missing there"},
+        {stream(other, "longer text"), "named stream one.txt", "4 bytes here, 11 bytes there"},
+        {stream(other, "tent"), "named stream one.txt", "first difference at byte 2"},
+        {stream(other, "text"), nullptr, ""},
+        {security(one, L"O:BUG:SYD:AI(A;ID;FA;;;SY)"), nullptr, nullptr},
+        {security(other, L"O:BAG:SYD:AI(A;ID;FA;;;SY)"), "owner one.txt", "S-1-5-32-544 there"},
+        {security(other, L"O:BUG:SYD:P(A;ID;FA;;;SY)"), "permissions one.txt", "here, D:P"},
+        {security(other, L"O:BUG:SYD:AI(A;ID;FA;;;SY)"), nullptr, ""},
+    };
+    for (const Case& change : cases) {
+        change.spoil();
+        if (change.detail == nullptr) {
+            continue; // one half of a pair
+        }
+        const Lines found = compare();
+        EXPECT_EQ(found, change.line != nullptr ? Lines{change.line} : Lines());
+        EXPECT_NE(toUtf8(details_).find(change.detail), std::string::npos) << toUtf8(details_);
     }
-    auto* stream = static_cast<WIN32_FIND_STREAM_DATA*>(data);
-    stream->StreamSize.QuadPart = fakeStreams[nextStream].second;
-    ::wcscpy(stream->cStreamName, fakeStreams[nextStream++].first.c_str());
-    return TRUE;
-}
-
-HANDLE WINAPI fakeFirstStream(LPCWSTR path, STREAM_INFO_LEVELS, LPVOID data, DWORD) {
-    nextStream = 0;
-    const bool has = std::wstring(path).ends_with(L"a\\one.txt");
-    if (!has || !fakeNextStream(nullptr, data)) {
-        ::SetLastError(ERROR_HANDLE_EOF);
-        return INVALID_HANDLE_VALUE;
-    }
-    return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-}
-
-BOOL WINAPI fakeClose(HANDLE handle) {
-    return ::CloseHandle(handle);
-}
-
-decltype(&::GetVolumeInformationW) realVolumeInformation;
-BOOL WINAPI volumeWithStreams(LPCWSTR root, LPWSTR name, DWORD size, LPDWORD serial,
-                              LPDWORD component, LPDWORD flags, LPWSTR system, DWORD systemSize) {
-    const BOOL done =
-        realVolumeInformation(root, name, size, serial, component, flags, system, systemSize);
-    if (flags != nullptr) {
-        *flags |= FILE_NAMED_STREAMS;
-    }
-    return done;
-}
-
-} // namespace
-
-TEST_F(TreeComparisonTest, FindsAStreamThatIsMissing) {
-    ImportPatch volume("GetVolumeInformationW", &volumeWithStreams);
-    realVolumeInformation = volume.original<decltype(&::GetVolumeInformationW)>();
-    const ImportPatch first("FindFirstStreamW", &fakeFirstStream);
-    const ImportPatch next("FindNextStreamW", &fakeNextStream);
-    const ImportPatch close("FindClose", &fakeClose);
-    fakeStreams = {{L"::$DATA", 3}, {L":note:$DATA", 12}};
-    EXPECT_EQ(compare(), Lines{"named stream one.txt"});
     EXPECT_TRUE(result_.streamsCompared);
-    EXPECT_EQ(toUtf8(details_), ":note:$DATA is missing there\n");
-    options_.streams = false;
+    ntfs.setSecurity(other, L"O:BAG:SYD:P");
+    ntfs.setStream(other, L"more", "");
+    options_.streams = options_.security = options_.owner = false;
     EXPECT_EQ(compare(), Lines());
+
+    options_.times = false;
+    for (const wchar_t* top : {L"a", L"b"}) {
+        ntfs.makeLink(directory_ / top + L"\\link", L"sub", IO_REPARSE_TAG_SYMLINK, true);
+        ntfs.makeLink(directory_ / top + L"\\own", std::wstring(top) + L".txt",
+                      IO_REPARSE_TAG_SYMLINK, false);
+    }
+    EXPECT_EQ(compare(), Lines{"link own"});
+    EXPECT_EQ(toUtf8(details_), "to a.txt here, to b.txt there\n");
 }

@@ -4,8 +4,8 @@
 #include "runtime/thread_cancelation.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/ntfs_fake.h"
 #include "tests/support/temp_directory.h"
-#include "tests/support/unix_call.h"
 
 #include <algorithm>
 #include <cstring>
@@ -194,61 +194,27 @@ TEST(FilePrimitivesTest, DeniedAttributesAreLookedUpInTheDirectoryAndByHandle) {
     EXPECT_TRUE(exists(file));
 }
 
-TEST(FilePrimitivesTest, LinksAreSeenAsLinksAndNotCounted) {
-    if (!underWine()) {
-        GTEST_SKIP() << "the link is made by a Unix call";
-    }
+TEST(FilePrimitivesTest, OnlyReparsePointsThatNameAnotherItemAreLinks) {
     const TempDirectory temp;
+    NtfsFake ntfs;
     temp.writeFile(L"outside\\file", "12345");
     temp.writeFile(L"tree\\own", "123");
-    ASSERT_TRUE(unixSymlink(unixPath(temp / L"outside"), temp / L"tree\\link"));
-    EXPECT_TRUE(exists(temp / L"tree\\link"));
-    EXPECT_FALSE(isDirectory(temp / L"tree\\link"));
-    EXPECT_TRUE(fileInformation(temp / L"tree\\link").isLink());
+    for (const DWORD tag : {IO_REPARSE_TAG_SYMLINK, IO_REPARSE_TAG_MOUNT_POINT}) {
+        const std::wstring link = temp / L"tree\\link" + std::to_wstring(tag);
+        ntfs.makeLink(link, temp.nice() + L"\\outside", tag, true);
+        EXPECT_TRUE(exists(link));
+        EXPECT_FALSE(isDirectory(link));
+        EXPECT_TRUE(fileInformation(link).isLink());
+        EXPECT_EQ(treeSize(link).files, 0);
+    }
+    for (const DWORD tag : {0x80000013ul, 0x9000001Aul}) { // deduplicated, kept in a cloud
+        ntfs.setForeignTag(temp.makeDirectory(L"tree\\other"), tag, "x");
+        EXPECT_TRUE(isDirectory(temp / L"tree\\other")) << tag;
+    }
     const TreeSize size = treeSize(temp / L"tree");
     EXPECT_EQ(size.bytes, 3);
     EXPECT_EQ(size.files, 1);
-    EXPECT_EQ(size.directories, 0);
-    EXPECT_EQ(treeSize(temp / L"tree\\link").files, 0);
-}
-
-namespace {
-
-// Every item of these is a reparse point with this tag.
-struct Reparse {
-    static inline decltype(&::GetFileAttributesW) attributes = nullptr;
-    static inline decltype(&::FindFirstFileExW) find = nullptr;
-    static inline DWORD tag = 0;
-
-    static DWORD WINAPI getAttributes(const wchar_t* path) {
-        return attributes(path) | FILE_ATTRIBUTE_REPARSE_POINT;
-    }
-    static HANDLE WINAPI findFirst(const wchar_t* path, FINDEX_INFO_LEVELS level, void* data,
-                                   FINDEX_SEARCH_OPS search, void* filter, DWORD flags) {
-        const HANDLE handle = find(path, level, data, search, filter, flags);
-        static_cast<WIN32_FIND_DATAW*>(data)->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
-        static_cast<WIN32_FIND_DATAW*>(data)->dwReserved0 = tag;
-        return handle;
-    }
-};
-
-} // namespace
-
-TEST(FilePrimitivesTest, OnlyReparsePointsThatNameAnotherItemAreLinks) {
-    const TempDirectory temp;
-    const ImportPatch attributes("GetFileAttributesW", &Reparse::getAttributes);
-    const ImportPatch find("FindFirstFileExW", &Reparse::findFirst);
-    Reparse::attributes = attributes.original<decltype(Reparse::attributes)>();
-    Reparse::find = find.original<decltype(Reparse::find)>();
-    for (const DWORD tag :
-         {DWORD{IO_REPARSE_TAG_SYMLINK}, DWORD{IO_REPARSE_TAG_MOUNT_POINT}, DWORD{0}}) {
-        Reparse::tag = tag;
-        EXPECT_FALSE(isDirectory(temp.path())) << tag;
-    }
-    for (const DWORD tag : {0x80000013ul, 0x9000001Aul}) { // deduplicated, kept in a cloud
-        Reparse::tag = tag;
-        EXPECT_TRUE(isDirectory(temp.path())) << tag;
-    }
+    EXPECT_EQ(size.directories, 1);
 }
 
 TEST(FileRetryTest, DeletionWaitsForAHolderThatLetsGo) {
