@@ -81,14 +81,8 @@ DWORD errorOf(long long result) {
         return ERROR_SUCCESS;
     case 2:
         return ERROR_FILE_NOT_FOUND;
-    case 17:
-        return ERROR_ALREADY_EXISTS;
-    case 18:
-        return ERROR_NOT_SAME_DEVICE;
     case 28:
         return ERROR_DISK_FULL;
-    case 39:
-        return ERROR_DIR_NOT_EMPTY;
     default:
         return ERROR_ACCESS_DENIED;
     }

@@ -208,38 +208,11 @@ DWORD applyData(Context& context, OpenFile& open, const Header& header, const st
     return code != 0 ? code : writeAt(*context.data, 0, payload);
 }
 
-DWORD applySmall(OpenFile& open, bool security, const Header& header, const std::wstring& name,
+DWORD applySmall(OpenFile& open, const Header& header, const std::wstring& name,
                  std::string payload) {
     switch (header.id) {
-    case idSecurity:
-        if (security) {
-            WORD control = 0;
-            if (payload.size() < sizeof(SECURITY_DESCRIPTOR_RELATIVE) ||
-                !REAL(IsValidSecurityDescriptor)(payload.data())) {
-                return ERROR_INVALID_SECURITY_DESCR;
-            }
-            auto* head = reinterpret_cast<SECURITY_DESCRIPTOR_RELATIVE*>(payload.data());
-            // The backup API asks for what it writes: the marks of inheritance stay.
-            head->Control |= SE_DACL_AUTO_INHERIT_REQ | SE_SACL_AUTO_INHERIT_REQ;
-            control = head->Control;
-            SECURITY_INFORMATION parts = 0;
-            parts |= head->Owner != 0 ? OWNER_SECURITY_INFORMATION : 0;
-            parts |= head->Group != 0 ? GROUP_SECURITY_INFORMATION : 0;
-            parts |= (control & SE_DACL_PRESENT) != 0 ? DACL_SECURITY_INFORMATION : 0;
-            parts |= (control & SE_SACL_PRESENT) != 0 ? SACL_SECURITY_INFORMATION : 0;
-            return applySecurity(open, parts, payload.data(), false);
-        }
-        return ERROR_SUCCESS;
     case idEa:
         extraOf(open.file, true)->ea = payload;
-        return ERROR_SUCCESS;
-    case idObjectId:
-        for (const auto& [key, other] : state->extras) {
-            if (other.objectId == payload) { // unique on a volume: the second goes without
-                return ERROR_SUCCESS;
-            }
-        }
-        extraOf(open.file, true)->objectId = payload;
         return ERROR_SUCCESS;
     case idReparse:
         return setReparse(open, payload);
@@ -266,7 +239,7 @@ DWORD judge(const Context& context, const OpenFile& open, const Header& header,
 }
 
 // Writes all streams that have come whole; before: how many bytes were there before this call.
-DWORD applyWhole(Context& context, OpenFile& open, bool security, std::size_t before) {
+DWORD applyWhole(Context& context, OpenFile& open, std::size_t before) {
     for (std::string& bytes = context.bytes; bytes.size() >= sizeof(Header); before = 0) {
         Header header;
         std::memcpy(&header, bytes.data(), sizeof header);
@@ -293,7 +266,7 @@ DWORD applyWhole(Context& context, OpenFile& open, bool security, std::size_t be
         }
         const std::string payload = bytes.substr(head, size);
         const DWORD code = isData ? applyData(context, open, header, name, payload)
-                                  : applySmall(open, security, header, name, payload);
+                                  : applySmall(open, header, name, payload);
         if (code != 0) {
             return code;
         }
@@ -302,8 +275,8 @@ DWORD applyWhole(Context& context, OpenFile& open, bool security, std::size_t be
     return ERROR_SUCCESS;
 }
 
-BOOL WINAPI backupWrite(HANDLE handle, LPBYTE buffer, DWORD size, LPDWORD written, BOOL abort,
-                        BOOL security, LPVOID* slot) {
+BOOL WINAPI backupWrite(HANDLE handle, LPBYTE buffer, DWORD size, LPDWORD written, BOOL abort, BOOL,
+                        LPVOID* slot) {
     const Lock lock;
     OpenFile* open = state->find(handle);
     if (state->fake->backupRefusal != 0 || open == nullptr) {
@@ -322,7 +295,7 @@ BOOL WINAPI backupWrite(HANDLE handle, LPBYTE buffer, DWORD size, LPDWORD writte
     limit -= limit >= 0 ? *written : 0;
     const std::size_t before = context->bytes.size();
     context->bytes.append(reinterpret_cast<const char*>(buffer), *written);
-    const DWORD code = applyWhole(*context, *open, security, before);
+    const DWORD code = applyWhole(*context, *open, before);
     return code == 0 || fail(code);
 }
 

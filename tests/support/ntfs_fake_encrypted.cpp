@@ -25,17 +25,7 @@ DWORD WINAPI openRaw(LPCWSTR path, ULONG flags, PVOID* context) {
     if (import && (volumeFlagsOf(path) & FILE_SUPPORTS_ENCRYPTION) == 0) {
         return ERROR_VOLUME_NOT_SUPPORT_EFS;
     }
-    const std::string name = unixPath(path);
-    unixcall::Stat64 item;
-    if (import && !unixStat(name, item)) {
-        if ((flags & CREATE_FOR_DIR) != 0) {
-            unixCall(unixcall::Mkdir, name.c_str(), unixcall::number(0755));
-        } else {
-            const UnixFile made(name, unixcall::CreateNew);
-        }
-        created(UnixFile(name), 0, nullptr);
-    }
-    UnixFile file(name, unixcall::OnlyPath | unixcall::NoFollow);
+    UnixFile file(unixPath(path), unixcall::OnlyPath | unixcall::NoFollow);
     Extra* extra = extraOf(file, import);
     if (!file) {
         return ERROR_FILE_NOT_FOUND;
@@ -51,11 +41,7 @@ DWORD WINAPI openRaw(LPCWSTR path, ULONG flags, PVOID* context) {
 
 DWORD WINAPI readRaw(PFE_EXPORT_FUNC take, PVOID argument, PVOID context) {
     const Raw& raw = *static_cast<Raw*>(context);
-    std::string bytes = mark;
-    if (!raw.stat().isDirectory()) {
-        bytes += readAll(raw);
-    }
-    bytes = turned(bytes);
+    std::string bytes = turned(mark + readAll(raw));
     DWORD code = ERROR_SUCCESS;
     for (std::size_t at = 0; at < bytes.size() && code == ERROR_SUCCESS; at += 4096) {
         const auto count = static_cast<ULONG>(std::min<std::size_t>(4096, bytes.size() - at));
@@ -80,11 +66,8 @@ DWORD WINAPI writeRaw(PFE_IMPORT_FUNC give, PVOID argument, PVOID context) {
     }
     const std::size_t head = std::size(mark) - 1;
     const UnixFile writable(raw.proc(), unixcall::Truncate);
-    return raw.stat().isDirectory()
-               ? ERROR_SUCCESS
-               : errorOf(unixCall(unixcall::Pwrite, writable.fd(), bytes.data() + head,
-                                  unixcall::number(static_cast<std::intptr_t>(bytes.size() - head)),
-                                  0));
+    const auto size = unixcall::number(static_cast<std::intptr_t>(bytes.size() - head));
+    return errorOf(unixCall(unixcall::Pwrite, writable.fd(), bytes.data() + head, size, 0));
 }
 
 void WINAPI closeRaw(PVOID context) {

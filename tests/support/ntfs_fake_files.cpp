@@ -83,7 +83,7 @@ HANDLE WINAPI createFile(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATT
             state->open.insert_or_assign(handle, OpenFile(UnixFile(opened), access, share))
                 .first->second;
         if (!existed && stream.empty()) {
-            created(file.file, flags, security);
+            created(file.file, flags);
         }
     }
     fail(code);
@@ -95,7 +95,7 @@ BOOL WINAPI createDirectory(LPCWSTR name, LPSECURITY_ATTRIBUTES security) {
     if (!REAL(CreateDirectoryW)(name, security)) {
         return FALSE;
     }
-    created(UnixFile(unixPath(name)), 0, security);
+    created(UnixFile(unixPath(name)), 0);
     return TRUE;
 }
 
@@ -114,21 +114,6 @@ BOOL WINAPI closeHandle(HANDLE handle) {
     const BOOL closed = REAL(CloseHandle)(handle);
     forgetIfGone(file.file);
     return closed;
-}
-
-BOOL WINAPI duplicateHandle(HANDLE from, HANDLE handle, HANDLE to, HANDLE* copy, DWORD access,
-                            BOOL inherit, DWORD options) {
-    const Lock lock;
-    if (!REAL(DuplicateHandle)(from, handle, to, copy, access, inherit, options)) {
-        return FALSE;
-    }
-    if (const OpenFile* file = state->find(handle); file != nullptr && copy != nullptr) {
-        const auto flags = unixcall::OnlyPath | unixcall::NoFollow;
-        OpenFile twin(UnixFile(file->file.path(), flags), file->access, file->share);
-        twin.link = file->link;
-        state->open.insert_or_assign(*copy, std::move(twin));
-    }
-    return TRUE;
 }
 
 template <class Info>
@@ -239,11 +224,6 @@ BOOL WINAPI getInformationEx(HANDLE handle, FILE_INFO_BY_HANDLE_CLASS kind, LPVO
         standard->NumberOfLinks = static_cast<DWORD>(item.links);
         standard->DeletePending = file->deleteOnClose;
         standard->Directory = isDirectoryLink(file->file);
-    } else if (kind == FileIdInfo && size >= sizeof(FILE_ID_INFO) && file->link) {
-        auto* id = static_cast<FILE_ID_INFO*>(buffer);
-        *id = answer(FILE_ID_INFO());
-        id->VolumeSerialNumber = item.device;
-        std::memcpy(&id->FileId, &item.inode, sizeof item.inode);
     } else if (file->link) {
         return fail(ERROR_INVALID_PARAMETER);
     }
@@ -370,14 +350,10 @@ DWORD WINAPI getAttributes(LPCWSTR path) {
 BOOL WINAPI setAttributes(LPCWSTR path, DWORD attributes) {
     const Lock lock;
     const UnixFile file(unixPath(path), unixcall::OnlyPath | unixcall::NoFollow);
-    if (file && file.stat().isLink()) {
-        keepAttributes(file, attributes | FILE_ATTRIBUTE_NORMAL);
-        return TRUE;
-    }
     if (file) {
         keepAttributes(file, attributes | FILE_ATTRIBUTE_NORMAL);
     }
-    return REAL(SetFileAttributesW)(path, attributes);
+    return (file && file.stat().isLink()) || REAL(SetFileAttributesW)(path, attributes);
 }
 
 void showFound(const std::string& directory, WIN32_FIND_DATAW& data) {
@@ -400,13 +376,7 @@ void showFound(const std::string& directory, WIN32_FIND_DATAW& data) {
     }
 }
 
-void showUnlisted(Search& search, WIN32_FIND_DATAW& data) {
-    data = {};
-    const std::wstring name = toWide(search.unlisted[search.next++]);
-    name.copy(data.cFileName, MAX_PATH - 1);
-    showFound(search.directory, data);
-}
-
+// A link is found by its name; a whole directory is listed by its handle.
 HANDLE WINAPI findFirstEx(LPCWSTR pattern, FINDEX_INFO_LEVELS level, LPVOID data,
                           FINDEX_SEARCH_OPS operation, LPVOID filter, DWORD flags) {
     const Lock lock;
@@ -415,31 +385,22 @@ HANDLE WINAPI findFirstEx(LPCWSTR pattern, FINDEX_INFO_LEVELS level, LPVOID data
     const std::size_t slash = path.find_last_of(L"\\/");
     const std::string parent =
         slash == path.npos ? unixPath(L".") : unixPath(path.substr(0, slash + 1));
-    const std::wstring name = path.substr(slash == path.npos ? 0 : slash + 1);
-    Search search{parent, {}, {}, 0, false};
     unixcall::Stat64 item;
-    if (name == L"*" || name == L"*.*") {
-        for (const std::string& entry : unixEntries(parent)) {
-            if (unixStat(parent + "/" + entry, item) && item.isLink() &&
-                !unixStat(parent + "/" + entry, item, true)) {
-                search.unlisted.push_back(entry);
-            }
-        }
-    } else if (name.find_first_of(L"*?") == name.npos && unixStat(unixPath(path), item) &&
-               item.isLink()) {
+    if (path.find_first_of(L"*?", slash == path.npos ? 0 : slash) == path.npos &&
+        unixStat(unixPath(path), item) && item.isLink()) {
         const std::string whole = unixPath(path);
-        search.unlisted.push_back(whole.substr(whole.rfind('/') + 1));
-        search.ours = true;
+        *found = {};
+        toWide(whole.substr(whole.rfind('/') + 1)).copy(found->cFileName, MAX_PATH - 1);
+        showFound(parent, *found);
         const HANDLE handle = REAL(CreateEventW)(nullptr, TRUE, FALSE, nullptr);
-        showUnlisted(search, *found);
-        state->searches.insert_or_assign(handle, std::move(search));
+        state->searches.insert_or_assign(handle, Search{parent, {}, 0, true});
         return handle;
     }
     const HANDLE handle = REAL(FindFirstFileExW)(pattern, level, data, operation, filter, flags);
     const DWORD code = REAL(GetLastError)();
     if (handle != INVALID_HANDLE_VALUE) {
         showFound(parent, *found);
-        state->searches.insert_or_assign(handle, std::move(search));
+        state->searches.insert_or_assign(handle, Search{parent, {}, 0, false});
     }
     fail(code);
     return handle;
@@ -455,16 +416,13 @@ BOOL WINAPI findNext(HANDLE handle, WIN32_FIND_DATAW* data) {
     if (found == state->searches.end()) {
         return REAL(FindNextFileW)(handle, data);
     }
-    Search& search = found->second;
-    if (!search.ours && REAL(FindNextFileW)(handle, data)) {
-        showFound(search.directory, *data);
-        return TRUE;
+    if (found->second.ours) {
+        return fail(ERROR_NO_MORE_FILES);
     }
-    const DWORD code = search.ours ? ERROR_NO_MORE_FILES : REAL(GetLastError)();
-    if (code != ERROR_NO_MORE_FILES || search.next == search.unlisted.size()) {
-        return fail(code);
+    if (!REAL(FindNextFileW)(handle, data)) {
+        return FALSE;
     }
-    showUnlisted(search, *data);
+    showFound(found->second.directory, *data);
     return TRUE;
 }
 
@@ -528,15 +486,14 @@ BOOL WINAPI moveFileEx(LPCWSTR from, LPCWSTR to, DWORD flags) {
     if (!unixStat(source, item)) {
         return REAL(MoveFileExW)(from, to, flags);
     }
-    const bool occupied = unixStat(target, there) && !there.same(item);
     if (item.isDirectory() &&
         state->fake->openHandles(from) > state->fake->openHandles(from, false)) {
         return fail(ERROR_ACCESS_DENIED);
     }
-    if (!item.isLink() && !(occupied && there.isLink())) {
+    if (!item.isLink()) {
         return REAL(MoveFileExW)(from, to, flags);
     }
-    if (occupied && (flags & MOVEFILE_REPLACE_EXISTING) == 0) {
+    if (unixStat(target, there) && !there.same(item)) {
         return fail(ERROR_ALREADY_EXISTS);
     }
     const DWORD code = errorOf(unixCall(unixcall::Rename, source.c_str(), target.c_str()));
@@ -558,7 +515,7 @@ BOOL WINAPI getVolumeInformation(LPCWSTR root, LPWSTR name, DWORD nameSize, LPDW
 
 } // namespace
 
-void created(const UnixFile& file, DWORD attributes, const SECURITY_ATTRIBUTES* security) {
+void created(const UnixFile& file, DWORD attributes) {
     const bool directory = file.stat().isDirectory();
     Extra& extra = *extraOf(file, true) = Extra();
     FILETIME now;
@@ -572,7 +529,7 @@ void created(const UnixFile& file, DWORD attributes, const SECURITY_ATTRIBUTES* 
             extra.flags |= parent->flags & FILE_ATTRIBUTE_ENCRYPTED;
         }
     }
-    inheritSecurity(file, directory, security);
+    inheritSecurity(file, directory);
 }
 
 void patchFiles(State& to) {
@@ -582,7 +539,6 @@ void patchFiles(State& to) {
     hook("CreateFileW", createFile);
     hook("CreateDirectoryW", createDirectory);
     hook("CloseHandle", closeHandle);
-    hook("DuplicateHandle", duplicateHandle);
     hook("GetFileInformationByHandleEx", getInformationEx);
     hook("GetFileInformationByHandle", getInformation);
     hook("SetFileInformationByHandle", setInformation);

@@ -66,13 +66,6 @@ bool parseLink(const std::string& data, std::string& text) {
     return true;
 }
 
-DWORD setForeign(OpenFile& file, DWORD tag, const std::string& data) {
-    Extra* extra = extraOf(file.file, true);
-    extra->tag = tag;
-    extra->reparse = data;
-    return ERROR_SUCCESS;
-}
-
 bool answer(const std::string& data, void* out, DWORD size, DWORD* returned) {
     const DWORD count = static_cast<DWORD>(std::min<std::size_t>(data.size(), size));
     std::memcpy(out, data.data(), count);
@@ -140,11 +133,6 @@ BOOL WINAPI deviceIoControl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, 
         return inSize < sizeof(USHORT)
                    ? fail(ERROR_INVALID_PARAMETER)
                    : flag(FILE_ATTRIBUTE_COMPRESSED, *static_cast<USHORT*>(in) != 0);
-    case FSCTL_GET_COMPRESSION: {
-        const Extra* extra = extraOf(file->file);
-        const bool set = extra != nullptr && (extra->flags & FILE_ATTRIBUTE_COMPRESSED) != 0;
-        return answer(bytesOf<USHORT>(set ? COMPRESSION_FORMAT_LZNT1 : 0), out, outSize, returned);
-    }
     case FSCTL_QUERY_ALLOCATED_RANGES:
         return ranges(*file, in, inSize, out, outSize, returned);
     case FSCTL_SET_ZERO_DATA: { // PUNCH_HOLE | KEEP_SIZE
@@ -155,12 +143,6 @@ BOOL WINAPI deviceIoControl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, 
                              unixcall::number(zero->FileOffset.QuadPart),
                              zero->BeyondFinalZero.QuadPart - zero->FileOffset.QuadPart));
         return error == 0 || fail(error);
-    }
-    case FSCTL_GET_OBJECT_ID: {
-        const Extra* extra = extraOf(file->file);
-        return extra == nullptr || extra->objectId.empty()
-                   ? fail(ERROR_FILE_NOT_FOUND)
-                   : answer(extra->objectId, out, outSize, returned);
     }
     case FSCTL_SET_OBJECT_ID:
         for (const auto& [key, other] : state->extras) {
@@ -173,23 +155,6 @@ BOOL WINAPI deviceIoControl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, 
     default:
         return REAL(DeviceIoControl)(handle, code, in, inSize, out, outSize, returned, overlapped);
     }
-}
-
-DWORD WINAPI getFinalPath(HANDLE handle, LPWSTR path, DWORD size, DWORD flags) {
-    const Lock lock;
-    const OpenFile* file = state->find(handle);
-    if (file == nullptr || !file->link) {
-        return REAL(GetFinalPathNameByHandleW)(handle, path, size, flags);
-    }
-    std::wstring name = dosPath(file->file.path());
-    name = name.starts_with(L"\\\\?\\") ? name : std::wstring(L"\\\\?\\").append(name);
-    if (name.size() + 1 <= size) {
-        name.copy(path, size);
-        path[name.size()] = L'\0';
-        return static_cast<DWORD>(name.size());
-    }
-    fail(ERROR_NOT_ENOUGH_MEMORY);
-    return static_cast<DWORD>(name.size() + 1);
 }
 
 } // namespace
@@ -245,9 +210,6 @@ DWORD setReparse(OpenFile& file, const std::string& data) {
     if (data.size() != sizeof header + header.length || header.tag == 0) {
         return ERROR_INVALID_REPARSE_DATA;
     }
-    if (!IsReparseTagNameSurrogate(header.tag)) {
-        return setForeign(file, header.tag, data);
-    }
     const bool directory = file.link ? isDirectoryLink(file.file) : file.file.stat().isDirectory();
     std::string text;
     if (!parseLink(data, text) || (header.tag == IO_REPARSE_TAG_MOUNT_POINT && !directory)) {
@@ -278,25 +240,9 @@ DWORD setReparse(OpenFile& file, const std::string& data) {
 HANDLE openLink(const std::string& unixName, DWORD access, DWORD share, DWORD disposition,
                 DWORD flags) {
     UnixFile link(unixName, unixcall::OnlyPath | unixcall::NoFollow);
-    const bool directory = isDirectoryLink(link);
-    const auto refuse = [](DWORD code) {
-        fail(code);
+    if (disposition != OPEN_EXISTING) {
+        fail(ERROR_FILE_EXISTS);
         return INVALID_HANDLE_VALUE;
-    };
-    if (disposition == CREATE_NEW) {
-        return refuse(ERROR_FILE_EXISTS);
-    }
-    if (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING ||
-        (directory && (flags & FILE_FLAG_BACKUP_SEMANTICS) == 0)) {
-        return refuse(ERROR_ACCESS_DENIED);
-    }
-    const std::string path = link.path();
-    for (const auto& [handle, file] : state->open) {
-        const bool conflict = ((access & DELETE) != 0 && (file.share & FILE_SHARE_DELETE) == 0) ||
-                              ((file.access & DELETE) != 0 && (share & FILE_SHARE_DELETE) == 0);
-        if (file.link && conflict && file.file.path() == path) {
-            return refuse(ERROR_SHARING_VIOLATION);
-        }
     }
     const HANDLE handle = REAL(CreateEventW)(nullptr, TRUE, FALSE, nullptr);
     OpenFile& file = state->open.insert_or_assign(handle, OpenFile(std::move(link), access, share))
@@ -309,7 +255,6 @@ HANDLE openLink(const std::string& unixName, DWORD access, DWORD share, DWORD di
 
 void patchLinks(State& to) {
     patch(to, "DeviceIoControl", reinterpret_cast<void*>(&deviceIoControl));
-    patch(to, "GetFinalPathNameByHandleW", reinterpret_cast<void*>(&getFinalPath));
 }
 
 } // namespace ntfs

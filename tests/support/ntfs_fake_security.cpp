@@ -131,17 +131,6 @@ BOOL WINAPI getKernelSecurity(HANDLE handle, SECURITY_INFORMATION parts, PSECURI
     return TRUE;
 }
 
-BOOL WINAPI setKernelSecurity(HANDLE handle, SECURITY_INFORMATION parts,
-                              PSECURITY_DESCRIPTOR descriptor) {
-    const Lock lock;
-    OpenFile* file = state->find(handle);
-    if (file == nullptr) {
-        return REAL(SetKernelObjectSecurity)(handle, parts, descriptor);
-    }
-    const DWORD code = applySecurity(*file, parts, descriptor, true);
-    return code == 0 || fail(code);
-}
-
 // One list's bits of the control word. AUTO_INHERITED is only kept when it is asked for.
 void setControl(WORD& control, WORD given, SECURITY_INFORMATION parts, bool dacl) {
     const WORD present = dacl ? SE_DACL_PRESENT : SE_SACL_PRESENT;
@@ -157,6 +146,48 @@ void setControl(WORD& control, WORD given, SECURITY_INFORMATION parts, bool dacl
     control |= (given & asked) != 0 ? given & inherited : 0;
     control |= (parts & guard) != 0 ? guarded : 0;
     control &= (parts & open) != 0 ? static_cast<WORD>(~guarded) : 0xFFFF;
+}
+
+DWORD applySecurity(OpenFile& file, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR descriptor) {
+    const Descriptor given = parse(descriptor);
+    const bool owner = (parts & (OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION)) != 0;
+    const bool dacl = (parts & DACL_SECURITY_INFORMATION) != 0;
+    const bool sacl = (parts & SACL_SECURITY_INFORMATION) != 0;
+    if ((owner && !file.may(WRITE_OWNER)) || (dacl && !file.may(WRITE_DAC))) {
+        return ERROR_ACCESS_DENIED;
+    }
+    if (sacl && (file.access & ACCESS_SYSTEM_SECURITY) == 0) {
+        return ERROR_PRIVILEGE_NOT_HELD;
+    }
+    Descriptor& kept = securityOf(file.file);
+    if ((parts & OWNER_SECURITY_INFORMATION) != 0) {
+        if (given.owner != kept.owner && given.owner != fromText(L"O:BA").owner &&
+            !hasPrivilege(L"SeRestorePrivilege")) {
+            return ERROR_INVALID_OWNER;
+        }
+        kept.owner = given.owner;
+    }
+    kept.group = (parts & GROUP_SECURITY_INFORMATION) != 0 ? given.group : kept.group;
+    if (dacl) {
+        kept.dacl = given.dacl;
+        setControl(kept.control, given.control, parts, true);
+    }
+    if (sacl) {
+        kept.sacl = given.sacl;
+        setControl(kept.control, given.control, parts, false);
+    }
+    return ERROR_SUCCESS;
+}
+
+BOOL WINAPI setKernelSecurity(HANDLE handle, SECURITY_INFORMATION parts,
+                              PSECURITY_DESCRIPTOR descriptor) {
+    const Lock lock;
+    OpenFile* file = state->find(handle);
+    if (file == nullptr) {
+        return REAL(SetKernelObjectSecurity)(handle, parts, descriptor);
+    }
+    const DWORD code = applySecurity(*file, parts, descriptor);
+    return code == 0 || fail(code);
 }
 
 } // namespace
@@ -200,56 +231,8 @@ Descriptor& securityOf(const UnixFile& file) {
     return *extra->security;
 }
 
-void inheritSecurity(const UnixFile& file, bool directory, const SECURITY_ATTRIBUTES* given) {
-    Descriptor result = inheritedFrom(file, directory);
-    if (given != nullptr && given->lpSecurityDescriptor != nullptr) {
-        const Descriptor wanted = parse(given->lpSecurityDescriptor);
-        result.owner = wanted.owner.empty() ? result.owner : wanted.owner;
-        result.group = wanted.group.empty() ? result.group : wanted.group;
-        result.sacl = wanted.sacl;
-        if (wanted.dacl) {
-            result.dacl = wanted.dacl;
-            result.control = SE_DACL_PRESENT;
-        }
-        setControl(result.control, wanted.control | (wanted.dacl ? 0 : result.control), 0, true);
-        setControl(result.control, wanted.control, 0, false);
-    }
-    extraOf(file, true)->security = std::move(result);
-}
-
-DWORD applySecurity(OpenFile& file, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR descriptor,
-                    bool strict) {
-    const Descriptor given = parse(descriptor);
-    const bool owner = (parts & (OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION)) != 0;
-    const bool dacl = (parts & DACL_SECURITY_INFORMATION) != 0;
-    const bool sacl = (parts & SACL_SECURITY_INFORMATION) != 0;
-    const bool mayAudit = (file.access & ACCESS_SYSTEM_SECURITY) != 0;
-    if (strict) {
-        if ((owner && !file.may(WRITE_OWNER)) || (dacl && !file.may(WRITE_DAC))) {
-            return ERROR_ACCESS_DENIED;
-        }
-        if (sacl && !mayAudit) {
-            return ERROR_PRIVILEGE_NOT_HELD;
-        }
-    }
-    Descriptor& kept = securityOf(file.file);
-    if (owner && file.may(WRITE_OWNER)) {
-        if ((parts & OWNER_SECURITY_INFORMATION) != 0 && given.owner != kept.owner &&
-            given.owner != fromText(L"O:BA").owner && !hasPrivilege(L"SeRestorePrivilege")) {
-            return ERROR_INVALID_OWNER;
-        }
-        kept.owner = (parts & OWNER_SECURITY_INFORMATION) != 0 ? given.owner : kept.owner;
-        kept.group = (parts & GROUP_SECURITY_INFORMATION) != 0 ? given.group : kept.group;
-    }
-    if (dacl && file.may(WRITE_DAC)) {
-        kept.dacl = given.dacl;
-        setControl(kept.control, given.control, parts, true);
-    }
-    if (sacl && mayAudit) {
-        kept.sacl = given.sacl;
-        setControl(kept.control, given.control, parts, false);
-    }
-    return ERROR_SUCCESS;
+void inheritSecurity(const UnixFile& file, bool directory) {
+    extraOf(file, true)->security = inheritedFrom(file, directory);
 }
 
 void patchSecurity(State& to) {

@@ -101,7 +101,6 @@ struct OpenFile {
 // A search by FindFirstFileExW, or by FindFirstStreamW.
 struct Search {
     std::string directory;
-    std::vector<std::string> unlisted;
     std::vector<std::pair<std::wstring, std::int64_t>> streams;
     std::size_t next = 0;
     bool ours = false; // no handle of the system's searches
@@ -157,7 +156,7 @@ DWORD volumeFlagsOf(const std::wstring& path);
 Extra* extraOf(const UnixFile& file, bool create = false);
 Extra* extraAt(const std::string& unixName, bool create = false); // links not followed
 // A file has come into being: its record begins.
-void created(const UnixFile& file, DWORD attributes, const SECURITY_ATTRIBUTES* security);
+void created(const UnixFile& file, DWORD attributes);
 // The record of a file ends with it.
 void forgetIfGone(const UnixFile& file);
 Shown shownOf(const std::string& unixName, DWORD attributes, std::int64_t created);
@@ -171,10 +170,7 @@ HANDLE openLink(const std::string& unixName, DWORD access, DWORD share, DWORD di
 std::string linkData(const std::wstring& target, DWORD tag, bool relative);
 
 // security
-void inheritSecurity(const UnixFile& file, bool directory, const SECURITY_ATTRIBUTES* given);
-// Parts that the handle may not write are left out, or fail where strict.
-DWORD applySecurity(OpenFile& file, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR descriptor,
-                    bool strict);
+void inheritSecurity(const UnixFile& file, bool directory);
 Descriptor& securityOf(const UnixFile& file);
 
 // streams
