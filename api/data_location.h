@@ -2,7 +2,8 @@
 // to Commit or Rollback. Progress, names and errors are reported through three events; a handler
 // that returns true cancels.
 //
-// One thread at a time. Every failure leaves as zopobsolete::Exception with the whole text.
+// One thread at a time; other threads may move other trees meanwhile, with objects of their own.
+// Every failure leaves as zopobsolete::Exception with the whole text.
 //
 //     zopobsolete::DataLocation location;
 //     auto shown = location.ProgressEvent_Name.hook(...);
