@@ -27,7 +27,7 @@ TEST(TreeImageTest, EqualTreesHaveEqualImagesAndEveryChangeShows) {
     const TreeImage image = imageOf(one);
     EXPECT_EQ(image.size(), 40u);
     for (const auto& [name, item] : image) {
-        EXPECT_EQ(item.error, 0u) << testing::PrintToString(item);
+        EXPECT_EQ(item.error, 0u) << testing::PrintToString(name);
     }
     EXPECT_TRUE(sameTree(image, imageOf(two)));
     EXPECT_TRUE(sameTree({}, imageOf(one + L"-missing")));

@@ -2,11 +2,10 @@
 
 #include "runtime/exception.h"
 #include "runtime/text.h"
+#include "tests/support/import_patch.h"
 
-#include <array>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <initializer_list>
 #include <stdexcept>
@@ -39,8 +38,8 @@ struct Sweep {
 Sweep sweep;
 std::set<std::string> excludedByTest;
 
-// arguments: r9, r8, rdx, rcx, the return address, four words, the fifth argument.
-std::uintptr_t decide(Import* import, const std::uintptr_t* arguments) {
+std::uintptr_t decide(void* self, const std::uintptr_t* arguments) {
+    auto* import = static_cast<Import*>(self);
     if (sweep.thread != ::GetCurrentThreadId() ||
         (import->aborts && static_cast<DWORD>(arguments[9]) != 0)) {
         return 0;
@@ -57,51 +56,6 @@ std::uintptr_t decide(Import* import, const std::uintptr_t* arguments) {
     import->result = import->failure == returnsCode ? sweep.code : import->failure;
     ::SetLastError(sweep.code);
     return 1;
-}
-
-// Code that asks decide(), then returns import.result or goes on to import.original with all
-// arguments in place. It is written once and stays: another thread may be in it.
-void* newThunk(Import& import) {
-    static std::uint8_t* next = nullptr;
-    static std::size_t left = 0;
-    constexpr std::size_t size = 96;
-    if (left < size) {
-        left = 65536;
-        next = static_cast<std::uint8_t*>(
-            ::VirtualAlloc(nullptr, left, MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE));
-        if (next == nullptr) {
-            throw std::runtime_error("no memory for thunks");
-        }
-    }
-    std::uint8_t* const thunk = next;
-    std::uint8_t* at = thunk;
-    const auto bytes = [&](std::initializer_list<int> list) {
-        for (const int b : list) {
-            *at++ = static_cast<std::uint8_t>(b);
-        }
-    };
-    const auto address = [&](const void* value) {
-        std::memcpy(at, &value, sizeof value);
-        at += sizeof value;
-    };
-    bytes({0x51, 0x52, 0x41, 0x50, 0x41, 0x51});       // push rcx, rdx, r8, r9
-    bytes({0x48, 0x89, 0xE2, 0x48, 0x83, 0xEC, 0x28}); // mov rdx, rsp; sub rsp, 40
-    bytes({0x48, 0xB9});                               // mov rcx, import
-    address(&import);
-    bytes({0x48, 0xB8}); // mov rax, decide
-    address(reinterpret_cast<void*>(&decide));
-    bytes({0xFF, 0xD0, 0x48, 0x83, 0xC4, 0x28}); // call rax; add rsp, 40
-    bytes({0x41, 0x59, 0x41, 0x58, 0x5A, 0x59}); // pop r9, r8, rdx, rcx
-    bytes({0x48, 0x85, 0xC0, 0x75, 0x10});       // test rax, rax; jnz fail
-    bytes({0x49, 0xBB});                         // mov r11, &original
-    address(&import.original);
-    bytes({0x4D, 0x8B, 0x1B, 0x41, 0xFF, 0xE3}); // mov r11, [r11]; jmp r11
-    bytes({0x48, 0xB8});                         // fail: mov rax, &result
-    address(&import.result);
-    bytes({0x48, 0x8B, 0x00, 0xC3}); // mov rax, [rax]; ret
-    next += size;
-    left -= size;
-    return thunk;
 }
 
 // A name that ends in * stands for all that begin so.
@@ -167,36 +121,21 @@ std::uintptr_t failureOf(std::string_view name) {
 
 std::deque<Import> findImports() {
     std::deque<Import> found; // thunks know their addresses
-    auto* base = reinterpret_cast<std::uint8_t*>(::GetModuleHandleW(nullptr));
-    const auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
-    const auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
-    const DWORD table =
-        nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
-    const auto* dll = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + table);
-    for (; dll->Name != 0; ++dll) {
-        const char* const dllName = reinterpret_cast<char*>(base + dll->Name);
-        if (_stricmp(dllName, "kernel32.dll") != 0 && _stricmp(dllName, "advapi32.dll") != 0 &&
-            _stricmp(dllName, "ntdll.dll") != 0) {
-            continue;
+    forEachImport(nullptr, [&](const char* dll, const char* name, void** slot) {
+        if ((_stricmp(dll, "kernel32.dll") != 0 && _stricmp(dll, "advapi32.dll") != 0 &&
+             _stricmp(dll, "ntdll.dll") != 0) ||
+            isLeftOut(name)) {
+            return;
         }
-        const auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + dll->OriginalFirstThunk);
-        auto** slot = reinterpret_cast<void**>(base + dll->FirstThunk);
-        for (; names->u1.AddressOfData != 0; ++names, ++slot) {
-            const auto* entry =
-                reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
-            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal) || isLeftOut(entry->Name)) {
-                continue;
-            }
-            Import& import = found.emplace_back();
-            import.name = entry->Name;
-            import.slot = slot;
-            import.failure = failureOf(import.name);
-            import.aborts = import.name == "BackupRead" || import.name == "BackupWrite";
-            import.thunk = newThunk(import);
-            DWORD protection = 0;
-            ::VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection);
-        }
-    }
+        Import& import = found.emplace_back();
+        import.name = name;
+        import.slot = slot;
+        import.failure = failureOf(import.name);
+        import.aborts = import.name == "BackupRead" || import.name == "BackupWrite";
+        import.thunk = newImportThunk(&import, decide, &import.result, &import.original);
+        DWORD protection = 0;
+        ::VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection);
+    });
     return found;
 }
 

@@ -7,7 +7,18 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <windows.h>
+
+// Every import by name of a module, the test executable for null.
+using ImportVisitor = std::function<void(const char* dll, const char* name, void** slot)>;
+void forEachImport(HMODULE module, const ImportVisitor& visit);
+
+// Code to stand in the place of a function. It asks decide(self, arguments) first; 0 goes on to
+// *original with all arguments in place, anything else returns *result. arguments: r9, r8, rdx,
+// rcx, the return address, four words, the fifth argument. It stays: a thread may be in it.
+using ImportDecision = std::uintptr_t (*)(void* self, const std::uintptr_t* arguments);
+void* newImportThunk(void* self, ImportDecision decide, const void* result, void* const* original);
 
 // One import, replaced for the life of the object. Patches of one import end in reverse order.
 //
@@ -58,10 +69,10 @@ public:
     bool fired() const noexcept { return failAt >= 0 && calls > failAt; }
 
 private:
-    static int decide(FaultPoint* self) noexcept;
+    static std::uintptr_t decide(void* point, const std::uintptr_t*) noexcept;
     static_assert(sizeof(std::atomic<std::uintptr_t>) == sizeof(std::uintptr_t),
                   "the thunk reads the result as a plain word");
 
-    void* code_; // a thunk; never freed, since another thread may still be in it
+    void* original_;
     ImportPatch patch_;
 };

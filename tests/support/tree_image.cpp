@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
-#include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
@@ -285,12 +284,6 @@ testing::AssertionResult sameTree(const TreeImage& expected, const TreeImage& ac
         return testing::AssertionSuccess();
     }
     return testing::AssertionFailure() << "the trees differ:\n" << difference(expected, actual);
-}
-
-void PrintTo(const ItemImage& item, std::ostream* out) {
-    for (const auto& [name, text] : fieldsOf(item)) {
-        *out << name << " '" << text << "' ";
-    }
 }
 
 std::string sampleBytes(std::size_t size, unsigned seed) {

@@ -54,9 +54,6 @@ std::string difference(const TreeImage& first, const TreeImage& second);
 
 testing::AssertionResult sameTree(const TreeImage& expected, const TreeImage& actual);
 
-// Prints an item in one line.
-void PrintTo(const ItemImage& item, std::ostream* out);
-
 // Bytes that are the same for the same size and seed, and nowhere periodic.
 std::string sampleBytes(std::size_t size, unsigned seed = 1);
 
