@@ -225,16 +225,15 @@ std::wstring readLine(Console& console) {
 
 std::wstring askFor(const std::wstring& name, Console& console) {
     std::array<std::wstring, 2> answers;
+    const RunTime::WipeOnExit wipeFirst(answers[0]);
+    const RunTime::WipeOnExit wipeSecond(answers[1]);
     for (std::size_t i = 0; i < answers.size(); ++i) {
         const std::wstring question = printable(name) + (i == 0 ? L": " : L" (again): ");
         if (!console.askHidden(question, answers[i])) {
             throw Stop{ExitCode::Cancelled, L"Nothing was changed."};
         }
     }
-    const bool same = answers[0] == answers[1];
-    RunTime::wipe(answers[1]);
-    if (!same) {
-        RunTime::wipe(answers[0]);
+    if (answers[0] != answers[1]) {
         throw Stop{ExitCode::Cancelled, L"The two answers differ. Nothing was changed."};
     }
     return std::move(answers[0]);
