@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# COMMAND...: runs it with a Wine prefix and drives of its own; afterwards nothing is left of them.
+# [--database] COMMAND...: runs it with a Wine prefix and drives of its own, and with a database
+# server where that is asked for; afterwards nothing is left of them.
 # Programs find the drives in these variables; the ones that the machine cannot give stay unset:
 #   ZOP_TEST_TMPFS_DRIVE  another file system than C:, so a move to it has to copy
 #   ZOP_TEST_FULL_DRIVE   holds 1 MiB, so it fills up (root only)
 #   ZOP_TEST_NTFS_DRIVE   64 MiB of real NTFS, with alternate streams (root only)
+# and the server in ZOP_TEST_DB_HOST, _PORT, _USER and _PASSWORD (database zop_test).
 set -euo pipefail
 if [ "$(id -u)" = 0 ] && [ -z "${ZOP_SANDBOX_MOUNTS-}" ]; then
     # In a mount namespace of ours the machine sees no mount of ours, and none can be left behind.
@@ -13,17 +15,26 @@ if [ "$(id -u)" = 0 ] && [ -z "${ZOP_SANDBOX_MOUNTS-}" ]; then
 fi
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 . "$here/common.sh"
+. "$here/mariadb.sh"
 mounts=${ZOP_SANDBOX_MOUNTS-}
 unset ZOP_SANDBOX_MOUNTS ZOP_TEST_TMPFS_DRIVE ZOP_TEST_FULL_DRIVE ZOP_TEST_NTFS_DRIVE
+unset ZOP_TEST_DB_HOST ZOP_TEST_DB_PORT ZOP_TEST_DB_USER ZOP_TEST_DB_PASSWORD
+with_database=
+if [ "${1-}" = --database ]; then
+    with_database=yes
+    shift
+fi
 
-remove_sandbox() { # DIRECTORY; its drive in memory is the target of a link
-    local memory
+remove_sandbox() { # DIRECTORY; its drive in memory and its database are targets of links
+    local memory database
     memory=$(readlink "$1/memory" || true)
-    rm -rf --one-file-system "$1" ${memory:+"$memory"}
+    database=$(readlink "$1/database" || true)
+    rm -rf --one-file-system "$1" ${memory:+"$memory"} ${database:+"$database"}
 }
 
 clean_up() {
     trap '' INT TERM
+    stop_database
     WINEPREFIX=$run/prefix wineserver -k > /dev/null 2>&1 || true
     WINEPREFIX=$run/prefix wineserver -w > /dev/null 2>&1 || true
     for place in full ntfs; do
@@ -84,6 +95,12 @@ if [ -n "$mounts" ] && [ -c /dev/fuse ] && command -v mkfs.ntfs ntfs-3g > /dev/n
         ntfs-3g -o streams_interface=windows "$run/ntfs.image" "$run/ntfs" > /dev/null 2>&1 7>&-; then
         drive n "$run/ntfs" ZOP_TEST_NTFS_DRIVE
     fi
+fi
+if [ -n "$with_database" ]; then
+    # Not below the cache, which the server's user may be kept out of; in memory it is faster, too.
+    database=$(mktemp -d /dev/shm/zop.XXXXXX 2> /dev/null || mktemp -d -t zop.XXXXXX)
+    ln -s "$database" "$run/database"
+    start_database "$database" || fail "The database server does not start (see above)."
 fi
 status=0
 "$@" 7>&- || status=$?

@@ -29,7 +29,7 @@ constexpr ValueDescription table[] = {
     {name::pipeName, ValueType::String, false,
      L"pipe of the configuration service; zoppipe when missing"},
     {name::mySqlConnectionTimeout, ValueType::Dword, false,
-     L"seconds to wait for a connection to the panel database"},
+     L"seconds to wait for a connection to the panel database; 15 when missing or 0, 3600 at most"},
     {name::opentracingEnabled, ValueType::Dword, false, L"1: tracing is on"},
     {name::crashDumpDirectory, ValueType::String, false,
      L"directory for crash dumps; absent: none are written"},

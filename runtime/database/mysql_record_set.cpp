@@ -1,0 +1,134 @@
+#include "runtime/database/mysql_record_set.h"
+
+#include "runtime/database/mysql_connection.h"
+#include "runtime/text.h"
+#include "runtime/wipe.h"
+
+namespace {
+
+// Rows may hold passwords.
+void wipeRow(std::vector<std::optional<std::string>>& row) noexcept {
+    for (std::optional<std::string>& cell : row) {
+        if (cell) {
+            RunTime::wipe(*cell);
+        }
+    }
+    row.clear();
+}
+
+} // namespace
+
+VMySQLRecordSet::VMySQLRecordSet(std::shared_ptr<database::MySQLConnection> connection,
+                                 std::wstring statement)
+    : connection_(std::move(connection)), statement_(std::move(statement)) {
+    MYSQL* handle = connection_->get();
+    if (::mysql_field_count(handle) == 0) {
+        throw VDatabase::StatementException(L"Unable to query (" + statement_ +
+                                                L"): the statement gives no rows",
+                                            0, {L"", "VMySQLRecordSet::VMySQLRecordSet", __LINE__});
+    }
+    result_ = ::mysql_use_result(handle);
+    if (result_ == nullptr) {
+        throw connection_->failure(statement_, {L"", "VMySQLRecordSet::VMySQLRecordSet", __LINE__});
+    }
+    connection_->reader = this;
+    const MYSQL_FIELD* fields = ::mysql_fetch_fields(result_);
+    for (unsigned int i = 0; i < ::mysql_num_fields(result_); ++i) {
+        columns_.push_back(toWide({fields[i].name, fields[i].name_length}));
+    }
+}
+
+VMySQLRecordSet::~VMySQLRecordSet() {
+    if (result_ != nullptr) {
+        release();
+        connection_->dropFurtherResults();
+    }
+    wipeRow(row_);
+    for (Row& row : kept_) {
+        wipeRow(row);
+    }
+}
+
+bool VMySQLRecordSet::next() {
+    wipeRow(row_);
+    if (!kept_.empty()) {
+        row_ = std::move(kept_.front());
+        kept_.pop_front();
+        return true;
+    }
+    if (result_ != nullptr) {
+        fetch(row_);
+    }
+    if (row_.empty() && failure_) {
+        throw *failure_;
+    }
+    return !row_.empty();
+}
+
+std::optional<std::wstring> VMySQLRecordSet::text(std::wstring_view column) const {
+    std::size_t index = 0;
+    while (index < columns_.size() &&
+           ::CompareStringOrdinal(columns_[index].data(), static_cast<int>(columns_[index].size()),
+                                  column.data(), static_cast<int>(column.size()),
+                                  TRUE) != CSTR_EQUAL) {
+        ++index;
+    }
+    const auto fail = [this, column](const wchar_t* reason) {
+        throw vexception(L"Unable to read the column (" + std::wstring(column) + L") of (" +
+                             statement_ + L"): " + reason,
+                         {L"", "VMySQLRecordSet::text", __LINE__});
+    };
+    if (index == columns_.size()) {
+        fail(L"there is no such column");
+    }
+    if (row_.empty()) {
+        fail(L"there is no row");
+    }
+    const std::optional<std::string>& bytes = row_[index];
+    if (!bytes) {
+        return std::nullopt;
+    }
+    std::wstring result = toWide(*bytes);
+    if (result.find(L'\xFFFD') != std::wstring::npos && toUtf8(result) != *bytes) {
+        fail(L"it holds bytes that are no text");
+    }
+    return result;
+}
+
+void VMySQLRecordSet::readAhead() {
+    while (result_ != nullptr) {
+        Row row;
+        if (fetch(row)) {
+            kept_.push_back(std::move(row));
+        }
+    }
+}
+
+// The next row of the server. At the end, and when the rows break off, the connection is free.
+bool VMySQLRecordSet::fetch(Row& row) {
+    const MYSQL_ROW cells = ::mysql_fetch_row(result_);
+    if (cells == nullptr) {
+        const bool whole = ::mysql_errno(connection_->get()) == 0;
+        release();
+        if (!whole || !connection_->dropFurtherResults()) {
+            failure_ = connection_->failure(statement_, {L"", "VMySQLRecordSet::next", __LINE__});
+        }
+        return false;
+    }
+    const unsigned long* lengths = ::mysql_fetch_lengths(result_);
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+        if (cells[i] == nullptr) {
+            row.emplace_back(std::nullopt);
+        } else {
+            row.emplace_back(std::in_place, cells[i], lengths[i]);
+        }
+    }
+    return true;
+}
+
+// Reads what is left of the result, and passes over it.
+void VMySQLRecordSet::release() noexcept {
+    ::mysql_free_result(result_);
+    result_ = nullptr;
+    connection_->reader = nullptr;
+}

@@ -1,0 +1,62 @@
+// A test with the private database server that scripts/sandbox.sh --database starts.
+#pragma once
+
+#include "runtime/database/mysql_database.h"
+#include "runtime/text.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+
+class DatabaseFixture : public ::testing::Test {
+protected:
+    using Parameters = VMySQLDatabase::Parameters;
+
+    void SetUp() override {
+        if (std::getenv("ZOP_TEST_DB_PORT") == nullptr) {
+            GTEST_SKIP() << "no database server: run by scripts/sandbox.sh --database";
+        }
+        database = std::make_unique<VMySQLDatabase>(parameters());
+    }
+
+    static Parameters parameters() {
+        const auto environment = [](const char* name) { return toWide(std::getenv(name)); };
+        return {.host = environment("ZOP_TEST_DB_HOST"),
+                .port = static_cast<std::uint16_t>(std::atoi(std::getenv("ZOP_TEST_DB_PORT"))),
+                .user = environment("ZOP_TEST_DB_USER"),
+                .password = environment("ZOP_TEST_DB_PASSWORD"),
+                .database = L"zop_test"};
+    }
+
+    // A table of this test, dropped by the next that makes one of the name.
+    void makeTable(const std::wstring& name, const std::wstring& columns) {
+        database->execute(L"drop table if exists " + name);
+        database->execute(L"create table " + name + L" (" + columns + L") engine = InnoDB");
+    }
+
+    // The only value of a query, as UTF-8.
+    std::string one(const std::wstring& sql, const VDatabase::Values& values = {}) {
+        return oneOf(*database, sql, values);
+    }
+    static std::string oneOf(VDatabase& from, const std::wstring& sql,
+                             const VDatabase::Values& values = {}) {
+        const auto rows = from.query(sql, values);
+        return rows->next() ? toUtf8(rows->text(rows->columns()[0]).value_or(L"NULL")) : "none";
+    }
+
+    std::unique_ptr<VMySQLDatabase> database;
+};
+
+// fn must throw exactly a StatementException with this number; returns its message.
+template <class Function>
+std::string statementError(std::uint32_t number, Function&& fn) {
+    try {
+        fn();
+    } catch (const VDatabase::StatementException& e) {
+        EXPECT_EQ(number, e.errorNumber()) << toUtf8(e.what());
+        return toUtf8(e.message());
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return {};
+}
