@@ -1,7 +1,7 @@
 # A private database server for one run of a test program; sourced by sandbox.sh, not run.
 
-# DIRECTORY: starts a server on 127.0.0.1 with its data there, and sets the variables by which tests
-# find it; without the server's package it leaves them unset. The server goes with this shell,
+# DIRECTORY: starts a server on 127.0.0.1 with its data there and the panel's tables in its database
+# zop_test, and sets the variables by which tests find it; without the server's package it leaves them unset. The server goes with this shell,
 # however that ends, and nobody waits for it: its data are thrown away.
 start_database() {
     local data=$1 as_user=() attempt password server
@@ -38,6 +38,8 @@ start_database() {
             sleep 0.02
         done
         if kill -0 "$server" 2> /dev/null; then
+            MYSQL_PWD=$password mariadb --no-defaults --protocol=tcp --host=127.0.0.1 --port="$ZOP_TEST_DB_PORT" \
+                --user=zop --default-character-set=utf8mb4 zop_test < "$root/tests/panel/schema.sql" || return 1
             export ZOP_TEST_DB_HOST=127.0.0.1 ZOP_TEST_DB_PORT ZOP_TEST_DB_USER=zop ZOP_TEST_DB_PASSWORD=$password
             database_server=$server
             return 0

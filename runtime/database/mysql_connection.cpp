@@ -12,8 +12,15 @@ namespace database {
 
 namespace {
 
-// The client library's lengths are 32-bit, and escaping doubles.
+// The client library's lengths have 32 bits, and escaping doubles. No server takes more.
 constexpr std::size_t longestText = 0x3FFFFFFF;
+
+void checkLength(std::size_t length) {
+    if (length > longestText) {
+        throw ArgumentException(L"The text for the database is too long",
+                                {L"", "database::checkLength", __LINE__});
+    }
+}
 
 // What every session of ours is set to, against whatever the server's own defaults are. Strict, so
 // that a path that is too long, or has letters that the column lacks, is not stored as another one.
@@ -113,7 +120,8 @@ bool MySQLConnection::isAlive() const noexcept {
     return ::select(0, &readable, nullptr, nullptr, &atOnce) == 0;
 }
 
-bool MySQLConnection::send(const Bytes& statement) noexcept {
+bool MySQLConnection::send(const Bytes& statement) {
+    checkLength(statement.size());
     return ::mysql_real_query(handle_.get(), statement.data(),
                               static_cast<unsigned long>(statement.size())) == 0;
 }
@@ -140,10 +148,7 @@ bool MySQLConnection::dropFurtherResults() noexcept {
 }
 
 void MySQLConnection::escape(Bytes& to, std::string_view text) const {
-    if (text.size() > longestText) {
-        throw ArgumentException(L"The text for the database is too long",
-                                {L"", "database::MySQLConnection::escape", __LINE__});
-    }
+    checkLength(text.size());
     const std::size_t before = to.size();
     to.resize(before + 2 * text.size() + 1);
     const unsigned long length = ::mysql_real_escape_string(

@@ -27,7 +27,7 @@ public:
     bool isAlive() const noexcept;
 
     // Sends the statement and waits for the answer. False: it failed, see failure().
-    bool send(const Bytes& statement) noexcept;
+    bool send(const Bytes& statement);
     // The last error of the client library, for a statement. Closes a connection that was lost.
     VDatabase::StatementException failure(const std::wstring& shownStatement,
                                           const vexception::CallStackInfo& frame);

@@ -1,7 +1,7 @@
 #include "runtime/database/mysql_database.h"
 
 #include "runtime/database/mysql_connection.h"
-#include "runtime/format_string.h"
+#include "runtime/log_manager.h"
 #include "runtime/registry/config_values.h"
 #include "runtime/registry/registry.h"
 #include "runtime/text.h"
@@ -87,14 +87,7 @@ void VMySQLDatabase::rollbackTrans() {
         return;
     }
     doomed_ = false;
-    if (!connection_->isOpen()) {
-        return; // the server has rolled back
-    }
-    try {
-        command(L"ROLLBACK");
-    } catch (const vexception&) {
-        connection_->close(); // so the server does
-    }
+    undo(L"ROLLBACK");
 }
 
 void VMySQLDatabase::lockTables(const std::vector<LockedTable>& tables) {
@@ -117,22 +110,20 @@ void VMySQLDatabase::unlockTables() {
                          {L"", "VMySQLDatabase::unlockTables", __LINE__});
     }
     locked_ = false;
-    if (!connection_->isOpen()) {
-        return; // the server has unlocked them
-    }
-    try {
-        command(L"UNLOCK TABLES");
-    } catch (const vexception&) {
-        connection_->close(); // so the server does
-    }
+    undo(L"UNLOCK TABLES");
 }
 
-// Makes the connection free for a statement, and opens it again where nothing is lost by that.
-void VMySQLDatabase::ready() {
+// Whether the connection is there, after making it free for a statement.
+bool VMySQLDatabase::isConnected() {
     if (connection_->reader != nullptr) {
         connection_->reader->readAhead();
     }
-    const bool alive = connection_->isAlive();
+    return connection_->isAlive();
+}
+
+// Opens the connection again where nothing is lost by that.
+void VMySQLDatabase::ready() {
+    const bool alive = isConnected();
     if (alive && (level_ == 0 || connection_->inTransaction())) {
         return;
     }
@@ -168,6 +159,19 @@ void VMySQLDatabase::run(const std::wstring& sql, const Values& values) {
         }
     }
     throw failure;
+}
+
+// Where the statement cannot be carried out, the end of the connection makes the server do it.
+void VMySQLDatabase::undo(const std::wstring& sql) {
+    try {
+        if (isConnected()) {
+            command(sql);
+            return;
+        }
+    } catch (const vexception& e) {
+        LogManager::getInstance().vAddLog(LogType::Warning, e.what());
+    }
+    connection_->close();
 }
 
 // A statement of ours, which leaves the caller's last identifier alone.

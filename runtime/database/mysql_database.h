@@ -60,8 +60,10 @@ public:
     void unlockTables() override;
 
 private:
+    bool isConnected();
     void ready();
     void run(const std::wstring& sql, const Values& values);
+    void undo(const std::wstring& sql);
     void command(const std::wstring& sql);
     std::uint64_t takeResults(const std::wstring& sql);
 

@@ -69,10 +69,10 @@ Bytes bindValues(const std::wstring& sql, const VDatabase::Values& values, const
     std::size_t used = 0;
     char quote = 0; // the one that we are behind; a doubled one closes and opens again
     for (const char c : bytes) {
-        if (c == '?' && quote != 0) {
-            refuse(L"a placeholder stands between quotes", sql);
-        }
         if (c == '?') {
+            if (quote != 0) {
+                refuse(L"a placeholder stands between quotes", sql);
+            }
             if (used == values.size()) {
                 refuse(L"there are more placeholders than values", sql);
             }
@@ -86,9 +86,8 @@ Bytes bindValues(const std::wstring& sql, const VDatabase::Values& values, const
         }
         result.push_back(c);
     }
-    if (used != values.size() || quote != 0) {
-        refuse(quote != 0 ? L"a quote is not closed" : L"there are more values than placeholders",
-               sql);
+    if (used != values.size()) {
+        refuse(L"there are more values than placeholders", sql);
     }
     return result;
 }
