@@ -72,6 +72,8 @@ struct LogManager::State {
     std::mutex fileMutex;
     RunTime::AutoHandle file;
 
+    std::mutex eventSourceMutex;
+    std::wstring eventSource = L"zopnative";
     std::once_flag eventLogOnce;
     HANDLE eventLog = nullptr;
 
@@ -152,10 +154,17 @@ void LogManager::writeEventLog(LogType type, const std::wstring& text) {
     }
 }
 
+void LogManager::setEventSource(const std::wstring& name) {
+    const std::lock_guard lock(state_.eventSourceMutex);
+    state_.eventSource = name;
+}
+
 HANDLE LogManager::getEventLog() noexcept {
     passBy([this] {
-        std::call_once(state_.eventLogOnce,
-                       [this] { state_.eventLog = ::RegisterEventSourceW(nullptr, L"zopnative"); });
+        std::call_once(state_.eventLogOnce, [this] {
+            const std::lock_guard lock(state_.eventSourceMutex);
+            state_.eventLog = ::RegisterEventSourceW(nullptr, state_.eventSource.c_str());
+        });
     });
     return state_.eventLog;
 }

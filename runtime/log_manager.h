@@ -18,7 +18,7 @@ enum class LogType { Error, Warning, Information, Debug };
 enum class LogOutput {
     DebugOutput, // OutputDebugStringW
     File,        // the file given to openFile
-    EventLog,    // the Windows event log, source "zopnative"
+    EventLog,    // the Windows event log
 };
 
 class LogManager {
@@ -63,6 +63,9 @@ public:
 
     // Calls of one listener never overlap. What a listener logs itself goes to the outputs only.
     [[nodiscard]] Registration addListener(Listener listener);
+
+    // The name under which events appear, "zopnative" unless set. Only before the first event.
+    void setEventSource(const std::wstring& name);
 
     // The event log handle, opened at first use and owned by the manager; null where the system
     // has no event log.

@@ -110,6 +110,10 @@ ConfigService::~ConfigService() {
 
 void ConfigService::stop() noexcept {
     server_.stop();
+    if (!stopped_.exchange(true)) {
+        LogManager::getInstance().vAddLog(LogType::Information,
+                                          L"The configuration service has stopped");
+    }
 }
 
 PipeServer::Answer ConfigService::answer(const ConfigStore& store, protocol::MessageView message,

@@ -12,6 +12,7 @@
 #include "config/service/config_store.h"
 #include "config/service/pipe_server.h"
 
+#include <atomic>
 #include <chrono>
 #include <string>
 
@@ -44,6 +45,7 @@ private:
     std::wstring path_;
     ConfigStore store_;
     PipeServer server_;
+    std::atomic<bool> stopped_{false};
 };
 
 } // namespace config

@@ -497,7 +497,7 @@ TEST_F(ConfigServiceTest, NoMessageBringsItDown) {
             }
             EXPECT_EQ(good.ask(ask(Operation::IsVE)).status, 0U);
         },
-        40);
+        80);
 }
 
 } // namespace config

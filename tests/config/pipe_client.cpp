@@ -44,15 +44,14 @@ bool PipeClient::send(protocol::MessageView message) {
 std::optional<PipeClient::Message> PipeClient::receive() {
     OVERLAPPED operation{};
     operation.hEvent = done_.get();
-    Message message(protocol::maxMessageBytes);
+    thread_local Message message(protocol::maxMessageBytes);
     DWORD bytes = 0;
     const BOOL started = ::ReadFile(pipe_.get(), message.data(), static_cast<DWORD>(message.size()),
                                     nullptr, &operation);
     if (!finish(started, operation, bytes)) {
         return std::nullopt;
     }
-    message.resize(bytes);
-    return message;
+    return Message(message.begin(), message.begin() + bytes);
 }
 
 protocol::Reply PipeClient::ask(const protocol::Request& request) {

@@ -1,0 +1,24 @@
+// The command line of zopconfigsvc.
+#pragma once
+
+#include "tools/zopctl/command_parser.h"
+
+#include <string>
+#include <vector>
+
+namespace zopconfigsvc {
+
+struct ServiceOptions {
+    enum class Action {
+        Serve, // started by the service manager
+        Console,
+        Install,
+        Remove,
+    };
+    Action action = Action::Serve;
+    std::wstring pipe; // Console: empty for the registry's
+};
+
+zopctl::Parsed<ServiceOptions> parseArguments(const std::vector<std::wstring>& arguments);
+
+} // namespace zopconfigsvc
