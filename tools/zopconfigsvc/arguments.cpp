@@ -42,6 +42,7 @@ zopctl::Parsed<ServiceOptions> parseArguments(const std::vector<std::wstring>& a
         {"--install", ServiceOptions::Action::Install,
          "Makes it a service that starts with Windows"},
         {"--remove", ServiceOptions::Action::Remove, "Stops and removes the service"},
+        {"--service", ServiceOptions::Action::Serve, "How Windows starts the service"},
     };
     std::vector<const char*> chosen;
     for (const Row& row : rows) {
@@ -65,7 +66,9 @@ zopctl::Parsed<ServiceOptions> parseArguments(const std::vector<std::wstring>& a
         parsed.text = L"zopconfigsvc " + toWide(ZOP_VERSION);
         return parsed;
     }
-    if (chosen.size() > 1) {
+    if (chosen.empty()) {
+        parser.fail(parsed, L"What is it to do: --console or --install?");
+    } else if (chosen.size() > 1) {
         parser.fail(parsed,
                     toWide(chosen[0]) + L" and " + toWide(chosen[1]) + L" contradict each other.");
     } else if (pipe->count() != 0 && options.action != ServiceOptions::Action::Console) {

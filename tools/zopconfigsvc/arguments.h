@@ -10,12 +10,13 @@ namespace zopconfigsvc {
 
 struct ServiceOptions {
     enum class Action {
+        None,
         Serve, // started by the service manager
         Console,
         Install,
         Remove,
     };
-    Action action = Action::Serve;
+    Action action = Action::None;
     std::wstring pipe; // Console: empty for the registry's
 };
 

@@ -150,7 +150,7 @@ ExitCode install(Console& console) {
     const ServiceHandle service(::CreateServiceW(
         manager.get(), serviceName, displayName, SERVICE_CHANGE_CONFIG | SERVICE_START,
         SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
-        (L"\"" + program + L"\"").c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+        (L"\"" + program + L"\" --service").c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
     if (!service) {
         const DWORD code = ::GetLastError();
         if (code == ERROR_SERVICE_EXISTS) {

@@ -41,7 +41,7 @@ ExitCode runInForeground(const std::wstring& pipe, Console& console) {
 
 ExitCode runAsService(Console& console) {
     if (!ServiceSession::dispatch()) {
-        return print({L"Only Windows starts it without an option. In the foreground: zopconfigsvc "
+        return print({L"Only Windows starts it with --service. In the foreground: zopconfigsvc "
                       L"--console\nMore:  zopconfigsvc --help",
                       true},
                      console);
@@ -51,6 +51,8 @@ ExitCode runAsService(Console& console) {
 
 ExitCode run(const ServiceOptions& options, Console& console) {
     switch (options.action) {
+    case ServiceOptions::Action::None:
+        break; // refused by parseArguments
     case ServiceOptions::Action::Serve:
         return runAsService(console);
     case ServiceOptions::Action::Console:
