@@ -15,7 +15,7 @@ constexpr DWORD patience = 10'000;
 } // namespace
 
 PipeClient::PipeClient(const std::wstring& path)
-    : done_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+    : done_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)), buffer_(protocol::maxMessageBytes) {
     for (;;) {
         pipe_.reset(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                   OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
@@ -44,14 +44,13 @@ bool PipeClient::send(protocol::MessageView message) {
 std::optional<PipeClient::Message> PipeClient::receive() {
     OVERLAPPED operation{};
     operation.hEvent = done_.get();
-    thread_local Message message(protocol::maxMessageBytes);
     DWORD bytes = 0;
-    const BOOL started = ::ReadFile(pipe_.get(), message.data(), static_cast<DWORD>(message.size()),
+    const BOOL started = ::ReadFile(pipe_.get(), buffer_.data(), static_cast<DWORD>(buffer_.size()),
                                     nullptr, &operation);
     if (!finish(started, operation, bytes)) {
         return std::nullopt;
     }
-    return Message(message.begin(), message.begin() + bytes);
+    return Message(buffer_.begin(), buffer_.begin() + bytes);
 }
 
 protocol::Reply PipeClient::ask(const protocol::Request& request) {

@@ -30,4 +30,5 @@ private:
 
     RunTime::AutoHandle pipe_;
     RunTime::AutoHandle done_;
+    Message buffer_;
 };
