@@ -7,18 +7,10 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
-#include <windows.h>
 
 namespace {
-
-double milliseconds() {
-    LARGE_INTEGER now;
-    LARGE_INTEGER second;
-    ::QueryPerformanceCounter(&now);
-    ::QueryPerformanceFrequency(&second);
-    return static_cast<double>(now.QuadPart) * 1e3 / static_cast<double>(second.QuadPart);
-}
 
 // Counts the questions. The answer costs nothing, as none is asked twice in a file.
 class CountingLookup final : public DiskSecurity::AccountLookup {
@@ -49,9 +41,10 @@ template <class Function>
 double medianOf(Function function) {
     std::array<double, 7> runs{};
     for (double& run : runs) {
-        const double start = milliseconds();
+        const auto start = std::chrono::steady_clock::now();
         function();
-        run = milliseconds() - start;
+        run = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                  .count();
     }
     std::sort(runs.begin(), runs.end());
     return runs[runs.size() / 2];

@@ -164,7 +164,8 @@ void ConfigImporter::EntryImporter::loadAceFlags() {
 }
 
 void ConfigImporter::EntryImporter::loadEntryFlags() {
-    entry_.entryFlags = values_[EntryFlags] ? toInteger(*values_[EntryFlags]) : 0;
+    const std::optional<std::wstring_view>& number = values_[EntryFlags];
+    entry_.entryFlags = number ? toInteger(*number) : 0;
 }
 
 std::wstring ConfigImporter::EntryImporter::text(Name name) const {

@@ -31,7 +31,7 @@ public:
 
     // Throws what the handler threw, or vosexception "Unable to parse XML: ..." with the parser's
     // result as its code; failurePosition() then tells where in the file.
-    void parse(PolicyText& text);
+    void parse(PolicyText& document);
     TextPosition failurePosition() const { return failurePosition_; }
 
 private:

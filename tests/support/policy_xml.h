@@ -1,13 +1,14 @@
-// Pieces of policy files for tests: an entry that is in order, and the same with one attribute
-// changed.
+// Pieces of policy files for tests: an entry that is in order, the same with some attributes
+// changed, and accounts to name.
 #pragma once
 
-#include "runtime/text.h"
+#include "runtime/exception.h"
 #include "security/disk/account_lookup.h"
 
-#include "runtime/exception.h"
-
+#include <array>
+#include <iterator>
 #include <map>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -28,6 +29,18 @@ public:
         return RunTime::Sid(found->second);
     }
 };
+
+// Values that a table of a test has, written as a call so that they fill the lines.
+template <class Value, class... Values>
+auto listOf(Values... values) {
+    return std::array<Value, sizeof...(values)>{static_cast<Value>(values)...};
+}
+
+// The words of a text, which blanks separate.
+inline std::vector<std::wstring> wordsOf(const wchar_t* text) {
+    std::wistringstream stream(text);
+    return {std::istream_iterator<std::wstring, wchar_t>(stream), {}};
+}
 
 using Attributes = std::vector<std::pair<std::string, std::string>>;
 

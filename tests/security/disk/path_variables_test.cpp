@@ -1,10 +1,10 @@
 #include "security/disk/path_variables.h"
 
-#include "runtime/auto_ptr.h"
 #include "runtime/files/path.h"
 #include "security/disk/well_known_folders.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/policy_xml.h"
 #include "tests/support/registry_override.h"
 
 #include <initguid.h>
@@ -17,30 +17,24 @@ namespace {
 
 // The system tells the same folders in another way, too.
 TEST(WellKnownFoldersTest, NamesAreTheSystemsFolders) {
-    const std::pair<const wchar_t*, const GUID*> expected[] = {
-        {L"CommonAdmintools", &FOLDERID_CommonAdminTools},
-        {L"CommonAppdata", &FOLDERID_ProgramData},
-        {L"CommonDocuments", &FOLDERID_PublicDocuments},
-        {L"ProgramFiles", &FOLDERID_ProgramFiles},
-        {L"ProgramFilesX86", &FOLDERID_ProgramFilesX86},
-        {L"ProgramFilesX64", &FOLDERID_ProgramFilesX64},
-        {L"ProgramFilesCommon", &FOLDERID_ProgramFilesCommon},
-        {L"ProgramFilesCommonX86", &FOLDERID_ProgramFilesCommonX86},
-        {L"ProgramFilesCommonX64", &FOLDERID_ProgramFilesCommonX64},
-        {L"CommonFilesDir", &FOLDERID_ProgramFilesCommon},
-        {L"Windows", &FOLDERID_Windows},
-        {L"WindowsSystem32", &FOLDERID_System},
-        {L"WindowsSystem32X86", &FOLDERID_SystemX86},
-        {L"WindowsSystem32X64", &FOLDERID_System},
-        {L"Profiles", &FOLDERID_UserProfiles},
-    };
-    ASSERT_EQ(std::size(expected), wellKnownFolders().size());
+    const std::vector<std::wstring> names =
+        wordsOf(L"CommonAdmintools CommonAppdata CommonDocuments ProgramFiles ProgramFilesX86 "
+                L"ProgramFilesX64 ProgramFilesCommon ProgramFilesCommonX86 ProgramFilesCommonX64 "
+                L"CommonFilesDir Windows WindowsSystem32 WindowsSystem32X86 WindowsSystem32X64 "
+                L"Profiles");
+    const auto ids =
+        listOf<GUID>(FOLDERID_CommonAdminTools, FOLDERID_ProgramData, FOLDERID_PublicDocuments,
+                     FOLDERID_ProgramFiles, FOLDERID_ProgramFilesX86, FOLDERID_ProgramFilesX64,
+                     FOLDERID_ProgramFilesCommon, FOLDERID_ProgramFilesCommonX86,
+                     FOLDERID_ProgramFilesCommonX64, FOLDERID_ProgramFilesCommon, FOLDERID_Windows,
+                     FOLDERID_System, FOLDERID_SystemX86, FOLDERID_System, FOLDERID_UserProfiles);
+    ASSERT_EQ(std::size(names), wellKnownFolders().size());
     PathVariables variables;
-    for (const auto& [name, id] : expected) {
+    for (std::size_t i = 0; i < std::size(names); ++i) {
         PWSTR path = nullptr;
-        ASSERT_EQ(S_OK, ::SHGetKnownFolderPath(*id, 0, nullptr, &path)) << toUtf8(name);
-        EXPECT_TRUE(RunTime::equalNames(path, variables.value(name)))
-            << toUtf8(name) << " " << toUtf8(variables.value(name)) << " " << toUtf8(path);
+        ASSERT_EQ(S_OK, ::SHGetKnownFolderPath(ids[i], 0, nullptr, &path)) << toUtf8(names[i]);
+        EXPECT_TRUE(RunTime::equalNames(path, variables.value(names[i])))
+            << toUtf8(names[i]) << " " << toUtf8(variables.value(names[i])) << " " << toUtf8(path);
         ::CoTaskMemFree(path);
     }
 }

@@ -1,5 +1,6 @@
 #include "security/disk/policy_names.h"
 #include "tests/support/expect_error.h"
+#include "tests/support/policy_xml.h"
 
 #include "security/sid.h"
 
@@ -9,103 +10,59 @@ namespace DiskSecurity {
 
 namespace {
 
-// Composed of the rights that Windows' own header names.
+// In the order of the names, which the messages of the importer are tested for. Composed of the
+// rights that Windows' own header names.
 TEST(PolicyNamesTest, AccessNamesAreTheseRights) {
-    const AccessName expected[] = {
-        {L"NoAccess", 0},
-        {L"Read", FILE_GENERIC_READ},
-        {L"ReadAndExecute", FILE_GENERIC_READ | FILE_GENERIC_EXECUTE},
-        {L"ReadAndDelete", FILE_READ_DATA | DELETE},
-        {L"ReadWrite", FILE_GENERIC_READ | FILE_GENERIC_WRITE},
-        {L"Modify", FILE_GENERIC_READ | FILE_GENERIC_WRITE | FILE_GENERIC_EXECUTE | DELETE},
-        {L"FullAccess", FILE_ALL_ACCESS},
-        {L"FileRemovable", DELETE | WRITE_DAC | WRITE_OWNER | FILE_WRITE_EA | FILE_DELETE_CHILD |
-                               FILE_WRITE_ATTRIBUTES},
-        {L"FileNonRemovable",
-         FILE_GENERIC_READ | FILE_EXECUTE | FILE_WRITE_DATA | FILE_APPEND_DATA},
-        {L"FtpSubaccountsNonRemovable", DELETE | WRITE_DAC | WRITE_OWNER | FILE_WRITE_EA |
-                                            FILE_DELETE_CHILD | FILE_WRITE_ATTRIBUTES |
-                                            FILE_WRITE_DATA | FILE_APPEND_DATA},
-        {L"SpecialModify",
-         READ_CONTROL | SYNCHRONIZE | FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_EXECUTE},
-    };
+    constexpr ACCESS_MASK change = FILE_WRITE_DATA | FILE_APPEND_DATA;
+    constexpr ACCESS_MASK remove = DELETE | WRITE_DAC | WRITE_OWNER | FILE_WRITE_EA |
+                                   FILE_DELETE_CHILD | FILE_WRITE_ATTRIBUTES;
+    constexpr ACCESS_MASK run = FILE_GENERIC_READ | FILE_EXECUTE;
+    const auto expected = listOf<ACCESS_MASK>(
+        0, FILE_GENERIC_READ, FILE_GENERIC_READ | FILE_GENERIC_EXECUTE, FILE_READ_DATA | DELETE,
+        FILE_GENERIC_READ | FILE_GENERIC_WRITE, run | FILE_GENERIC_WRITE | DELETE, FILE_ALL_ACCESS,
+        remove, run | change, remove | change, READ_CONTROL | SYNCHRONIZE | change | FILE_EXECUTE);
     ASSERT_EQ(std::size(expected), accessNames().size());
-    for (const AccessName& row : expected) {
-        const AccessName* found = findName(accessNames(), row.name);
-        ASSERT_NE(nullptr, found) << toUtf8(row.name);
-        EXPECT_EQ(row.value, found->value) << toUtf8(row.name);
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+        EXPECT_EQ(expected[i], accessNames()[i].value) << toUtf8(accessNames()[i].name);
     }
-    EXPECT_EQ(nullptr, findName(accessNames(), L"modify"));
 }
 
 TEST(PolicyNamesTest, InheritanceNamesSayThisObjectFoldersAndFiles) {
-    struct {
-        const wchar_t* name;
-        bool here, folders, files;
-    } expected[] = {
-        {L"ThisObjectOnly", true, false, false},
-        {L"ThisFolderAndFiles", true, false, true},
-        {L"ThisFolderAndSubfolders", true, true, false},
-        {L"ThisFolderSubfoldersAndFiles", true, true, true},
-        {L"FilesOnly", false, false, true},
-        {L"SubfoldersOnly", false, true, false},
-        {L"SubfoldersAndFilesOnly", false, true, true},
-    };
-    ASSERT_EQ(std::size(expected), aceFlagsNames().size());
-    for (const auto& row : expected) {
-        const AceFlagsName* found = findName(aceFlagsNames(), row.name);
-        ASSERT_NE(nullptr, found) << toUtf8(row.name);
-        EXPECT_EQ((row.here ? 0 : 8) + (row.folders ? 2 : 0) + (row.files ? 1 : 0), found->value)
-            << toUtf8(row.name);
+    for (const AceFlagsName& row : aceFlagsNames()) {
+        const std::wstring name = row.name;
+        const bool here = name.starts_with(L"This");
+        const bool folders = name.find(L"Subfolders") != name.npos;
+        const bool files = name.find(L"Files") != name.npos;
+        EXPECT_EQ((here ? 0 : 8) | (folders ? 2 : 0) | (files ? 1 : 0), row.value) << toUtf8(name);
     }
 }
 
 TEST(PolicyNamesTest, AccountNamesAreTheSystemsWellKnownSids) {
-    constexpr std::pair<const wchar_t*, WELL_KNOWN_SID_TYPE> expected[] = {
-        {L"Null", WinNullSid},
-        {L"Everyone", WinWorldSid},
-        {L"Local", WinLocalSid},
-        {L"CreatorOwner", WinCreatorOwnerSid},
-        {L"CreatorGroup", WinCreatorGroupSid},
-        {L"CreatorOwnerServer", WinCreatorOwnerServerSid},
-        {L"CreatorGroupServer", WinCreatorGroupServerSid},
-        {L"Dialup", WinDialupSid},
-        {L"Network", WinNetworkSid},
-        {L"Batch", WinBatchSid},
-        {L"Interactive", WinInteractiveSid},
-        {L"Service", WinServiceSid},
-        {L"AnonymousLogon", WinAnonymousSid},
-        {L"Proxy", WinProxySid},
-        {L"ServerLogon", WinEnterpriseControllersSid},
-        {L"Self", WinSelfSid},
-        {L"AuthenticatedUser", WinAuthenticatedUserSid},
-        {L"RestrictedCode", WinRestrictedCodeSid},
-        {L"TerminalServer", WinTerminalServerSid},
-        {L"System", WinLocalSystemSid},
-        {L"LocalService", WinLocalServiceSid},
-        {L"NetworkService", WinNetworkServiceSid},
-        {L"ThisOrganization", WinThisOrganizationSid},
-        {L"Administrators", WinBuiltinAdministratorsSid},
-        {L"Users", WinBuiltinUsersSid},
-        {L"Guests", WinBuiltinGuestsSid},
-        {L"PowerUsers", WinBuiltinPowerUsersSid},
-        {L"RemoteDesktopUsers", WinBuiltinRemoteDesktopUsersSid},
-        {L"AccountOps", WinBuiltinAccountOperatorsSid},
-        {L"SystemOps", WinBuiltinSystemOperatorsSid},
-        {L"PrintOps", WinBuiltinPrintOperatorsSid},
-        {L"BackupOps", WinBuiltinBackupOperatorsSid},
-        {L"Replicator", WinBuiltinReplicatorSid},
-        {L"PreW2kCompAccess", WinBuiltinPreWindows2000CompatibleAccessSid},
-    };
-    for (const auto& [name, type] : expected) {
-        const AccountName* row = findName(accountNames(), name);
-        ASSERT_NE(nullptr, row) << toUtf8(name);
-        alignas(SID) BYTE sid[SECURITY_MAX_SID_SIZE];
-        DWORD size = sizeof(sid);
-        ASSERT_TRUE(::CreateWellKnownSid(type, nullptr, sid, &size)) << toUtf8(name);
-        EXPECT_TRUE(::EqualSid(sid, RunTime::Sid(std::wstring(row->sid)).get())) << toUtf8(name);
+    const std::vector<std::wstring> names =
+        wordsOf(L"Null Everyone Local CreatorOwner CreatorGroup CreatorOwnerServer "
+                L"CreatorGroupServer Dialup Network Batch Interactive Service AnonymousLogon Proxy "
+                L"ServerLogon Self AuthenticatedUser RestrictedCode TerminalServer System "
+                L"LocalService NetworkService ThisOrganization Administrators Users Guests "
+                L"PowerUsers RemoteDesktopUsers AccountOps SystemOps PrintOps BackupOps Replicator "
+                L"PreW2kCompAccess");
+    const auto types = listOf<WELL_KNOWN_SID_TYPE>(
+        WinNullSid, WinWorldSid, WinLocalSid, WinCreatorOwnerSid, WinCreatorGroupSid,
+        WinCreatorOwnerServerSid, WinCreatorGroupServerSid, WinDialupSid, WinNetworkSid,
+        WinBatchSid, WinInteractiveSid, WinServiceSid, WinAnonymousSid, WinProxySid,
+        WinEnterpriseControllersSid, WinSelfSid, WinAuthenticatedUserSid, WinRestrictedCodeSid,
+        WinTerminalServerSid, WinLocalSystemSid, WinLocalServiceSid, WinNetworkServiceSid,
+        WinThisOrganizationSid, WinBuiltinAdministratorsSid, WinBuiltinUsersSid,
+        WinBuiltinGuestsSid, WinBuiltinPowerUsersSid, WinBuiltinRemoteDesktopUsersSid,
+        WinBuiltinAccountOperatorsSid, WinBuiltinSystemOperatorsSid, WinBuiltinPrintOperatorsSid,
+        WinBuiltinBackupOperatorsSid, WinBuiltinReplicatorSid,
+        WinBuiltinPreWindows2000CompatibleAccessSid);
+    ASSERT_EQ(std::size(names), std::size(types));
+    for (std::size_t i = 0; i < std::size(names); ++i) {
+        const AccountName* row = findName(accountNames(), names[i]);
+        ASSERT_NE(nullptr, row) << toUtf8(names[i]);
+        EXPECT_EQ(RunTime::Sid::wellKnown(types[i]).string(), row->sid) << toUtf8(names[i]);
     }
-    EXPECT_EQ(std::size(expected) + 3, accountNames().size()); // the three that have no such type
+    EXPECT_EQ(std::size(names) + 3, accountNames().size()); // the three that have no such type
     EXPECT_EQ(L"S-1-5-32-" + std::to_wstring(DOMAIN_ALIAS_RID_RAS_SERVERS),
               findName(accountNames(), L"RasServers")->sid);
     EXPECT_EQ(500u, findName(accountNames(), L"Administrator")->rid);
