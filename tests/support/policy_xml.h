@@ -4,13 +4,14 @@
 
 #include "runtime/exception.h"
 #include "security/disk/account_lookup.h"
+#include "security/disk/policy_entry.h"
 
 #include <array>
 #include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
-#include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -65,4 +66,11 @@ inline std::string entryXml(const Attributes& changes = {}) {
 
 inline std::string policyXml(const std::string& entries) {
     return "<DiskSecurity>\n" + entries + "\n</DiskSecurity>\n";
+}
+
+inline auto fieldsOf(const DiskSecurity::PolicyEntry& entry) {
+    return std::make_tuple(entry.account.type, entry.account.name, entry.account.domain,
+                           entry.account.sid.string(), entry.path, entry.subPath, entry.accessMask,
+                           static_cast<int>(entry.aceFlags), entry.entryFlags, entry.tag,
+                           entry.tag2);
 }

@@ -2,6 +2,7 @@
 
 #include "security/disk/policy_names.h"
 #include "tests/support/expect_error.h"
+#include "tests/support/import_patch.h"
 #include "tests/support/policy_xml.h"
 #include "tests/support/temp_directory.h"
 
@@ -49,17 +50,10 @@ TEST_F(ConfigImporterTest, EntryHasAllThatItsAttributesSay) {
                                          {"EntryFlags", "0x10"},
                                          {"Tag", "one"},
                                          {"Tag2", "&quot;two&quot;"}});
-    EXPECT_EQ(2u, entry.account.type);
-    EXPECT_EQ(L"alice", entry.account.name);
-    EXPECT_EQ(L"HOME", entry.account.domain);
-    EXPECT_EQ(L"S-1-5-21-1-2-3-1001", entry.account.sid.string());
-    EXPECT_EQ(L"[HTTPD_VHOSTS_D]\\\u0416 & b", entry.path);
-    EXPECT_EQ(L"c\\d", entry.subPath);
-    EXPECT_EQ(0x001301BFu, entry.accessMask);
-    EXPECT_EQ(11, entry.aceFlags);
-    EXPECT_EQ(16u, entry.entryFlags);
-    EXPECT_EQ(L"one", entry.tag);
-    EXPECT_EQ(L"\"two\"", entry.tag2);
+    EXPECT_EQ(std::make_tuple(2u, L"alice", L"HOME", L"S-1-5-21-1-2-3-1001",
+                              L"[HTTPD_VHOSTS_D]\\\u0416 & b", L"c\\d", 0x001301BFu, 11, 16u,
+                              L"one", L"\"two\""),
+              fieldsOf(entry));
 }
 
 TEST_F(ConfigImporterTest, EveryWellKnownAccountIsImported) {
@@ -168,6 +162,14 @@ TEST_F(ConfigImporterTest, FileIsReadWhereverItLiesAndNothingIsKeptOfAFailure) {
     EXPECT_EQ(1u, importer.importFile(path).size());
     directory.writeFile(L"broken.xml", entryXml() + "<");
     EXPECT_THROW(importer.importFile(directory / L"broken.xml"), vosexception);
+    for (const char* function : {"CreateFileW", "GetFileSizeEx", "ReadFile"}) {
+        FaultPoint fault(function);
+        fault.code = ERROR_SHARING_VIOLATION;
+        fault.result = function[0] == 'C' ? ~std::uintptr_t{0} : 0;
+        fault.failOnwards = true;
+        fault.failAt = 0;
+        EXPECT_THROW(importer.importFile(path), VSharingViolationException) << function;
+    }
     EXPECT_EQ(1u, importer.importFile(path).size());
     const std::wstring missing = directory.nice() + L"\\missing.xml";
     EXPECT_THROW(importer.importFile(missing), VFileNotFoundException);

@@ -12,13 +12,6 @@ namespace DiskSecurity {
 
 namespace {
 
-auto fields(const PolicyEntry& entry) {
-    return std::make_tuple(entry.account.type, entry.account.name, entry.account.domain,
-                           entry.account.sid.string(), entry.path, entry.subPath, entry.accessMask,
-                           static_cast<int>(entry.aceFlags), entry.entryFlags, entry.tag,
-                           entry.tag2);
-}
-
 class EntryCollectionsTest : public ::testing::Test {
 protected:
     ConfigImporter importer{std::make_shared<FakeLookup>()};
@@ -68,7 +61,7 @@ TEST_F(EntryCollectionsTest, ImportOfAnExportIsWhatWasExported) {
         importer.importBytes(exportEntries(entries), L"p.xml");
     ASSERT_EQ(entries.size(), imported.size());
     for (std::size_t i = 0; i < entries.size(); ++i) {
-        ASSERT_EQ(fields(entries[i]), fields(imported[i])) << "entry " << i;
+        ASSERT_EQ(fieldsOf(entries[i]), fieldsOf(imported[i])) << "entry " << i;
     }
 }
 

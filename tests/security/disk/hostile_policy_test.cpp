@@ -189,9 +189,10 @@ TEST_F(HostilePolicyTest, PlacesAreTheFilesOwnWhereLinesAreLong) {
     EXPECT_EQ(static_cast<int>(good.size()) + 1, report.problems[0].position.column);
     EXPECT_EQ(3, report.problems[1].position.line);
     EXPECT_EQ(2, report.problems[1].position.column);
-    const ConfigImporter::Report broken = importer.checkBytes("<a>\n" + good + "\n\n" + good + "&");
+    const ConfigImporter::Report broken =
+        importer.checkBytes("<a>\n" + good + "&x;" + many(5'000, "\n") + "</a>");
     ASSERT_EQ(1u, broken.problems.size());
-    EXPECT_EQ(4, broken.problems[0].position.line);
+    EXPECT_EQ(2, broken.problems[0].position.line);
 }
 
 // Whatever the bytes, there is an answer: an import and a check agree, and nothing grows.
