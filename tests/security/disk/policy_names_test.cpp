@@ -13,14 +13,16 @@ namespace {
 // In the order of the names, which the messages of the importer are tested for. Composed of the
 // rights that Windows' own header names.
 TEST(PolicyNamesTest, AccessNamesAreTheseRights) {
+    constexpr ACCESS_MASK read = FILE_GENERIC_READ;
+    constexpr ACCESS_MASK write = FILE_GENERIC_WRITE;
+    constexpr ACCESS_MASK run = FILE_GENERIC_EXECUTE;
     constexpr ACCESS_MASK change = FILE_WRITE_DATA | FILE_APPEND_DATA;
     constexpr ACCESS_MASK remove = DELETE | WRITE_DAC | WRITE_OWNER | FILE_WRITE_EA |
                                    FILE_DELETE_CHILD | FILE_WRITE_ATTRIBUTES;
-    constexpr ACCESS_MASK run = FILE_GENERIC_READ | FILE_EXECUTE;
     const auto expected = listOf<ACCESS_MASK>(
-        0, FILE_GENERIC_READ, FILE_GENERIC_READ | FILE_GENERIC_EXECUTE, FILE_READ_DATA | DELETE,
-        FILE_GENERIC_READ | FILE_GENERIC_WRITE, run | FILE_GENERIC_WRITE | DELETE, FILE_ALL_ACCESS,
-        remove, run | change, remove | change, READ_CONTROL | SYNCHRONIZE | change | FILE_EXECUTE);
+        0, read, read | run, FILE_READ_DATA | DELETE, read | write, read | write | run | DELETE,
+        FILE_ALL_ACCESS, remove, read | FILE_EXECUTE | change, remove | change,
+        READ_CONTROL | SYNCHRONIZE | change | FILE_EXECUTE);
     ASSERT_EQ(std::size(expected), accessNames().size());
     for (std::size_t i = 0; i < std::size(expected); ++i) {
         EXPECT_EQ(expected[i], accessNames()[i].value) << toUtf8(accessNames()[i].name);
