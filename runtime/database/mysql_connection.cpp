@@ -64,7 +64,9 @@ MySQLConnection::~MySQLConnection() {
 
 void MySQLConnection::open() {
     close();
-    Handle handle(::mysql_init(nullptr));
+    // Once for the process: left to itself, the library would do it in two threads at a time.
+    static const bool ready = ::mysql_library_init(0, nullptr, nullptr) == 0;
+    Handle handle(ready ? ::mysql_init(nullptr) : nullptr);
     if (!handle) {
         throw std::bad_alloc();
     }

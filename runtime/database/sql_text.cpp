@@ -56,7 +56,7 @@ Bytes toSqlBytes(std::wstring_view text) {
         throw ArgumentException(L"The text for the database has half a surrogate pair in it",
                                 {L"", "database::toSqlBytes", __LINE__});
     }
-    return {bytes.begin(), bytes.end()};
+    return Bytes(bytes.begin(), bytes.end());
 }
 
 Bytes bindValues(const std::wstring& sql, const VDatabase::Values& values, const Escape& escape) {

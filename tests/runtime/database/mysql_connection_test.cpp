@@ -4,6 +4,7 @@
 
 #include "tests/runtime/database/database_fixture.h"
 #include "tests/support/expect_error.h"
+#include "tests/support/import_patch.h"
 #include "tests/support/registry_override.h"
 
 #include <thread>
@@ -241,6 +242,50 @@ TEST_F(MySQLConnectionTest, NothingRunsInATransactionThatTheServerHasEnded) {
     EXPECT_EQ(first + second, 1213U);
     (first != 0 ? *other : *database).rollbackTrans();
     EXPECT_EQ(ids(), "1,2");
+}
+
+TEST_F(MySQLConnectionTest, WhicheverTransferFailsATransactionIsWholeOrNotThere) {
+    for (const char* function : {"connect", "send", "recv", "select"}) {
+        // Null, which is this program, where the client library is linked in.
+        FaultPoint fault(function, ::GetModuleHandleW(L"libmariadb.dll"));
+        fault.code = WSAECONNRESET;
+        fault.result = static_cast<std::uintptr_t>(SOCKET_ERROR);
+        int failures = 0;
+        bool fired = true;
+        for (long n = 0; fired; ++n) {
+            SCOPED_TRACE(std::string(function) + ", call " + std::to_string(n));
+            ASSERT_LT(n, 200);
+            database->execute(L"delete from t");
+            bool failed = false;
+            bool committing = false;
+            fault.calls = 0;
+            fault.failAt = n;
+            try {
+                VMySQLDatabase fresh(parameters());
+                VDatabase::Transaction transaction(fresh);
+                const auto rows = fresh.query(L"select seq from seq_1_to_3");
+                while (rows->next()) {
+                    fresh.execute(L"insert into t values (?)", {rows->value(L"seq")});
+                }
+                committing = true;
+                transaction.commit();
+            } catch (const VDatabase::ConnectException&) {
+                failed = true;
+            } catch (const VDatabase::StatementException&) {
+                failed = true;
+            }
+            fired = fault.fired();
+            fault.failAt = -1;
+            const std::string left = one(L"select group_concat(id order by id) from t");
+            if (!failed) {
+                EXPECT_EQ(left, "1,2,3");
+            } else if (!committing || left != "1,2,3") { // else the answer alone was lost
+                EXPECT_EQ(left, "NULL");
+            }
+            failures += failed ? 1 : 0;
+        }
+        EXPECT_GT(failures, 0) << function;
+    }
 }
 
 TEST_F(MySQLConnectionTest, LockedTablesAreForOneConnection) {
