@@ -89,7 +89,7 @@ PipeServer::Answer refuse(PipeServer::Fault fault) {
 
 } // namespace
 
-ConfigService::ConfigService(Options options)
+ConfigService::ConfigService(const Options& options)
     : path_(options.pipeName.empty() ? configuredPipePath() : config::pipePath(options.pipeName)),
       store_(configKey),
       server_({.path = path_,

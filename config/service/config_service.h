@@ -28,7 +28,7 @@ public:
     };
 
     // Serves when it returns. Throws vexception.
-    explicit ConfigService(Options options);
+    explicit ConfigService(const Options& options);
     ~ConfigService();
 
     // As PipeServer::stop.

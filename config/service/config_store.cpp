@@ -91,7 +91,9 @@ std::vector<protocol::ListedValue> ConfigStore::list(const std::wstring& behind,
     std::sort(result.begin(), result.end(), [](const auto& first, const auto& second) {
         return protocol::compareNames(first.name, second.name) < 0;
     });
-    result.resize(std::min(result.size(), count));
+    if (result.size() > count) {
+        result.erase(result.begin() + static_cast<std::ptrdiff_t>(count), result.end());
+    }
     return result;
 }
 

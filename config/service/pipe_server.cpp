@@ -152,16 +152,14 @@ void PipeServer::completed(Connection& connection, DWORD bytes, DWORD code) {
 
 // Until the next time-out.
 DWORD PipeServer::nextWait() const {
-    std::optional<Clock::time_point> next;
+    auto next = Clock::time_point::max();
     for (const auto& connection : connections_) {
-        if (connection->deadline && (!next || *connection->deadline < *next)) {
-            next = connection->deadline;
-        }
+        next = std::min(next, connection->deadline.value_or(next));
     }
-    if (!next) {
+    if (next == Clock::time_point::max()) {
         return INFINITE;
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
     return static_cast<DWORD>(std::clamp<long long>(left.count(), 0, 60'000));
 }
 

@@ -136,3 +136,14 @@ std::wstring codeUnits(const std::wstring& text) {
     }
     return units;
 }
+
+std::wstring besideTests(const std::wstring& file) {
+    const std::wstring tests = childProgram();
+    return tests.substr(0, tests.rfind(L'\\') + 1) + file;
+}
+
+RunTime::Execute::Result runBeside(const wchar_t* program, const std::vector<std::wstring>& words) {
+    RunTime::Execute execute(besideTests(program), words);
+    execute.timeout = std::chrono::minutes(1);
+    return startingAgain([&] { return execute.run(); });
+}

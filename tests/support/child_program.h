@@ -15,6 +15,7 @@
 #pragma once
 
 #include "runtime/exception.h"
+#include "runtime/process/execute.h"
 
 #include <string>
 #include <vector>
@@ -41,3 +42,9 @@ auto startingAgain(Function&& start) {
         }
     }
 }
+
+// The path of a file that lies beside the tests, as the project's programs do.
+std::wstring besideTests(const std::wstring& file);
+
+// Runs one of those programs, for a minute at most.
+RunTime::Execute::Result runBeside(const wchar_t* program, const std::vector<std::wstring>& words);

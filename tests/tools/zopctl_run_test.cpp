@@ -12,10 +12,7 @@
 namespace {
 
 RunTime::Execute::Result run(const std::vector<std::wstring>& words) {
-    const std::wstring tests = childProgram(); // beside it
-    RunTime::Execute program(tests.substr(0, tests.rfind(L'\\') + 1) + L"zopctl.exe", words);
-    program.timeout = std::chrono::minutes(1);
-    return startingAgain([&] { return program.run(); });
+    return runBeside(L"zopctl.exe", words);
 }
 
 } // namespace

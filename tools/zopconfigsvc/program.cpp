@@ -32,7 +32,7 @@ ExitCode runInForeground(const std::wstring& pipe, Console& console) {
     StopKey key;
     config::ConfigService::Options options;
     options.pipeName = pipe;
-    config::ConfigService service(std::move(options));
+    config::ConfigService service(options);
     console.line(L"Ctrl+C ends it.");
     key.wait();
     service.stop();
