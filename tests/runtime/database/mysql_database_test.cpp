@@ -13,31 +13,20 @@ class MySQLDatabaseTest : public DatabaseFixture {};
 
 // What has broken escaping somewhere before, and random mixtures of it.
 std::vector<std::wstring> hostileTexts() {
-    std::vector<std::wstring> texts = {
-        L"",
-        L"\\",
-        L"C:\\vhosts\\",
-        L"'",
-        L"\\'",
-        L"''\\\\'",
-        L"' or 1=1 -- ",
-        L"'; drop table texts; #",
-        L"%s %n ? ? _%",
-        L"NULL",
-        L"\U0001F600 \U00020000",
-        L"\u202Eabc\u05D0\u0627",
-        L"\xFFFD",
-        L"a\u0301 \u00E1",
-        L" blanks ",
-        std::wstring(L"a\0b\0", 4),
-        std::wstring(100'000, L'\''),
-    };
+    std::vector<std::wstring> texts = {L"",
+                                       L"' or 1=1 -- ",
+                                       L"'; drop table texts; #",
+                                       L"C:\\vhosts\\",
+                                       L"%s ? _% NULL ",
+                                       L"\u202Eabc\u05D0\u0627 a\u0301",
+                                       std::wstring(L"a\0b\0", 4),
+                                       std::wstring(100'000, L'\'')};
     std::wstring controls;
     for (wchar_t c = 1; c < 0xA0; ++c) {
         controls += c;
     }
     texts.push_back(controls);
-    const std::wstring pieces[] = {L"\\", L"'", L"\"", L"`", L"?", L"\u00BF", L"\U0001F600", L"x"};
+    const std::wstring pieces[] = {L"\\", L"'", L"\"", L"`", L"?", L"\u00BF\xFFFD", L"\U0001F600"};
     std::mt19937 random(1);
     for (int i = 0; i < 100; ++i) {
         std::wstring text;
@@ -102,25 +91,15 @@ TEST_F(MySQLDatabaseTest, NullNumbersAndColumnsAreWhatTheyAre) {
 TEST_F(MySQLDatabaseTest, ValuesThatCouldLandOutsideTheirQuotesAreRefused) {
     const std::wstring value = L"x";
     const std::pair<const wchar_t*, VDatabase::Values> cases[] = {
-        {L"select ?", {value, value}},  {L"select ?, ?", {value}},       {L"select '?'", {value}},
-        {L"select 'a''?'", {value}},    {L"select `?`", {value}},        {L"select \"?\"", {value}},
-        {L"select '\\', ?", {value}},   {L"select ? -- don't", {value}}, {L"select ? # '", {value}},
-        {L"select ? /* ' */", {value}}, {L"select 1", {value}},          {L"select ?", {L"\xD800"}},
-        {L"select ?", {L"a\xDC00z"}},   {L"select '\xDBFF'", {}},
-    };
+        {L"select ?", {value, value}},   {L"select ?, ?", {value}},  {L"select 'a''?'", {value}},
+        {L"select `?`", {value}},        {L"select \"?\"", {value}}, {L"select '\\', ?", {value}},
+        {L"select ? -- don't", {value}}, {L"select ? # '", {value}}, {L"select ? /* ' */", {value}},
+        {L"select 1", {value}},          {L"select ?", {L"\xD800"}}, {L"select '\xDBFF'", {}}};
     for (const auto& [sql, values] : cases) {
         EXPECT_THROW(database->query(sql, values), ArgumentException) << toUtf8(sql);
     }
     EXPECT_THROW(database->escape(L"\xD83D"), ArgumentException);
     statementError(1064, [this] { database->execute(L"do 1; do 2"); });
-}
-
-TEST_F(MySQLDatabaseTest, TextThatAColumnCannotHoldIsRefused) {
-    makeTable(L"narrow", L"t varchar(3), l varchar(9) character set latin1");
-    statementError(1406, [this] { database->execute(L"insert into narrow (t) values ('abcd')"); });
-    statementError(
-        1366, [this] { database->execute(L"insert into narrow (l) values (?)", {L"\U0001F600"}); });
-    EXPECT_EQ(one(L"select count(*) from narrow"), "0");
 }
 
 TEST_F(MySQLDatabaseTest, ErrorsHaveTheServersTextAndNoValues) {
@@ -129,16 +108,15 @@ TEST_F(MySQLDatabaseTest, ErrorsHaveTheServersTextAndNoValues) {
     });
     EXPECT_EQ(missing, "Unable to execute (update missing set password = ? where login = ?): Table "
                        "'zop_test.missing' doesn't exist (Error number 1146)");
-    const std::string quoted = statementError(
-        1146, [this] { database->execute(L"update missing set password = 's3cret', a = 1"); });
-    EXPECT_NE(quoted.find("(update missing set password = ...)"), std::string::npos) << quoted;
-    EXPECT_LT(statementError(1146,
-                             [this] {
-                                 database->query(L"select " + std::wstring(9999, L'+') +
-                                                 L"1 from missing");
-                             })
-                  .size(),
-              400U);
+    const std::string quoted = statementError(1146, [this] {
+        database->query(L"select 1 from missing where password = 's3cret' and a = 1");
+    });
+    EXPECT_NE(quoted.find("where password = ...)"), std::string::npos) << quoted;
+
+    makeTable(L"narrow", L"t varchar(3), l varchar(9) character set latin1");
+    statementError(1406, [this] { database->execute(L"insert into narrow (t) values ('abcd')"); });
+    statementError(
+        1366, [this] { database->execute(L"insert into narrow (l) values (?)", {L"\U0001F600"}); });
 }
 
 TEST_F(MySQLDatabaseTest, StatementsTellWhatTheyFoundAndMade) {
