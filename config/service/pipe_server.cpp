@@ -408,7 +408,7 @@ void PipeServer::reportClient(const Connection& connection, const std::wstring& 
 
 void PipeServer::report(LogType type, const std::wstring& text) {
     const Clock::time_point now = Clock::now();
-    if (reports_ == 0 || now - reportsSince_ > 1min) {
+    if (reports_ == 0 || now - reportsSince_ > std::chrono::minutes(1)) {
         reportsSince_ = now;
         reports_ = 0;
     }
