@@ -3,12 +3,13 @@
 #include "runtime/exception.h"
 #include "runtime/format_string.h"
 #include "runtime/log_manager.h"
-#include "runtime/text.h"
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <optional>
 #include <sddl.h>
+#include <system_error>
 
 namespace config {
 
@@ -69,7 +70,14 @@ PipeServer::PipeServer(Options options) : options_(std::move(options)) {
     }
     connections_.push_back(createInstance(FILE_FLAG_FIRST_PIPE_INSTANCE));
     listen(*connections_.front());
-    thread_ = std::async(std::launch::async, [this] { run(); });
+    try {
+        thread_ = std::async(std::launch::async, [this] { run(); });
+    } catch (const std::system_error&) {
+        stopping_ = true;
+        run(); // takes back what is under way
+        _throwError(L"Unable to start a thread for the pipe", ERROR_MAX_THRDS_REACHED,
+                    {L"", "config::PipeServer::PipeServer", __LINE__});
+    }
 }
 
 PipeServer::~PipeServer() {
@@ -144,8 +152,8 @@ void PipeServer::completed(Connection& connection, DWORD bytes, DWORD code) {
         }
     } catch (const vexception& e) {
         reportClient(connection, e.message());
-    } catch (const std::exception& e) {
-        reportClient(connection, toWide(e.what()));
+    } catch (const std::exception&) {
+        reportClient(connection, L"there is not enough memory for it");
     }
     end(connection);
 }
@@ -233,9 +241,13 @@ void PipeServer::accept(Connection& connection) {
         listenAgain(connection);
         return;
     }
-    makeRoom();
     ULONG client = 0;
     connection.client = ::GetNamedPipeClientProcessId(connection.pipe.get(), &client) ? client : 0;
+    if (!makeRoom()) {
+        reportClient(connection, L"there are too many, and none of them is idle");
+        end(connection);
+        return;
+    }
     connection.lastUse = Clock::now();
     connection.deadline = connection.lastUse + options_.requestTimeout;
     read(connection);
@@ -263,7 +275,7 @@ bool PipeServer::addListener() {
 }
 
 // One of the connections listens, and the new one is among them already.
-void PipeServer::makeRoom() {
+bool PipeServer::makeRoom() {
     std::size_t open = 0;
     Connection* oldest = nullptr;
     for (const auto& connection : connections_) {
@@ -273,9 +285,13 @@ void PipeServer::makeRoom() {
             oldest = connection.get();
         }
     }
-    if (open >= options_.maxConnections && oldest != nullptr) {
+    if (open < options_.maxConnections) {
+        return true;
+    }
+    if (oldest != nullptr) {
         end(*oldest);
     }
+    return oldest != nullptr;
 }
 
 void PipeServer::read(Connection& connection) {
@@ -401,22 +417,32 @@ void PipeServer::end(Connection& connection) {
     std::erase_if(connections_, [&](const auto& owned) { return owned.get() == &connection; });
 }
 
-void PipeServer::reportClient(const Connection& connection, const std::wstring& why) {
-    report(LogType::Warning, formatString(L"The client of process %lu loses its connection: %s",
-                                          connection.client, why.c_str()));
+void PipeServer::reportClient(const Connection& connection, std::wstring_view why) noexcept {
+    try {
+        report(LogType::Warning, formatString(L"The client of process %lu loses its connection: ",
+                                              connection.client) +
+                                     std::wstring(why));
+    } catch (const std::bad_alloc&) { // there is no memory for the line, and nothing else to do
+    }
 }
 
-void PipeServer::report(LogType type, const std::wstring& text) {
+// Texts are views, so that calling it takes no memory.
+void PipeServer::report(LogType type, std::wstring_view text) noexcept {
     const Clock::time_point now = Clock::now();
     if (reports_ == 0 || now - reportsSince_ > std::chrono::minutes(1)) {
         reportsSince_ = now;
         reports_ = 0;
     }
-    if (++reports_ <= reportsPerMinute) {
-        LogManager::getInstance().vAddLog(
-            type, reports_ < reportsPerMinute
-                      ? text
-                      : text + L" (more of the kind is not logged for a minute)");
+    if (++reports_ > reportsPerMinute) {
+        return;
+    }
+    try {
+        std::wstring line(text);
+        if (reports_ == reportsPerMinute) {
+            line += L" (more of the kind is not logged for a minute)";
+        }
+        LogManager::getInstance().vAddLog(type, line);
+    } catch (const std::bad_alloc&) { // as above
     }
 }
 

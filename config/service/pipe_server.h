@@ -24,6 +24,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 #include <windows.h>
 
@@ -80,7 +81,7 @@ private:
     void listenAgain(Connection& connection);
     void accept(Connection& connection);
     bool addListener();
-    void makeRoom();
+    bool makeRoom();
     void read(Connection& connection);
     void received(Connection& connection, DWORD bytes, DWORD code);
     void answer(Connection& connection);
@@ -88,8 +89,8 @@ private:
     void sent(Connection& connection);
     void endOverdue();
     void end(Connection& connection);
-    void reportClient(const Connection& connection, const std::wstring& why);
-    void report(LogType type, const std::wstring& text);
+    void reportClient(const Connection& connection, std::wstring_view why) noexcept;
+    void report(LogType type, std::wstring_view text) noexcept;
 
     Options options_;
     RunTime::LocalPtr<SECURITY_DESCRIPTOR, PSECURITY_DESCRIPTOR> security_;

@@ -307,6 +307,20 @@ TEST_F(ConfigServiceTest, AtTheLimitTheConnectionThatIsIdleLongestGoes) {
     for (const int kept : {0, 2, 3}) {
         EXPECT_EQ(clients[static_cast<std::size_t>(kept)]->ask(ask(Operation::IsVE)).status, 0U);
     }
+    // None is idle: each still has a reply to take.
+    fifth.ask(ask(Operation::SetString, L"long", std::wstring(300'000, L'x')));
+    for (PipeClient* busy : {clients[0].get(), clients[2].get(), clients[3].get(), &fifth}) {
+        EXPECT_TRUE(busy->send(protocol::encode(ask(Operation::GetString, L"long"))));
+        for (DWORD waiting = 0; waiting == 0;) {
+            ASSERT_TRUE(::PeekNamedPipe(busy->get(), nullptr, 0, nullptr, &waiting, nullptr));
+        }
+    }
+    const auto start = Clock::now();
+    EXPECT_TRUE(PipeClient(service.pipePath()).isEnded());
+    EXPECT_LT(Clock::now() - start, few.requestTimeout);
+    for (PipeClient* busy : {clients[0].get(), clients[2].get(), clients[3].get(), &fifth}) {
+        EXPECT_TRUE(busy->receive().has_value());
+    }
     // Many at once, none of which waits for another.
     std::atomic<int> served{0};
     std::vector<std::jthread> crowd;
@@ -403,6 +417,13 @@ TEST_F(ConfigServiceTest, AStartThatFailsSaysWhyAndLeavesNothing) {
         EXPECT_GE(faults, 5);
     };
     EXPECT_LT(growthOver(10, sweep).handles, 5);
+
+    const auto withoutThread = [&] {
+        FaultPoint thread("_beginthreadex");
+        thread.failAt = 0;
+        EXPECT_THROW(ConfigService{options()}, vosexception);
+    };
+    EXPECT_LT(growthOver(10, withoutThread).handles, 5);
 
     FaultPoint taken("CreateNamedPipeW");
     taken.failAt = 0;
