@@ -242,30 +242,23 @@ TEST_F(DataLocationTest, EveryMethodAndHandlerHasItsSpan) {
     location.get_Failed();
     location.Rollback();
     location.Commit();
-    std::vector<std::string> public_;
+    std::string calls;
     std::map<std::string, int> handlers;
-    bool commitLine = false;
     std::istringstream lines(takeTraces());
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string verb, name, number, parent;
         words >> verb >> name >> number >> parent;
-        if (verb != "start") {
-            continue;
-        }
-        if (name.starts_with("zopobsolete::DataLocationProxy::")) {
+        if (verb == "start" && name.starts_with("zopobsolete::DataLocationProxy::")) {
             EXPECT_NE(parent, "[]");
             ++handlers[name.substr(32)];
-        } else if (name.starts_with("zopobsolete::")) {
+        } else if (verb == "start" && name.starts_with("zopobsolete::")) {
             EXPECT_EQ(parent, "[]");
-            public_.push_back(name.substr(27));
-            commitLine |= name.ends_with("::Commit") && number == "337";
+            calls += name.substr(27) + (number == "337" ? " 337 " : " ");
         }
     }
-    EXPECT_EQ(public_, (std::vector<std::string>{"DataLocation", "CopyStreams::set", "DataLocation",
-                                                 "CopyStreams::get", "Change", "Failed::get",
-                                                 "Rollback", "Commit"}));
-    EXPECT_TRUE(commitLine);
+    EXPECT_EQ(calls, "DataLocation CopyStreams::set DataLocation CopyStreams::get Change "
+                     "Failed::get Rollback Commit 337 ");
     EXPECT_EQ(handlers.size(), 3U);
     EXPECT_GE(handlers["progressEvent_TotalHandler"], 1);
     EXPECT_GE(handlers["progressEvent_NameHandler"], 3);

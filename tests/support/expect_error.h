@@ -27,27 +27,7 @@ inline std::wstring systemMessageOf(DWORD code, const std::wstring& detail) {
     return systemTextOf(code) + L" (Error code " + std::to_wstring(code) + L") at " + detail;
 }
 
-// fn must throw exactly Class (not a subclass): for a vosexception with this code and this detail.
-template <class Class, class Function>
-void expectError(DWORD code, const std::wstring& text, Function&& fn,
-                 std::source_location location = std::source_location::current()) {
-    static_assert(std::is_base_of_v<vosexception, Class>, "a code needs a vosexception");
-    const ::testing::ScopedTrace trace(location.file_name(), static_cast<int>(location.line()),
-                                       "expected this error");
-    try {
-        fn();
-        ADD_FAILURE() << "nothing was thrown";
-    } catch (const vosexception& e) {
-        EXPECT_STREQ(typeid(Class).name(), typeid(e).name());
-        EXPECT_EQ(code, e.get_errorCode());
-        EXPECT_EQ(toUtf8(systemMessageOf(code, text)), toUtf8(e.message()));
-        EXPECT_FALSE(e.frames().empty()) << "the failing site is not recorded";
-    } catch (const vexception& e) {
-        ADD_FAILURE() << "another class: " << typeid(e).name() << ", " << toUtf8(e.what());
-    }
-}
-
-// fn must throw exactly Class with this message.
+// fn must throw exactly Class (not a subclass) with this message.
 template <class Class, class Function>
 void expectError(const std::wstring& text, Function&& fn,
                  std::source_location location = std::source_location::current()) {
@@ -60,4 +40,21 @@ void expectError(const std::wstring& text, Function&& fn,
         EXPECT_STREQ(typeid(Class).name(), typeid(e).name());
         EXPECT_EQ(toUtf8(text), toUtf8(e.message()));
     }
+}
+
+// The same for a vosexception with this code and this detail, thrown with the site of its failure.
+template <class Class, class Function>
+void expectError(DWORD code, const std::wstring& text, Function&& fn,
+                 std::source_location location = std::source_location::current()) {
+    static_assert(std::is_base_of_v<vosexception, Class>, "a code needs a vosexception");
+    const auto watched = [&] {
+        try {
+            fn();
+        } catch (const vosexception& e) {
+            EXPECT_EQ(code, e.get_errorCode());
+            EXPECT_FALSE(e.frames().empty()) << "the failing site is not recorded";
+            throw;
+        }
+    };
+    expectError<Class>(systemMessageOf(code, text), watched, location);
 }

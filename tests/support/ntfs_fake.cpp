@@ -191,7 +191,7 @@ Shown shownOf(const std::string& unixName, DWORD attributes, std::int64_t create
     return shown;
 }
 
-void patch(State& target, const char* name, void* hook) {
+void patchImport(State& target, const char* name, void* hook) {
     try {
         target.patches.emplace_back(nullptr, name, hook);
     } catch (const std::runtime_error&) {

@@ -311,12 +311,9 @@ void State::onClose(HANDLE handle) {
 }
 
 void patchBackup(State& to) {
-    const auto hook = [&](const char* name, auto* function) {
-        patch(to, name, reinterpret_cast<void*>(function));
-    };
-    hook("BackupRead", backupRead);
-    hook("BackupWrite", backupWrite);
-    hook("BackupSeek", backupSeek);
+    patch(to, "BackupRead", backupRead);
+    patch(to, "BackupWrite", backupWrite);
+    patch(to, "BackupSeek", backupSeek);
 }
 
 } // namespace ntfs

@@ -77,10 +77,10 @@ void WINAPI closeRaw(PVOID context) {
 } // namespace
 
 void patchEncrypted(State& to) {
-    patch(to, "OpenEncryptedFileRawW", reinterpret_cast<void*>(&openRaw));
-    patch(to, "ReadEncryptedFileRaw", reinterpret_cast<void*>(&readRaw));
-    patch(to, "WriteEncryptedFileRaw", reinterpret_cast<void*>(&writeRaw));
-    patch(to, "CloseEncryptedFileRaw", reinterpret_cast<void*>(&closeRaw));
+    patch(to, "OpenEncryptedFileRawW", openRaw);
+    patch(to, "ReadEncryptedFileRaw", readRaw);
+    patch(to, "WriteEncryptedFileRaw", writeRaw);
+    patch(to, "CloseEncryptedFileRaw", closeRaw);
 }
 
 } // namespace ntfs

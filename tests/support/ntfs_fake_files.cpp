@@ -533,25 +533,22 @@ void created(const UnixFile& file, DWORD attributes) {
 }
 
 void patchFiles(State& to) {
-    const auto hook = [&](const char* name, auto* function) {
-        patch(to, name, reinterpret_cast<void*>(function));
-    };
-    hook("CreateFileW", createFile);
-    hook("CreateDirectoryW", createDirectory);
-    hook("CloseHandle", closeHandle);
-    hook("GetFileInformationByHandleEx", getInformationEx);
-    hook("GetFileInformationByHandle", getInformation);
-    hook("SetFileInformationByHandle", setInformation);
-    hook("GetFileAttributesW", getAttributes);
-    hook("SetFileAttributesW", setAttributes);
-    hook("FindFirstFileW", findFirst);
-    hook("FindFirstFileExW", findFirstEx);
-    hook("FindNextFileW", findNext);
-    hook("FindClose", findClose);
-    hook("DeleteFileW", deleteFile);
-    hook("RemoveDirectoryW", removeDirectory);
-    hook("MoveFileExW", moveFileEx);
-    hook("GetVolumeInformationW", getVolumeInformation);
+    patch(to, "CreateFileW", createFile);
+    patch(to, "CreateDirectoryW", createDirectory);
+    patch(to, "CloseHandle", closeHandle);
+    patch(to, "GetFileInformationByHandleEx", getInformationEx);
+    patch(to, "GetFileInformationByHandle", getInformation);
+    patch(to, "SetFileInformationByHandle", setInformation);
+    patch(to, "GetFileAttributesW", getAttributes);
+    patch(to, "SetFileAttributesW", setAttributes);
+    patch(to, "FindFirstFileW", findFirst);
+    patch(to, "FindFirstFileExW", findFirstEx);
+    patch(to, "FindNextFileW", findNext);
+    patch(to, "FindClose", findClose);
+    patch(to, "DeleteFileW", deleteFile);
+    patch(to, "RemoveDirectoryW", removeDirectory);
+    patch(to, "MoveFileExW", moveFileEx);
+    patch(to, "GetVolumeInformationW", getVolumeInformation);
 }
 
 } // namespace ntfs

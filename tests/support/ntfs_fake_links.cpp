@@ -254,7 +254,7 @@ HANDLE openLink(const std::string& unixName, DWORD access, DWORD share, DWORD di
 }
 
 void patchLinks(State& to) {
-    patch(to, "DeviceIoControl", reinterpret_cast<void*>(&deviceIoControl));
+    patch(to, "DeviceIoControl", deviceIoControl);
 }
 
 } // namespace ntfs

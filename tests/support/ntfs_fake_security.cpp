@@ -236,8 +236,8 @@ void inheritSecurity(const UnixFile& file, bool directory) {
 }
 
 void patchSecurity(State& to) {
-    patch(to, "GetKernelObjectSecurity", reinterpret_cast<void*>(&getKernelSecurity));
-    patch(to, "SetKernelObjectSecurity", reinterpret_cast<void*>(&setKernelSecurity));
+    patch(to, "GetKernelObjectSecurity", getKernelSecurity);
+    patch(to, "SetKernelObjectSecurity", setKernelSecurity);
 }
 
 } // namespace ntfs

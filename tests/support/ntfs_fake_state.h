@@ -180,7 +180,11 @@ bool isSparse(const UnixFile& file);
 std::string readAll(const UnixFile& file);
 std::vector<std::pair<std::int64_t, std::int64_t>> allocatedRanges(const UnixFile& file);
 
-void patch(State& state, const char* name, void* hook);
+void patchImport(State& state, const char* name, void* hook);
+template <class Function>
+void patch(State& to, const char* name, Function* hook) {
+    patchImport(to, name, reinterpret_cast<void*>(hook));
+}
 void patchFiles(State& state);
 void patchLinks(State& state);
 void patchSecurity(State& state);

@@ -108,8 +108,8 @@ UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create,
 }
 
 void patchStreams(State& to) {
-    patch(to, "FindFirstStreamW", reinterpret_cast<void*>(&findFirstStream));
-    patch(to, "FindNextStreamW", reinterpret_cast<void*>(&findNextStream));
+    patch(to, "FindFirstStreamW", findFirstStream);
+    patch(to, "FindNextStreamW", findNextStream);
 }
 
 } // namespace ntfs
