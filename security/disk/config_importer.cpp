@@ -2,8 +2,6 @@
 
 #include "security/disk/entry_importer.h"
 
-#include <optional>
-
 namespace DiskSecurity {
 
 ConfigImporter::ConfigImporter(std::shared_ptr<AccountLookup> lookup)
@@ -47,34 +45,30 @@ ConfigImporter::Report ConfigImporter::checkFile(const std::wstring& path) {
 }
 
 ConfigImporter::Report ConfigImporter::checkBytes(std::string_view bytes) {
-    Report report;
     begin();
-    std::optional<PolicyText> text;
+    gathering_ = true;
     try {
-        text.emplace(bytes);
+        text_.emplace(bytes);
+        reader_.parse(*text_);
     } catch (const PolicyTextException& e) {
-        report.problems.push_back({ProblemKind::Text, e.position(), {}, e.message()});
-        return report;
+        problems_.push_back({ProblemKind::Text, e.position(), {}, e.message()});
     } catch (const vexception& e) {
-        report.problems.push_back({ProblemKind::Text, {}, {}, e.message()});
-        return report;
+        problems_.push_back({text_ ? ProblemKind::Xml : ProblemKind::Text,
+                             text_ ? reader_.failurePosition() : TextPosition(),
+                             {},
+                             e.message()});
     }
-    problems_ = &report.problems;
-    text_ = &*text;
-    try {
-        reader_.parse(*text);
-    } catch (const vexception& e) {
-        report.problems.push_back({ProblemKind::Xml, reader_.failurePosition(), {}, e.message()});
-    }
-    report.entries = std::move(entries_);
+    Report report{std::move(entries_), std::move(problems_)};
+    begin();
     return report;
 }
 
 void ConfigImporter::begin() {
     entries_.clear();
+    problems_.clear();
     accounts_.clear(); // they may have come or gone meanwhile
-    text_ = nullptr;
-    problems_ = nullptr;
+    text_.reset();
+    gathering_ = false;
 }
 
 void ConfigImporter::startElement(const XmlElement& element) {
@@ -89,6 +83,10 @@ void ConfigImporter::startElement(const XmlElement& element) {
         e += {L"Unable to load XML node", "DiskSecurity::ConfigImporter::startElement", __LINE__};
         throw;
     }
+}
+
+TextPosition ConfigImporter::placeOf(const XmlElement& element) {
+    return text_ ? text_->startTag(element.number) : TextPosition();
 }
 
 // An account that is not there is asked for once, too: it may take a domain controller to tell.

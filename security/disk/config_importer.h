@@ -16,6 +16,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -74,15 +75,18 @@ private:
 
     void begin();
     void startElement(const XmlElement& element) override;
+    TextPosition placeOf(const XmlElement& element);
     const RunTime::Sid& sidOf(const std::wstring& account, const std::wstring& domain);
 
     std::shared_ptr<AccountLookup> lookup_;
     std::map<std::pair<std::wstring, std::wstring>, Found> accounts_; // by name and domain
     std::map<std::wstring, RunTime::Sid> wellKnown_;
     SaxReader reader_;
-    std::vector<PolicyEntry> entries_;               // of the file that is being read
-    PolicyText* text_ = nullptr;                     // the file that is being checked
-    std::vector<PolicyProblem>* problems_ = nullptr; // where they are gathered; null: they end it
+    // Of the file that is being read or checked.
+    std::vector<PolicyEntry> entries_;
+    std::vector<PolicyProblem> problems_;
+    std::optional<PolicyText> text_; // for the places of problems
+    bool gathering_ = false;         // problems are gathered; otherwise the first ends it
 };
 
 } // namespace DiskSecurity

@@ -38,7 +38,7 @@ std::optional<PolicyEntry> ConfigImporter::EntryImporter::load() {
 
 bool ConfigImporter::EntryImporter::attempt(ProblemKind kind, Name about,
                                             void (EntryImporter::*step)()) {
-    if (importer_.problems_ == nullptr) {
+    if (!importer_.gathering_) {
         (this->*step)();
         return true;
     }
@@ -46,9 +46,9 @@ bool ConfigImporter::EntryImporter::attempt(ProblemKind kind, Name about,
         (this->*step)();
         return true;
     } catch (const vexception& e) {
-        std::vector<PolicyProblem>& problems = *importer_.problems_;
+        std::vector<PolicyProblem>& problems = importer_.problems_;
         if (problems.size() < maxProblems) {
-            problems.push_back({kind, importer_.text_->startTag(element_.number),
+            problems.push_back({kind, importer_.placeOf(element_),
                                 about == NameCount ? std::wstring() : text(about), e.message()});
         }
         return false;

@@ -3,8 +3,6 @@
 
 #include "security/disk/config_importer.h"
 
-#include <optional>
-
 namespace DiskSecurity {
 
 class ConfigImporter::EntryImporter {

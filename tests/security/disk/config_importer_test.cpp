@@ -2,7 +2,7 @@
 
 #include "security/disk/policy_names.h"
 #include "tests/support/expect_error.h"
-#include "tests/support/import_patch.h"
+#include "tests/support/fault_sweep.h"
 #include "tests/support/policy_xml.h"
 #include "tests/support/temp_directory.h"
 
@@ -162,14 +162,17 @@ TEST_F(ConfigImporterTest, FileIsReadWhereverItLiesAndNothingIsKeptOfAFailure) {
     EXPECT_EQ(1u, importer.importFile(path).size());
     directory.writeFile(L"broken.xml", entryXml() + "<");
     EXPECT_THROW(importer.importFile(directory / L"broken.xml"), vosexception);
-    for (const char* function : {"CreateFileW", "GetFileSizeEx", "ReadFile"}) {
-        FaultPoint fault(function);
-        fault.code = ERROR_SHARING_VIOLATION;
-        fault.result = function[0] == 'C' ? ~std::uintptr_t{0} : 0;
-        fault.failOnwards = true;
-        fault.failAt = 0;
-        EXPECT_THROW(importer.importFile(path), VSharingViolationException) << function;
+    std::set<std::string> failing;
+    for (long n = 1, fired = 1; fired != 0; ++n) { // whichever call fails
+        std::size_t count = 0;
+        const FaultOutcome outcome = runWithFault(n, ERROR_SHARING_VIOLATION, [&] {
+            count = ConfigImporter(lookup).importFile(path).size();
+        });
+        fired = outcome.fired ? 1 : 0;
+        EXPECT_NE(outcome.error.empty(), count == 0) << outcome.text();
+        failing.insert(outcome.error.empty() ? "" : outcome.function);
     }
+    EXPECT_TRUE(failing.contains("ReadFile, call 1")) << failing.size();
     EXPECT_EQ(1u, importer.importFile(path).size());
     const std::wstring missing = directory.nice() + L"\\missing.xml";
     EXPECT_THROW(importer.importFile(missing), VFileNotFoundException);
