@@ -15,12 +15,12 @@
 class OrdinaryStreamCopy {
 public:
     struct Item {
-        HANDLE source;
-        HANDLE target;
+        HANDLE source = nullptr;
+        HANDLE target = nullptr;
         const std::wstring& sourcePath; // long form
         const std::wstring& targetPath;
         const RunTime::FileInformation& entry; // of the source
-        std::int64_t size;                     // of its data, now
+        std::int64_t size = 0;                 // of its data, now
         StreamType keep = StreamType::All;
         bool namedStreams = true; // looked for; they are reported when keep leaves them out
     };
