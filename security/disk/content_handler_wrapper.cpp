@@ -81,12 +81,17 @@ HRESULT ContentHandlerWrapper::endElement(const wchar_t*, int, const wchar_t*, i
 }
 
 HRESULT ContentHandlerWrapper::fatalError(ISAXLocator* locator, const wchar_t* message, HRESULT) {
-    if (failure_ == nullptr) { // our own failing result comes back here
-        parserPosition_ = positionOf(locator);
-        parserMessage_ = message == nullptr ? L"" : message;
-        parserMessage_.erase(parserMessage_.find_last_not_of(L"\r\n \t") + 1);
+    try {
+        if (failure_ == nullptr) { // our own failing result comes back here
+            parserPosition_ = positionOf(locator);
+            parserMessage_ = message == nullptr ? L"" : message;
+            parserMessage_.erase(parserMessage_.find_last_not_of(L"\r\n \t") + 1);
+        }
+        return S_OK;
+    } catch (...) { // for want of memory; rethrown as above
+        failure_ = std::current_exception();
+        return E_FAIL;
     }
-    return S_OK;
 }
 
 void ContentHandlerWrapper::handOn(std::wstring_view name, ISAXAttributes& attributes) {

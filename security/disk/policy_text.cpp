@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 
 namespace DiskSecurity {
 
@@ -14,6 +15,7 @@ namespace {
 using RunTime::nicePath;
 
 constexpr std::string_view blanks = " \t\r\n";
+constexpr std::string_view utf8Mark = "\xEF\xBB\xBF";
 constexpr std::size_t longLine = 512;
 constexpr std::size_t maxContentBytes = 64 * 1024; // in one place
 constexpr std::size_t maxReferences = 2000;        // in all contents together
@@ -136,8 +138,8 @@ std::string decode(std::string_view bytes) {
                    return m == static_cast<unsigned char>(c);
                });
     };
-    if (begins({0xEF, 0xBB, 0xBF})) {
-        return checkedUtf8(bytes.substr(3));
+    if (bytes.starts_with(utf8Mark)) {
+        return checkedUtf8(bytes.substr(utf8Mark.size()));
     }
     if (begins({0xFF, 0xFE}) || begins({0xFE, 0xFF})) {
         return fromUtf16(bytes.substr(2), begins({0xFE}));
@@ -170,26 +172,36 @@ std::size_t behindTag(std::string_view text, std::size_t at) {
 
 std::string readPolicyFile(const std::wstring& path) {
     constexpr const char* function = "DiskSecurity::readPolicyFile";
-    const RunTime::FileInformation information = RunTime::fileInformation(path);
-    if (information.isLink() || information.isDirectory()) {
-        throw vexception(formatString(information.isLink()
-                                          ? L"A policy file must not be a link (%s)"
-                                          : L"A directory is no policy file (%s)",
+    // What is opened is what is looked at: a name that is looked up twice may have become a link.
+    RunTime::AutoHandle file = RunTime::openExisting(path, GENERIC_READ, FILE_SHARE_READ);
+    DWORD code = file ? ERROR_SUCCESS : ::GetLastError();
+    RunTime::FileInformation kind;
+    if (code == ERROR_SUCCESS) {
+        code = RunTime::readKind(file.get(), kind);
+    }
+    if (code == ERROR_SUCCESS && (kind.isLink() || kind.isDirectory())) {
+        throw vexception(formatString(kind.isLink() ? L"A policy file must not be a link (%s)"
+                                                    : L"A directory is no policy file (%s)",
                                       nicePath(path).c_str()),
                          {L"", function, __LINE__});
     }
-    const RunTime::AutoHandle file(::CreateFileW(RunTime::longPath(path).c_str(), GENERIC_READ,
-                                                 FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                                 FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-    if (!file) {
-        const DWORD code = ::GetLastError();
+    // Content that a filter keeps, as that of a deduplicated file, comes only by way of the reparse
+    // point. As long as the first handle is there, nobody replaces the file.
+    if (code == ERROR_SUCCESS && (kind.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        const std::wstring name = RunTime::longPath(path);
+        RunTime::AutoHandle content(::CreateFileW(name.c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                                  nullptr, OPEN_EXISTING, 0, nullptr));
+        code = content ? ERROR_SUCCESS : ::GetLastError();
+        file = std::move(content);
+    }
+    if (code != ERROR_SUCCESS) {
         _throwError(
             formatString(L"Unable to open policy file (%s)", nicePath(path).c_str()).c_str(), code,
             {L"", function, __LINE__});
     }
     LARGE_INTEGER length;
     if (!::GetFileSizeEx(file.get(), &length)) {
-        const DWORD code = ::GetLastError();
+        code = ::GetLastError();
         _throwError(
             formatString(L"Unable to read policy file (%s)", nicePath(path).c_str()).c_str(), code,
             {L"", function, __LINE__});
@@ -203,7 +215,7 @@ std::string readPolicyFile(const std::wstring& path) {
     for (DWORD got = 1; got != 0 && size < bytes.size(); size += got) {
         if (!::ReadFile(file.get(), bytes.data() + size, static_cast<DWORD>(bytes.size() - size),
                         &got, nullptr)) {
-            const DWORD code = ::GetLastError();
+            code = ::GetLastError();
             _throwError(
                 formatString(L"Unable to read policy file (%s)", nicePath(path).c_str()).c_str(),
                 code, {L"", function, __LINE__});
@@ -224,6 +236,10 @@ PolicyText::PolicyText(std::string_view bytes) {
         refuse({}, 0, L"The file is too large.", __LINE__);
     }
     text_ = decode(bytes);
+    // A parser may take a second mark for the first, and then go by the encoding named behind it.
+    if (text_.starts_with(utf8Mark)) {
+        refuse(text_, 0, L"The file begins with more than one byte order mark.", __LINE__);
+    }
     joinLineEnds();
     vetCharacters();
     const Encoding encoding = declaredEncoding(text_);

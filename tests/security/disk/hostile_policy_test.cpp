@@ -74,9 +74,11 @@ TEST_F(HostilePolicyTest, EveryEncodingIsReadAsTheSameText) {
              head + "utf-16'?>" + xml,                           // it is not
              utf16(xml, false, true).substr(0, 41),              // half a character at the end
              std::string("\xFF\xFE<\0a\0 \0\x3D\xD8/\0>\0", 14), // half of one in the middle
-             std::string("\xFF\xFE\0\0<\0\0\0a\0\0\0/\0\0\0>\0\0\0", 20), // UTF-32
-             std::string("<a/>\0<!DOCTYPE a>", 17),                       // ends early for some
-             std::string("<a b='\x01'/>"),                                //
+             std::string("\xFF\xFE\0\0<\0\0\0a\0\0\0/\0\0\0>\0\0\0", 20),  // UTF-32
+             std::string("<a/>\0<!DOCTYPE a>", 17),                        // ends early for some
+             std::string("<a b='\x01'/>"),                                 //
+             "\xEF\xBB\xBF\xEF\xBB\xBF" + head + "utf-7'?>" + xml,         // two marks
+             utf16("\xEF\xBB\xBF" + head + "utf-7'?>" + xml, false, true), //
          }) {
         EXPECT_EQ(static_cast<int>(ProblemKind::Text), onlyProblem(bytes)) << bytes;
     }
