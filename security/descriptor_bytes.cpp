@@ -35,6 +35,22 @@ std::size_t listSize(std::span<const unsigned char> bytes) noexcept {
     return list.AclSize >= sizeof(list) && list.AclSize <= bytes.size() ? list.AclSize : 0;
 }
 
+// How far the parts of a whole descriptor reach.
+std::size_t usedBytes(const DescriptorBytes& bytes) noexcept {
+    const SECURITY_DESCRIPTOR_RELATIVE header = headerOf(bytes.data());
+    std::size_t end = sizeof(header);
+    const auto reach = [&](DWORD offset, auto length) {
+        if (offset != 0) {
+            end = std::max(end, offset + length(from(bytes.data(), bytes.size(), offset)));
+        }
+    };
+    reach(header.Owner, sidLength);
+    reach(header.Group, sidLength);
+    reach(header.Dacl, listSize);
+    reach(header.Sacl, listSize);
+    return end;
+}
+
 bool same(std::span<const unsigned char> a, std::span<const unsigned char> b) noexcept {
     return (a.data() == nullptr) == (b.data() == nullptr) && std::ranges::equal(a, b);
 }
@@ -60,7 +76,7 @@ DWORD readDescriptor(HANDLE handle, bool audit, DescriptorBytes& bytes) {
         bytes.clear();
         return ERROR_INVALID_SECURITY_DESCR;
     }
-    bytes.resize(::GetSecurityDescriptorLength(bytes.data()));
+    bytes.resize(usedBytes(bytes)); // gaps included, which the system's own length leaves out
     return ERROR_SUCCESS;
 }
 
@@ -86,8 +102,10 @@ DescriptorParts partsOf(const DescriptorBytes& bytes) noexcept {
         const auto rest = from(bytes.data(), bytes.size(), offset);
         return offset == 0 ? std::span<const unsigned char>() : rest.first(length(rest));
     };
+    // A list that is not marked as present counts for nothing, whatever the offset says.
     return {header.Control, part(header.Owner, sidLength), part(header.Group, sidLength),
-            part(header.Dacl, listSize), part(header.Sacl, listSize)};
+            part((header.Control & SE_DACL_PRESENT) ? header.Dacl : 0, listSize),
+            part((header.Control & SE_SACL_PRESENT) ? header.Sacl : 0, listSize)};
 }
 
 DWORD writeDescriptor(HANDLE handle, DescriptorBytes& bytes, bool owner, bool audit) noexcept {

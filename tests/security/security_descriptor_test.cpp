@@ -7,6 +7,7 @@
 #include "tests/support/expect_error.h"
 #include "tests/support/raw_security.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
 
 using RunTime::Acl;
@@ -43,6 +44,22 @@ BOOL WINAPI recordingSet(HANDLE handle, SECURITY_INFORMATION parts, PSECURITY_DE
     DWORD revision = 0;
     ::GetSecurityDescriptorControl(from, &handed, &revision);
     return realSet(handle, parts, from);
+}
+
+// What a server may send: room that nothing points to between the parts.
+constexpr DWORD gap = 400;
+BOOL WINAPI getWithGap(HANDLE, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR to, DWORD,
+                       LPDWORD needed) {
+    RunTime::DescriptorBytes bytes = bytesOf(L"O:BAG:SYD:(A;;FA;;;BA)");
+    auto header = *reinterpret_cast<SECURITY_DESCRIPTOR_RELATIVE*>(bytes.data());
+    bytes.insert(bytes.begin() + sizeof(header), gap, 0);
+    for (DWORD* offset : {&header.Owner, &header.Group, &header.Dacl}) {
+        *offset += gap;
+    }
+    std::memcpy(bytes.data(), &header, sizeof(header));
+    std::memcpy(to, bytes.data(), bytes.size());
+    *needed = static_cast<DWORD>(bytes.size());
+    return TRUE;
 }
 
 } // namespace
@@ -128,4 +145,17 @@ TEST(DescriptorBytesTest, ArriveUnchangedOnAnotherObject) {
     RunTime::DescriptorBytes bytes;
     EXPECT_EQ(RunTime::readDescriptor(nullptr, false, bytes), DWORD{ERROR_INVALID_HANDLE});
     EXPECT_TRUE(bytes.empty());
+}
+
+TEST(DescriptorBytesTest, PartsMayLieApartAndCountOnlyWherePresent) {
+    const ImportPatch patch("GetKernelObjectSecurity", &getWithGap);
+    RunTime::DescriptorBytes bytes;
+    ASSERT_EQ(RunTime::readDescriptor(nullptr, false, bytes), 0U);
+    EXPECT_EQ(RunTime::sddlOf(bytes.data(), DACL_SECURITY_INFORMATION), L"D:(A;;FA;;;BA)");
+    const RunTime::DescriptorParts parts = RunTime::partsOf(bytes);
+    EXPECT_EQ(Sid::fromBytes(parts.owner), Sid(L"BA"));
+    EXPECT_EQ(Sid::fromBytes(parts.group), Sid(L"SY"));
+    EXPECT_EQ(Acl::fromBytes(parts.dacl).aceCount(), 1U);
+    reinterpret_cast<SECURITY_DESCRIPTOR_RELATIVE*>(bytes.data())->Control &= ~SE_DACL_PRESENT;
+    EXPECT_EQ(RunTime::partsOf(bytes).dacl.data(), nullptr);
 }
