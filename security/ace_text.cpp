@@ -114,20 +114,25 @@ std::wstring reachOf(BYTE flags, AceSubject subject) {
     const bool itself = !(flags & INHERIT_ONLY_ACE);
     const bool folders = (flags & CONTAINER_INHERIT_ACE) != 0;
     const bool files = (flags & OBJECT_INHERIT_ACE) != 0;
-    std::wstring text;
-    if (subject == AceSubject::File && !folders && !files) {
-        text = itself ? L"" : L"; without effect";
-    } else if (!folders && !files) {
-        text = itself ? L"; this folder only" : L"; without effect";
-    } else {
-        const wchar_t* below = folders && files ? L"subfolders and files"
-                               : folders        ? L"subfolders"
-                                                : L"files";
-        text = std::wstring(itself ? (folders && files ? L"; this folder, " : L"; this folder and ")
-                                   : L"; ") +
-               below + (itself ? L"" : L" only");
+    if (!folders && !files) {
+        return !itself                       ? L"; without effect"
+               : subject == AceSubject::File ? L""
+                                             : L"; this folder only";
     }
+    const wchar_t* below = folders && files ? L"subfolders and files"
+                           : folders        ? L"subfolders"
+                                            : L"files";
+    const std::wstring text =
+        std::wstring(itself ? (folders && files ? L"; this folder, " : L"; this folder and ")
+                            : L"; ") +
+        below + (itself ? L"" : L" only");
     return text + ((flags & NO_PROPAGATE_INHERIT_ACE) ? L"; one level down only" : L"");
+}
+
+// An entry of a directory that is for the files in it alone grants what these know, not folders.
+AceSubject rightsOn(BYTE flags, AceSubject subject) {
+    constexpr BYTE reach = INHERIT_ONLY_ACE | OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
+    return (flags & reach) == (INHERIT_ONLY_ACE | OBJECT_INHERIT_ACE) ? AceSubject::File : subject;
 }
 
 std::wstring textOf(const GUID& guid) {
@@ -153,7 +158,8 @@ std::wstring describeAce(const Ace& ace, AceSubject subject) {
             appendSingles(rights, ace.mask(), labels, subject);
             text += rights.empty() ? L"nothing kept out" : rights;
         } else {
-            text += describeRights(ace.mask(), subject, ace.effect() == AceEffect::Denies);
+            text += describeRights(ace.mask(), rightsOn(ace.flags(), subject),
+                                   ace.effect() == AceEffect::Denies);
         }
     }
     text += reachOf(ace.flags(), subject);

@@ -48,8 +48,14 @@ std::wstring sddlOf(const Ace& ace) {
     carrier.Revision = SECURITY_DESCRIPTOR_REVISION;
     carrier.Control = audit ? SE_SACL_PRESENT : SE_DACL_PRESENT;
     (audit ? carrier.Sacl : carrier.Dacl) = buffer.data();
-    return sddlOf(&carrier, audit ? SACL_SECURITY_INFORMATION : DACL_SECURITY_INFORMATION)
-        .substr(2); // "D:" or "S:" before it
+    const std::wstring text =
+        sddlOf(&carrier, audit ? SACL_SECURITY_INFORMATION : DACL_SECURITY_INFORMATION);
+    const std::size_t begin = text.find(L'('); // "D:" or "S:" before it
+    if (begin == text.npos) { // the system may leave an entry out that the text form lacks
+        _throwError(L"Unable to convert a security descriptor to text", ERROR_INVALID_ACL,
+                    {L"", "RunTime::sddlOf", __LINE__});
+    }
+    return text.substr(begin);
 }
 
 } // namespace RunTime

@@ -33,6 +33,8 @@ TEST(AceTextTest, SaysAllThatAnEntrySays) {
         {L"(D;OIIO;0x14000;;;WD)", L"Everyone: denied: delete, 0x00004000; files only"},
         {L"(A;OINP;0x1201bf;;;WD)",
          L"Everyone: read and execute, write; this folder and files; one level down only"},
+        {L"(A;OIIO;0x22;;;WD)", L"Everyone: write data, execute file; files only"},
+        {L"(A;NP;FR;;;WD)", L"Everyone: read; this folder only"},
         // Wider names first, and what they leave over one by one.
         {L"(A;;0x1b01bf;;;WD)", L"Everyone: modify, take ownership; this folder only"},
         {L"(A;;0x1;;;WD)", L"Everyone: list folder; this folder only"},

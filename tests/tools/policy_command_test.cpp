@@ -49,9 +49,11 @@ TEST_F(PolicyCommandTest, ExampleOfTheDocumentationIsInOrder) {
 
     EXPECT_EQ(ExitCode::Success, run({L"show", example}));
     EXPECT_NE(std::string::npos,
-              console->output.find("D:\\vhosts             Users           NoAccess        "
+              console->output.find("D:\\vhosts             Users                  NoAccess        "
                                    "ThisObjectOnly                0      sites\n"))
         << console->output;
+    // A SID that stands in for a name is shown for what it is.
+    EXPECT_NE(std::string::npos, console->output.find("zopcln (S-1-5-32-546)"));
     EXPECT_NE(std::string::npos, console->errors.find("PRODUCT_ROOT_D")) << console->errors;
 }
 

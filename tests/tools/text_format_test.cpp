@@ -53,7 +53,7 @@ TEST(NearestTest, FindsTheTypoAndNothingFarFetched) {
 }
 
 TEST(PrintableTest, NamesCannotSteerTheConsole) {
-    EXPECT_EQ(printable(L"a\x1B[2Jb\n"), L"a\xFFFD[2Jb\xFFFD");
+    EXPECT_EQ(printable(L"a\x1B[2Jb\n\u202E!"), L"a\xFFFD[2Jb\xFFFD\xFFFD!");
 }
 
 } // namespace zopctl

@@ -149,6 +149,15 @@ std::wstring accountOf(const PolicyEntry& entry) {
     return account.domain.empty() ? account.name : account.domain + L"\\" + account.name;
 }
 
+// For people. What a file calls an account need not be the account that it stands for: SidStr
+// replaces a name that is not known here. So its SID is told too.
+std::wstring accountAndSid(const PolicyEntry& entry) {
+    const DiskSecurity::PolicyAccount& account = entry.account;
+    return account.type == DiskSecurity::wellKnownAccountType || account.name.empty()
+               ? accountOf(entry)
+               : accountOf(entry) + L" (" + account.sid.string() + L")";
+}
+
 class PolicyCommand {
 public:
     PolicyCommand(const PolicyOptions& options, Console& console, bool show)
@@ -258,7 +267,7 @@ private:
                 path = entry.path + (entry.subPath.empty() ? L"" : L"\\" + entry.subPath);
             }
             const std::wstring tags = entry.tag + (entry.tag2.empty() ? L"" : L" " + entry.tag2);
-            rows.push_back({printable(path), printable(accountOf(entry)), access, appliesTo,
+            rows.push_back({printable(path), printable(accountAndSid(entry)), access, appliesTo,
                             std::to_wstring(entry.entryFlags), printable(tags)});
         }
         for (const std::wstring& cause : unresolved) {

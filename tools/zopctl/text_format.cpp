@@ -182,7 +182,8 @@ std::wstring nearest(const std::wstring& text, const std::vector<std::wstring>& 
 std::wstring printable(std::wstring_view text) {
     std::wstring result(text);
     for (wchar_t& c : result) {
-        if (c < 0x20 || (c >= 0x7F && c < 0xA0)) {
+        if (c < 0x20 || (c >= 0x7F && c < 0xA0) || (c >= 0x2028 && c <= 0x202E) ||
+            (c >= 0x2066 && c <= 0x2069)) {
             c = 0xFFFD;
         }
     }

@@ -28,7 +28,8 @@ std::wstring cutToCells(std::wstring_view text, int cells);
 // The candidate that differs least from the text, ignoring case; empty when none is near.
 std::wstring nearest(const std::wstring& text, const std::vector<std::wstring>& candidates);
 
-// Control characters, which a file name may hold, as U+FFFD: a name must not steer the console.
+// Control characters, which a file name may hold, as U+FFFD: a name must not steer the console. So
+// with those that end a line or turn the direction of writing: a name must not look like another.
 std::wstring printable(std::wstring_view text);
 
 } // namespace zopctl
