@@ -6,12 +6,17 @@
 #include "runtime/log_manager.h"
 #include "runtime/registry/registry.h"
 
+#include <algorithm>
 #include <utility>
 
 RegValueTraits::RegValueTraits(HKEY root, std::wstring keyName, std::wstring valueName)
     : root_(root), keyName_(std::move(keyName)), valueName_(std::move(valueName)),
-      savedValue_(registry::getstr(root_, keyName_, valueName_, RegistryView::View64)),
-      current_(savedValue_) {}
+      savedValue_(registry::getStored(root_, keyName_, valueName_, RegistryView::View64)) {
+    const std::size_t end = std::min(savedValue_.find(L'\0'), savedValue_.size());
+    behindText_ = savedValue_.substr(end);
+    savedValue_.resize(end);
+    current_ = savedValue_;
+}
 
 bool RegValueTraits::needChange(const OldPath& oldPath) const {
     return !current_.empty() && oldPath.isNamedBy(current_);
@@ -51,5 +56,5 @@ void RegValueTraits::restore() {
 }
 
 void RegValueTraits::storeValue(const std::wstring& text) const {
-    registry::setString(root_, keyName_, valueName_, text, RegistryView::View64);
+    registry::setStored(root_, keyName_, valueName_, text + behindText_, RegistryView::View64);
 }

@@ -37,5 +37,6 @@ private:
     std::wstring keyName_;
     std::wstring valueName_;
     std::wstring savedValue_;
+    std::wstring behindText_; // from the text's first zero character on; goes with every text
     std::wstring current_;
 };

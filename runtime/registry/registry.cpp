@@ -173,6 +173,48 @@ LSTATUS expand(std::wstring& text) {
     }
 }
 
+// The text as it is stored, with what follows its first zero character, and without the last one.
+LSTATUS readText(HKEY hive, const std::wstring& subKey, const std::wstring& valueName, DWORD types,
+                 std::wstring& text, DWORD& type, RegistryView view) {
+    AutoRegKey key;
+    LSTATUS status = openToRead(hive, subKey, valueName, view, key);
+    if (status != ERROR_SUCCESS) {
+        return status;
+    }
+    std::wstring buffer(MAX_PATH, L'\0');
+    DWORD bytes = 0;
+    for (;;) {
+        bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
+        status = ::RegGetValueW(key.get(), nullptr, valueName.c_str(), types | RRF_NOEXPAND, &type,
+                                buffer.data(), &bytes);
+        if (status != ERROR_MORE_DATA ||
+            buffer.size() > std::numeric_limits<DWORD>::max() / sizeof(wchar_t) / 2) {
+            break;
+        }
+        // The size is a hint: the value may grow. Doubling ends also where it grows for ever.
+        buffer.resize(std::max(std::size_t{bytes} / sizeof(wchar_t) + 1, buffer.size() * 2));
+    }
+    if (status == ERROR_UNSUPPORTED_TYPE) {
+        invalidType(L"RegGetValue", subKey, valueName, __LINE__);
+    }
+    if (status == ERROR_SUCCESS) {
+        buffer.resize(std::min(buffer.size(), std::size_t{bytes} / sizeof(wchar_t)));
+        if (buffer.ends_with(L'\0')) {
+            buffer.pop_back();
+        }
+        text = std::move(buffer);
+    }
+    return status;
+}
+
+[[noreturn]] void failLookup(const std::wstring& subKey, const std::wstring& valueName,
+                             LSTATUS status) {
+    const vexception::CallStackInfo frame(L"", "registry::getstr", 736);
+    throw vexception(L"lookup subKey=" + subKey + L" value=" + valueName + L": " +
+                         vosexception(static_cast<DWORD>(status), nullptr, frame).message(),
+                     frame);
+}
+
 AutoRegKey openToWrite(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
                        RegistryView view, MissingKey missing, const char* function) {
     if (hasZero(subKey) || hasZero(valueName)) {
@@ -201,6 +243,18 @@ void set(HKEY key, const std::wstring& subKey, const std::wstring& valueName, DW
         fail(L"Unable to set registry value (%s)", subKey + L"\\" + valueName, status, function,
              __LINE__);
     }
+}
+
+void writeText(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
+               const std::wstring& text, RegistryView view, MissingKey missing,
+               const char* function) {
+    if (text.size() >= std::numeric_limits<DWORD>::max() / sizeof(wchar_t)) {
+        fail(L"Unable to set registry value (%s)", valueName, ERROR_BUFFER_OVERFLOW, function,
+             __LINE__);
+    }
+    const AutoRegKey key = openToWrite(hive, subKey, valueName, view, missing, function);
+    set(key.get(), subKey, valueName, REG_SZ, text.c_str(),
+        static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)), function);
 }
 
 } // namespace
@@ -232,36 +286,16 @@ LSTATUS lookup(HKEY hive, const std::wstring& subKey, const std::wstring& valueN
 
 LSTATUS lookup(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
                std::wstring& value, RegistryView view) {
-    AutoRegKey key;
-    LSTATUS status = openToRead(hive, subKey, valueName, view, key);
-    if (status != ERROR_SUCCESS) {
-        return status;
-    }
-    std::wstring buffer(MAX_PATH, L'\0');
+    std::wstring text;
     DWORD type = REG_NONE;
-    DWORD bytes = 0;
-    for (;;) {
-        bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-        status = ::RegGetValueW(key.get(), nullptr, valueName.c_str(),
-                                RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, &type,
-                                buffer.data(), &bytes);
-        if (status != ERROR_MORE_DATA ||
-            buffer.size() > std::numeric_limits<DWORD>::max() / sizeof(wchar_t) / 2) {
-            break;
-        }
-        // The size is a hint: the value may grow. Doubling ends also where it grows for ever.
-        buffer.resize(std::max(std::size_t{bytes} / sizeof(wchar_t) + 1, buffer.size() * 2));
-    }
-    if (status == ERROR_UNSUPPORTED_TYPE) {
-        invalidType(L"RegGetValue", subKey, valueName, __LINE__);
+    LSTATUS status =
+        readText(hive, subKey, valueName, RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ, text, type, view);
+    if (status == ERROR_SUCCESS) {
+        text.resize(std::min(text.find(L'\0'), text.size()));
+        status = type == REG_EXPAND_SZ ? expand(text) : ERROR_SUCCESS;
     }
     if (status == ERROR_SUCCESS) {
-        buffer.resize(std::min(buffer.size(), std::size_t{bytes} / sizeof(wchar_t)));
-        buffer.resize(std::min(buffer.find(L'\0'), buffer.size()));
-        status = type == REG_EXPAND_SZ ? expand(buffer) : ERROR_SUCCESS;
-    }
-    if (status == ERROR_SUCCESS) {
-        value = std::move(buffer);
+        value = std::move(text);
     }
     return status;
 }
@@ -271,12 +305,20 @@ std::wstring getstr(HKEY hive, const std::wstring& subKey, const std::wstring& v
     std::wstring value;
     const LSTATUS status = lookup(hive, subKey, valueName, value, view);
     if (status != ERROR_SUCCESS) {
-        const vexception::CallStackInfo frame(L"", "registry::getstr", 736);
-        throw vexception(L"lookup subKey=" + subKey + L" value=" + valueName + L": " +
-                             vosexception(static_cast<DWORD>(status), nullptr, frame).message(),
-                         frame);
+        failLookup(subKey, valueName, status);
     }
     return value;
+}
+
+std::wstring getStored(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
+                       RegistryView view) {
+    std::wstring text;
+    DWORD type = REG_NONE;
+    const LSTATUS status = readText(hive, subKey, valueName, RRF_RT_REG_SZ, text, type, view);
+    if (status != ERROR_SUCCESS) {
+        failLookup(subKey, valueName, status);
+    }
+    return text;
 }
 
 bool keyExists(HKEY hive, const std::wstring& subKey, RegistryView view) {
@@ -315,14 +357,12 @@ void setString(HKEY hive, const std::wstring& subKey, const std::wstring& valueN
                          valueName.c_str()),
             {L"", "registry::setString", __LINE__});
     }
-    if (value.size() >= std::numeric_limits<DWORD>::max() / sizeof(wchar_t)) {
-        fail(L"Unable to set registry value (%s)", valueName, ERROR_BUFFER_OVERFLOW,
-             "registry::setString", __LINE__);
-    }
-    const AutoRegKey key =
-        openToWrite(hive, subKey, valueName, view, missing, "registry::setString");
-    set(key.get(), subKey, valueName, REG_SZ, value.c_str(),
-        static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)), "registry::setString");
+    writeText(hive, subKey, valueName, value, view, missing, "registry::setString");
+}
+
+void setStored(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
+               const std::wstring& text, RegistryView view) {
+    writeText(hive, subKey, valueName, text, view, MissingKey::Fail, "registry::setStored");
 }
 
 void setDWORD(HKEY hive, const std::wstring& subKey, const std::wstring& valueName, DWORD value,

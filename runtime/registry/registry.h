@@ -41,6 +41,11 @@ LSTATUS lookup(HKEY hive, const std::wstring& subKey, const std::wstring& valueN
 std::wstring getstr(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
                     RegistryView view);
 
+// A REG_SZ to be put back exactly: with what is stored behind the text's first zero character,
+// which other readers leave off. Throws as getstr does; also for a string that is kept expandable.
+std::wstring getStored(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
+                       RegistryView view);
+
 // False when there is no such key. Throws vosexception when that cannot be found out.
 bool keyExists(HKEY hive, const std::wstring& subKey, RegistryView view);
 
@@ -58,5 +63,9 @@ void setString(HKEY hive, const std::wstring& subKey, const std::wstring& valueN
                const std::wstring& value, RegistryView view, MissingKey missing = MissingKey::Fail);
 void setDWORD(HKEY hive, const std::wstring& subKey, const std::wstring& valueName, DWORD value,
               RegistryView view, MissingKey missing = MissingKey::Fail);
+
+// Writes what getStored has read, zero characters as they are. Throws vosexception.
+void setStored(HKEY hive, const std::wstring& subKey, const std::wstring& valueName,
+               const std::wstring& text, RegistryView view);
 
 } // namespace registry

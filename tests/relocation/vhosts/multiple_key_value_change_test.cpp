@@ -90,6 +90,7 @@ TEST_F(MultipleKeyValueChangeTest, ValuesThatNameTheOldDirectoryFollowItAndNoOth
         {old_ + L"\\a\\..\\b", new_ + L"\\b"},
         {old_ + L"\\x.exe /run \\\\s\\t", new_ + L"\\x.exe /run \\\\s\\t"},
         {old_ + L"\\" + std::wstring(30000, L'x'), new_ + L"\\" + std::wstring(30000, L'x')},
+        {old_ + L'\0' + L"behind the end", new_ + L'\0' + L"behind the end"},
         {alias, new_},
         {RunTime::shortPath(old_ + same), new_ + same},
         {RunTime::shortPath(old_ + deep), new_ + deep},
@@ -140,7 +141,7 @@ TEST_F(MultipleKeyValueChangeTest, ValuesThatNameTheOldDirectoryFollowItAndNoOth
         EXPECT_EQ(followed, paths_.entries().size()) << toUtf8(form);
     }
     paths_.save(alias); // what is there is found, by its long form
-    EXPECT_EQ(7u, paths_.entries().size());
+    EXPECT_EQ(8u, paths_.entries().size());
     EXPECT_EQ("", log_);
     ::SetCurrentDirectoryW(before);
 }
