@@ -25,16 +25,19 @@ std::wstring uniqueName() {
 } // namespace
 
 ChildPipe::ChildPipe(Direction direction) : event_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+    if (!event_) {
+        const DWORD code = ::GetLastError();
+        _throwError(L"Unable to create a pipe", code,
+                    {L"", "RunTime::ChildPipe::ChildPipe", __LINE__});
+    }
     const bool inbound = direction == Direction::FromChild;
     const std::wstring name = uniqueName();
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    if (event_) {
-        ours_.reset(::CreateNamedPipeW(name.c_str(),
-                                       (inbound ? PIPE_ACCESS_INBOUND : PIPE_ACCESS_OUTBOUND) |
-                                           FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
-                                       PIPE_TYPE_BYTE | PIPE_REJECT_REMOTE_CLIENTS, 1, pipeBytes,
-                                       pipeBytes, 0, nullptr));
-    }
+    ours_.reset(::CreateNamedPipeW(name.c_str(),
+                                   (inbound ? PIPE_ACCESS_INBOUND : PIPE_ACCESS_OUTBOUND) |
+                                       FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+                                   PIPE_TYPE_BYTE | PIPE_REJECT_REMOTE_CLIENTS, 1, pipeBytes,
+                                   pipeBytes, 0, nullptr));
     if (ours_) {
         // The rights that an anonymous pipe would give: some programs ask what their output is.
         const DWORD access =

@@ -240,7 +240,6 @@ Execute::Result Execute::run() const {
     waitForEnd(*this, process.get(), pipes);
     Result result;
     result.exitStatus = exitStatusOf(process.get());
-    job.release();
     out.drain();
     result.output = decode(out);
     result.truncated = out.isTruncated();
@@ -249,6 +248,7 @@ Execute::Result Execute::run() const {
         result.errors = decode(*err);
         result.truncated = result.truncated || err->isTruncated();
     }
+    job.release();
     return result;
 }
 
