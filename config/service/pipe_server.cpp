@@ -9,7 +9,6 @@
 #include <new>
 #include <optional>
 #include <sddl.h>
-#include <system_error>
 
 namespace config {
 
@@ -72,7 +71,7 @@ PipeServer::PipeServer(Options options) : options_(std::move(options)) {
     listen(*connections_.front());
     try {
         thread_ = std::async(std::launch::async, [this] { run(); });
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) { // no thread, or no memory for it
         stopping_ = true;
         run(); // takes back what is under way
         _throwError(L"Unable to start a thread for the pipe", ERROR_MAX_THRDS_REACHED,

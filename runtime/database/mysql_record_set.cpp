@@ -31,11 +31,11 @@ VMySQLRecordSet::VMySQLRecordSet(std::shared_ptr<database::MySQLConnection> conn
     if (result_ == nullptr) {
         throw connection_->failure(statement_, {L"", "VMySQLRecordSet::VMySQLRecordSet", __LINE__});
     }
-    connection_->reader = this;
     const MYSQL_FIELD* fields = ::mysql_fetch_fields(result_);
     for (unsigned int i = 0; i < ::mysql_num_fields(result_); ++i) {
         columns_.push_back(toWide({fields[i].name, fields[i].name_length}));
     }
+    connection_->reader = this; // the last step: from here on the destructor takes it back
 }
 
 VMySQLRecordSet::~VMySQLRecordSet() {

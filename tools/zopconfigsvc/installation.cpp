@@ -93,14 +93,14 @@ void configure(SC_HANDLE service, Console& console) {
 void registerEventSource(const std::wstring& program, Console& console) {
     std::wstring files = program;
     std::wstring root;
-    if (registry::lookup(HKEY_LOCAL_MACHINE, config::configKey, config::name::productRoot, root,
-                         RegistryView::View32) == ERROR_SUCCESS) {
-        const std::wstring panels = root + L"\\admin\\bin64\\eventmsg.dll";
-        if (::GetFileAttributesW(panels.c_str()) != INVALID_FILE_ATTRIBUTES) {
-            files = panels + L";" + files;
-        }
-    }
     try {
+        if (registry::lookup(HKEY_LOCAL_MACHINE, config::configKey, config::name::productRoot, root,
+                             RegistryView::View32) == ERROR_SUCCESS) {
+            const std::wstring panels = root + L"\\admin\\bin64\\eventmsg.dll";
+            if (::GetFileAttributesW(panels.c_str()) != INVALID_FILE_ATTRIBUTES) {
+                files = panels + L";" + files;
+            }
+        }
         registry::setString(HKEY_LOCAL_MACHINE, eventSourceKey, L"EventMessageFile", files,
                             RegistryView::View64, registry::MissingKey::Create);
         registry::setDWORD(HKEY_LOCAL_MACHINE, eventSourceKey, L"TypesSupported",
@@ -108,6 +108,8 @@ void registerEventSource(const std::wstring& program, Console& console) {
                            RegistryView::View64);
     } catch (const vosexception& e) {
         warn(console, L"the event log's source", e.get_errorCode());
+    } catch (const vexception&) { // the panel's root is no string
+        warn(console, L"the event log's source", ERROR_DATATYPE_MISMATCH);
     }
 }
 
