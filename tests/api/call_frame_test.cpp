@@ -81,12 +81,15 @@ TEST(CallFrameTest, EveryKindOfFailureIsWordedTaggedAndEndsWithTheSite) {
         volatile int* volatile nowhere = nullptr;
         *nowhere = 1;
     };
-    for (const Case& kind : {Case{duplicate, "vexception", native, native},
-                             Case{[] { throw std::runtime_error("caf\xC3\xA9"); }, "std::exception",
-                                  "caf\xC3\xA9", "caf\xC3\xA9"},
-                             Case{[] { throw _com_error(E_ACCESSDENIED); }, "_com_error", com, com},
-                             Case{faulty, "cwrpexception", fault, fault},
-                             Case{[] { throw 42; }, "...", "Unexpected error", "unknown"}}) {
+    const Case kinds[] = {
+        {duplicate, "vexception", native, native},
+        {[] { throw std::runtime_error("caf\xC3\xA9"); }, "std::exception", "caf\xC3\xA9",
+         "caf\xC3\xA9"},
+        {[] { throw _com_error(E_ACCESSDENIED); }, "_com_error", com, com},
+        {faulty, "cwrpexception", fault, fault},
+        {[] { throw 42; }, "...", "Unexpected error", "unknown"},
+    };
+    for (const Case& kind : kinds) {
         EXPECT_EQ(kind.text + siteLine, failureOf(kind.fail));
         EXPECT_EQ(failedSpan(kind.tag, kind.tagged), takeTraces());
     }
