@@ -37,7 +37,7 @@ std::wstring listOf(const std::vector<Command>& some) {
 }
 
 std::wstring helpText(const std::vector<Command>& table) {
-    return L"zopctl relocates and checks the data of the hosting panel.\n"
+    return L"zopctl looks after the data, configuration and permissions of the hosting panel.\n"
            L"\n"
            L"Commands:" +
            listOf(table) +
