@@ -87,7 +87,7 @@ public:
 
     HRESULT WINAPI startDTD(const wchar_t*, int, const wchar_t*, int, const wchar_t*,
                             int) override {
-        return E_FAIL; // vetPolicyText() lets none through; should it err, this ends it
+        return E_FAIL; // PolicyText lets none through; should it err, this ends it
     }
     HRESULT WINAPI endDTD() override { return S_OK; }
     HRESULT WINAPI startEntity(const wchar_t*, int) override { return S_OK; }

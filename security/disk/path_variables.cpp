@@ -33,6 +33,21 @@ std::wstring withBackslashes(std::wstring_view path) {
     return result;
 }
 
+// Windows takes these for devices in any directory, with any extension.
+bool namesDevice(std::wstring_view name) {
+    std::wstring_view stem = name.substr(0, name.find(L'.'));
+    stem = stem.substr(0, stem.find_last_not_of(L' ') + 1);
+    const auto is = [](std::wstring_view text) {
+        return [text](const wchar_t* row) { return RunTime::equalNames(text, row); };
+    };
+    constexpr const wchar_t* single[] = {L"CON", L"PRN", L"AUX", L"NUL", L"CONIN$", L"CONOUT$"};
+    constexpr const wchar_t* numbered[] = {L"COM", L"LPT"};
+    return std::any_of(std::begin(single), std::end(single), is(stem)) ||
+           (stem.size() == 4 &&
+            std::wstring_view(L"123456789\xB9\xB2\xB3").find(stem[3]) != std::wstring_view::npos &&
+            std::any_of(std::begin(numbered), std::end(numbered), is(stem.substr(0, 3))));
+}
+
 // The components of a path without its drive or variable; one backslash at either end is allowed.
 void vetComponents(std::wstring_view components, const std::wstring& whole) {
     if (components.starts_with(L'\\')) {
@@ -50,6 +65,9 @@ void vetComponents(std::wstring_view components, const std::wstring& whole) {
         // Windows cuts these off, and "x. " is then another name for "x".
         if (name.back() == L'.' || name.back() == L' ') {
             refuse(L"A name in the path \"%s\" ends in a dot or a blank.", whole, __LINE__);
+        }
+        if (namesDevice(name)) {
+            refuse(L"A name in the path \"%s\" is that of a device.", whole, __LINE__);
         }
         if (std::any_of(name.begin(), name.end(), [](wchar_t c) {
                 return c < L' ' ||
@@ -70,7 +88,7 @@ std::wstring vetAbsolute(const std::wstring& path) {
             L"The path \"%s\" begins neither with a drive (C:\\) nor with a variable ([Windows]).",
             path, __LINE__);
     }
-    vetComponents(std::wstring_view(nice).substr(3), path);
+    vetComponents(std::wstring_view(nice).substr(2), path);
     return nice;
 }
 

@@ -167,7 +167,8 @@ void print(const Report& report, Console& console) {
     } else if (!report.audit->list || report.audit->list->aceCount() == 0) {
         console.line(L"Audit:  nothing is audited");
     } else {
-        console.line(L"Audit:  " + countOf(report.audit->list->aceCount(), L"entry", L"entries"));
+        console.line(L"Audit:  " + countOf(report.audit->list->aceCount(), L"entry", L"entries") +
+                     (report.audit->isProtected ? L"; protected" : L""));
         printEntries(*report.audit->list, report.subject, console);
     }
     console.line(L"SDDL:   " +

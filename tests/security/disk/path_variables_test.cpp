@@ -90,6 +90,7 @@ TEST(PathVariablesTest, PathsAreResolvedInOneSyntax) {
         {L"[PRODUCT_DATA_D]\\x", L"", L"C:\\panel\\data\\x"},
         {L"c:\\", L"", L"c:\\"},
         {L"C:/a b", L"...c", L"C:\\a b\\...c"},
+        {L"C:\\com\\com0", L"nulls\\aux-1", L"C:\\com\\com0\\nulls\\aux-1"},
         {L"\\\\?\\C:\\sites [old]\\[x]", L"[y", L"C:\\sites [old]\\[x]\\[y"},
     };
     for (const auto& row : cases) {
@@ -135,6 +136,9 @@ TEST(PathVariablesTest, PathsThatAreNotWhatTheySeemAreRefused) {
         {L"C:\\a", L"C:\\b", "The path \"C:\\b\" has a character that no name has."},
         {L"C:\\a", L"\\\\server\\share", "The path \"\\\\server\\share\" has an empty component."},
         {L"C:\\a", L"b:stream", "The path \"b:stream\" has a character"},
+        {L"C:\\\\a", L"", "The path \"C:\\\\a\" has an empty component."},
+        {L"C:\\a", L"b\\nul .txt\\c", "A name in the path \"b\\nul .txt\\c\" is that of a device."},
+        {L"C:\\Com\xB9", L"", "A name in the path"},
         {L"C:\\a\\*", L"", "The path \"C:\\a\\*\" has a character"},
         {L"C:\\a\tb", L"", "The path \"C:\\a\tb\" has a character"},
     };
