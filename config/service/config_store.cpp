@@ -19,8 +19,12 @@ namespace {
 // read by everybody.
 constexpr wchar_t keySecurity[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)";
 
+bool isName(const std::wstring& name) {
+    return protocol::isValueName(name) && name.find(L'\\') == std::wstring::npos;
+}
+
 void checkName(const std::wstring& name) {
-    if (!protocol::isValueName(name) || name.find(L'\\') != std::wstring::npos) {
+    if (!isName(name)) {
         _throwError(L"Unable to use that name: a value's name is not empty, and has neither a "
                     L"backslash nor a zero character",
                     ERROR_INVALID_PARAMETER, {L"", "config::ConfigStore::checkName", __LINE__});
@@ -84,7 +88,7 @@ std::vector<protocol::ListedValue> ConfigStore::list(const std::wstring& behind,
     }
     for (registry::ValueName& value :
          registry::values(HKEY_LOCAL_MACHINE, key_, RegistryView::View32)) {
-        if (protocol::isValueName(value.name) && protocol::compareNames(behind, value.name) < 0) {
+        if (isName(value.name) && protocol::compareNames(behind, value.name) < 0) {
             result.push_back({std::move(value.name), value.type});
         }
     }

@@ -28,7 +28,7 @@ public:
     void setDWORD(const std::wstring& name, DWORD value) const;
 
     // Names and types in alphabetical order, from the first one behind a name on, or all of them
-    // behind "". At most count of them.
+    // behind "". At most count of them; none with a name that cannot be asked for.
     std::vector<protocol::ListedValue> list(const std::wstring& behind, std::size_t count) const;
 
     // Whether the panel runs in a virtual machine or container: what the value "VirtualEnvironment"

@@ -238,6 +238,14 @@ TEST_F(ConfigCommandTest, TheListHasWhatIsStoredAndWhatIsKnown) {
         return ::_stricmp(a.c_str(), b.c_str()) < 0;
     }));
     EXPECT_EQ(console_.objects().back()["status"], "listed");
+
+    // What others wrote, and the service cannot serve, does not keep the rest from being listed.
+    RegistryOverride::setString(L"a\\name", L"text");
+    RegistryOverride::setString(L"Long", std::wstring(600'000, L'x'));
+    const std::string odd = outputOf({L"list"});
+    EXPECT_THAT(odd, testing::ContainsRegex("\nLong +string +\\(cannot be read\\)\n"));
+    EXPECT_THAT(odd, testing::Not(HasSubstr("a\\name")));
+    EXPECT_THAT(odd, testing::ContainsRegex("\nOwn +string +text\n"));
 }
 
 TEST_F(ConfigCommandTest, WithoutAServiceTheMessageSaysHowToStartOne) {

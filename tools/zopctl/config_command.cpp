@@ -312,15 +312,21 @@ ExitCode list(const ConfigListOptions& options, Console& console) {
         for (const Entry& entry : entries()) {
             const bool hidden = entry.isSet() && entry.isSecret() && !options.showSecrets;
             JsonValue value;
+            bool unreadable = false;
             try {
                 value = hidden ? JsonValue() : read(entry);
             } catch (const ConfigServiceException& e) {
-                // It was removed, or given another type, since the names were listed.
-                if (e.status() != ConfigServiceException::noSuchValue &&
-                    e.status() != ConfigServiceException::wrongType) {
+                // Too long for an answer, or removed or given another type since the names were
+                // listed: the others are listed all the same.
+                unreadable = e.status() == ConfigServiceException::badMessage;
+                const bool gone = e.status() == ConfigServiceException::noSuchValue ||
+                                  e.status() == ConfigServiceException::wrongType;
+                if (gone) {
+                    continue;
+                }
+                if (!unreadable) {
                     throw;
                 }
-                continue;
             }
             if (options.json) {
                 console.line(jsonLine(L"value", fieldsOf(entry, value, hidden)));
@@ -328,6 +334,7 @@ ExitCode list(const ConfigListOptions& options, Console& console) {
             }
             const wchar_t* note = hidden           ? L"(hidden)"
                                   : !entry.isSet() ? L"(not set)"
+                                  : unreadable     ? L"(cannot be read)"
                                                    : L"(neither text nor number)";
             const bool noted = std::holds_alternative<std::nullptr_t>(value.value);
             rows.push_back({printable(entry.name), typeName(entry), noted ? note : textOf(value),
