@@ -54,7 +54,7 @@ bool isSecret(const wchar_t* valueName) {
     for (const wchar_t* at = valueName; *at != L'\0'; ++at) {
         lower += static_cast<wchar_t>(std::towlower(*at));
     }
-    constexpr const wchar_t* signs[] = {L"password", L"passwd", L"secret", L"token"};
+    constexpr const wchar_t* signs[] = {L"password", L"passwd", L"pwd", L"secret", L"token"};
     return std::any_of(std::begin(signs), std::end(signs), [&lower](const wchar_t* sign) {
         return lower.find(sign) != std::wstring::npos;
     });

@@ -45,7 +45,7 @@ struct ValueDescription {
 std::span<const ValueDescription> valueTable();
 
 // Whether a value of this name holds a secret: it is in the table as one, or its name says so
-// ("password", "passwd", "secret", "token", in any letter case). The table cannot know every name.
+// ("password", "passwd", "pwd", "secret", "token", in any case). The table cannot know every name.
 bool isSecret(const wchar_t* valueName);
 
 } // namespace config
