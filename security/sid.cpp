@@ -1,6 +1,6 @@
 #include "security/sid.h"
 
-#include "runtime/auto_handle.h"
+#include "runtime/accounts/token.h"
 #include "runtime/exception.h"
 #include "runtime/format_string.h"
 #include "security/sddl.h"
@@ -96,18 +96,7 @@ Sid Sid::wellKnown(WELL_KNOWN_SID_TYPE type) {
 }
 
 Sid Sid::current() {
-    AutoHandle token;
-    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) {
-        DWORD code = ::GetLastError();
-        if (code == ERROR_NO_TOKEN) {
-            code = ::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put())
-                       ? ERROR_SUCCESS
-                       : ::GetLastError();
-        }
-        if (code != ERROR_SUCCESS) {
-            _throwError(L"Unable to open token", code, {L"", "RunTime::Sid::current", __LINE__});
-        }
-    }
+    const AutoHandle token = openTokenInForce(TOKEN_QUERY, "RunTime::Sid::current", __LINE__);
     alignas(TOKEN_USER) unsigned char buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
     DWORD size = 0;
     if (!::GetTokenInformation(token.get(), TokenUser, buffer, sizeof(buffer), &size)) {

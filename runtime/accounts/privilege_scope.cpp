@@ -1,5 +1,6 @@
 #include "runtime/accounts/privilege_scope.h"
 
+#include "runtime/accounts/token.h"
 #include "runtime/exception.h"
 #include "runtime/format_string.h"
 
@@ -55,21 +56,9 @@ DWORD adjust(HANDLE token, const LUID& privilege, DWORD attributes, bool& was) n
 
 } // namespace
 
-PrivilegeScope::PrivilegeScope(std::initializer_list<const wchar_t*> names) {
-    constexpr DWORD access = TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY;
-    // As the process: the impersonated account need not have the right to its own token.
-    if (!::OpenThreadToken(::GetCurrentThread(), access, TRUE, token_.put())) {
-        DWORD code = ::GetLastError();
-        if (code == ERROR_NO_TOKEN) {
-            code = ::OpenProcessToken(::GetCurrentProcess(), access, token_.put())
-                       ? ERROR_SUCCESS
-                       : ::GetLastError();
-        }
-        if (code != ERROR_SUCCESS) {
-            _throwError(L"Unable to open token", code,
-                        {L"", "RunTime::PrivilegeScope::PrivilegeScope", __LINE__});
-        }
-    }
+PrivilegeScope::PrivilegeScope(std::initializer_list<const wchar_t*> names)
+    : token_(openTokenInForce(TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY,
+                              "RunTime::PrivilegeScope::PrivilegeScope", __LINE__)) {
     TOKEN_STATISTICS statistics = {};
     DWORD size = 0;
     if (!::GetTokenInformation(token_.get(), TokenStatistics, &statistics, sizeof(statistics),
