@@ -1,5 +1,6 @@
 #include "relocation/directory.h"
 
+#include "runtime/accounts/token.h"
 #include "runtime/exception.h"
 #include "runtime/format_string.h"
 #include "runtime/log_manager.h"
@@ -307,12 +308,8 @@ void Directory::setOwner(const std::wstring& path, bool recursive) {
     const ThreadCancelation::CancelationPoint cancellable;
     const PrivilegeScope privileges{SE_TAKE_OWNERSHIP_NAME, SE_RESTORE_NAME, SE_BACKUP_NAME};
 
-    AutoHandle token;
-    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) &&
-        !::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put())) {
-        const DWORD code = ::GetLastError();
-        _throwError(L"Unable to open token", code, {L"", "RunTime::Directory::setOwner", __LINE__});
-    }
+    const AutoHandle token =
+        openTokenInForce(TOKEN_QUERY, "RunTime::Directory::setOwner", __LINE__);
     alignas(TOKEN_OWNER) unsigned char owner[sizeof(TOKEN_OWNER) + SECURITY_MAX_SID_SIZE];
     DWORD bytes = 0;
     SECURITY_DESCRIPTOR descriptor;
