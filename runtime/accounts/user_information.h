@@ -17,6 +17,11 @@ public:
     // backslashes in front. Empty for local accounts, as those calls take it for this computer.
     // Throws vosexception "Unable to find a domain controller".
     virtual std::wstring getDomainServerName() = 0;
+
+    // Names may come with a domain, which is left out. Throw vosexception when the system cannot
+    // tell.
+    virtual bool userExists(const std::wstring& name) = 0;
+    virtual bool groupExists(const std::wstring& name) = 0;
 };
 
 // Functions may be called from any thread.

@@ -26,6 +26,10 @@ public:
 
     explicit ZOPDatabase(std::shared_ptr<VDatabase> database);
 
+    // Connects to the panel's database by the parameters that the configuration has. Throws
+    // VDatabase::ConnectException, and vexception for a configuration that cannot be read.
+    static ZOPDatabase connect();
+
     VDatabase& database() const noexcept { return *database_; }
 
     // Throws vexception when the panel does not know the account.

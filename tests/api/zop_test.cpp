@@ -40,6 +40,8 @@ std::wstring stored(const std::wstring& name) {
 class DomainOfTests final : public UserManagement::IUserInformation {
 public:
     std::wstring getDomainServerName() override { return L"dc1.example.com"; }
+    bool userExists(const std::wstring&) override { return false; }
+    bool groupExists(const std::wstring&) override { return false; }
 };
 
 } // namespace
