@@ -134,7 +134,7 @@ TEST_F(ZopconfigsvcTest, InTheForegroundItServesUntilCtrlC) {
         start = ::GetTickCount64();
         interrupt(toUtf8(pipe));
     }
-    EXPECT_LT(::GetTickCount64() - start, 3000U); // a tenth of that on an idle machine
+    EXPECT_LT(::GetTickCount64() - start, 15'000U); // 0.3 s on an idle machine
     EXPECT_EQ(done.exitStatus, 0U);
     EXPECT_EQ(done.errors, L"");
     for (const std::wstring& line :

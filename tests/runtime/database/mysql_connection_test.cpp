@@ -89,7 +89,7 @@ TEST_F(MySQLConnectionTest, ConnectErrorsNameServerAndUserAndNoPassword) {
     const ULONGLONG start = ::GetTickCount64();
     EXPECT_NE(connectError(wrong).find("127.0.0.1:"), std::string::npos);
     EXPECT_GE(::GetTickCount64() - start, 900U);
-    EXPECT_LT(::GetTickCount64() - start, 2500U);
+    EXPECT_LT(::GetTickCount64() - start, 12'000U); // of the 15 s of the configuration
     ::closesocket(silent);
     EXPECT_NE(connectError(wrong).find("(Error number 2002)"), std::string::npos);
 
