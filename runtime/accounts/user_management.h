@@ -5,7 +5,10 @@
 //         UserManagement::UserInformation::createInstance();
 //     const auto factory = UserManagement::Factory::createInstance(information);
 //     if (!information->userExists(login)) {
-//         factory->createUser({.name = login, .password = password, .fullName = L"..."});
+//         UserManagement::NewUser user;
+//         user.name = login;
+//         user.password = password;
+//         factory->createUser(user);
 //     }
 //     factory->getGroup(L"ftp_subaccounts")->addMember(login);
 //

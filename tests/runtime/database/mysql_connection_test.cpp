@@ -2,7 +2,7 @@
 // table locks.
 #include "runtime/database/mysql_database.h"
 
-#include "tests/runtime/database/database_fixture.h"
+#include "tests/support/database_fixture.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/registry_override.h"

@@ -1,7 +1,7 @@
 // Statements, values and rows against a real server.
 #include "runtime/database/mysql_database.h"
 
-#include "tests/runtime/database/database_fixture.h"
+#include "tests/support/database_fixture.h"
 
 #include <limits>
 #include <psapi.h>

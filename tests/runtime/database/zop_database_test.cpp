@@ -1,7 +1,7 @@
 // The panel's queries on its tables (tests/panel/schema.sql).
 #include "runtime/database/zop_database.h"
 
-#include "tests/runtime/database/database_fixture.h"
+#include "tests/support/database_fixture.h"
 
 namespace {
 
