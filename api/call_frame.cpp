@@ -16,9 +16,13 @@ namespace {
 
 using Span = OpenTracingDriver::ISpanContextProvider;
 
+vexception::CallStackInfo frameOf(const CallSite& site) {
+    return {site.text != nullptr ? std::wstring_view(*site.text) : std::wstring_view(),
+            site.function, site.catchLine};
+}
+
 // Runs the payload; returns the text of what went wrong, empty when nothing did.
 std::wstring runPayload(const CallSite& site, const Payload& payload, Span& span) {
-    const vexception::CallStackInfo frame(L"", site.function, site.catchLine);
     const SeTranslatorLocal translator;
     const ThreadCancelation::CancelationPoint cancellable(true);
     try {
@@ -34,23 +38,23 @@ std::wstring runPayload(const CallSite& site, const Payload& payload, Span& span
         }
     } catch (const std::exception& e) {
         span.tag("std::exception", e.what());
-        return vexception(toWide(e.what()), frame).what();
+        return vexception(toWide(e.what()), frameOf(site)).what();
     } catch (vexception& e) {
         span.tag("vexception", toUtf8(e.what()));
-        e += frame;
+        e += frameOf(site);
         return e.what();
     } catch (const _com_error& e) {
         const wchar_t* text = e.ErrorMessage();
         const std::wstring message = text != nullptr ? text : L"";
         span.tag("_com_error", toUtf8(message));
-        return vexception(message, frame).what();
+        return vexception(message, frameOf(site)).what();
     } catch (const cwrpexception& e) {
         const std::wstring message = e.get_ErrorMessage();
         span.tag("cwrpexception", toUtf8(message));
-        return vexception(message, frame).what();
+        return vexception(message, frameOf(site)).what();
     } catch (...) {
         span.tag("...", "unknown");
-        return vexception(L"Unexpected error", frame).what();
+        return vexception(L"Unexpected error", frameOf(site)).what();
     }
     return {};
 }

@@ -30,6 +30,9 @@ struct CallSite {
     const char* function;   // "zopobsolete::" + class + "::" + member; an accessor ends in "::get"
     std::int32_t line;      // where the method begins: the line of its span
     std::int32_t catchLine; // the line of its handlers: the one in error texts
+    // What error texts say of the call beside its place. The payload may set it: it is read when
+    // the payload has thrown.
+    const std::wstring* text = nullptr;
 };
 
 namespace call_frame {

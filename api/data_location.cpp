@@ -1,45 +1,12 @@
 #include "api/data_location.h"
 
 #include "api/call_frame.h"
+#include "api/relay.h"
 #include "api/utils.h"
 #include "relocation/backupmove.h"
-#include "runtime/cwrpexception.h"
 #include "runtime/exception.h"
-#include "runtime/native_span.h"
-#include "runtime/text.h"
-
-#include <comdef.h>
 
 namespace zopobsolete {
-
-namespace {
-
-// Runs listeners in a span of their own. What one of them does wrong fails the move like any other
-// error: as one of ours, with its text, whatever it threw.
-template <class Raise>
-void relay(const char* name, std::int32_t line, Raise&& raise) {
-    const NativeSpan span(name, line);
-    const vexception::CallStackInfo frame(L"", name, line);
-    try {
-        raise();
-    } catch (vexception& e) {
-        e += frame;
-        throw;
-    } catch (const Exception& e) {
-        throw vexception(e.message(), frame);
-    } catch (const std::exception& e) {
-        throw vexception(toWide(e.what()), frame);
-    } catch (const _com_error& e) {
-        const wchar_t* text = e.ErrorMessage();
-        throw vexception(text != nullptr ? text : L"", frame);
-    } catch (const cwrpexception& e) {
-        throw vexception(e.get_ErrorMessage(), frame);
-    } catch (...) {
-        throw vexception(L"Unexpected error", frame);
-    }
-}
-
-} // namespace
 
 // The move itself; its events come out of the public object.
 class DataLocationProxy : public backupmove {
