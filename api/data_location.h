@@ -11,6 +11,7 @@
 //     else location.Rollback();
 #pragma once
 
+#include "api/backup_copy_error_event.h"
 #include "relocation/copy_report.h"
 #include "relocation/stream_type.h"
 #include "runtime/event.h"
@@ -24,14 +25,6 @@
 namespace zopobsolete {
 
 using ::StreamType;
-
-// The argument of ErrorEvent. A handler sets ignore to pass over the failed item.
-struct BackupCopyErrorEvent {
-    BackupCopyErrorEvent() = default;
-    BackupCopyErrorEvent(std::wstring msg, bool val) : message(std::move(msg)), ignore(val) {}
-    std::wstring message;
-    bool ignore = false;
-};
 
 class DataLocationProxy;
 
