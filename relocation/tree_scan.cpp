@@ -36,8 +36,8 @@ struct Level {
 class Walk {
 public:
     Walk(const std::wstring& path, const TreeScan::Options& options,
-         Event<const TreeContents&, bool&>& progress)
-        : options_(options), progress_(progress), path_(RunTime::longPath(path)),
+         Event<const TreeContents&, bool&>& progress, Event<const std::wstring&>& link)
+        : options_(options), progress_(progress), link_(link), path_(RunTime::longPath(path)),
           topLength_(path_.size()) {}
 
     TreeContents run() {
@@ -139,6 +139,7 @@ private:
     void visit(const FileInformation& entry) {
         if (entry.isLink()) {
             ++contents_.links;
+            link_.raise(path_);
         } else if (entry.isDirectory()) {
             ++contents_.directories;
         } else {
@@ -266,6 +267,7 @@ private:
 
     TreeScan::Options options_;
     Event<const TreeContents&, bool&>& progress_;
+    Event<const std::wstring&>& link_;
     std::wstring path_; // of the item at hand, long form
     std::size_t topLength_;
     TreeContents contents_;
@@ -283,5 +285,5 @@ void TreeContents::Special::add(const std::wstring& path) {
 
 TreeContents TreeScan::scan(const std::wstring& path, const Options& options) {
     const ThreadCancelation::CancelationPoint cancellable;
-    return Walk(path, options, progressEvent).run();
+    return Walk(path, options, progressEvent, linkEvent).run();
 }

@@ -75,4 +75,7 @@ public:
 
     // What has been seen so far, cancel; once per item.
     Event<const TreeContents&, bool&> progressEvent;
+    // Each link's path, in long form; the directories above it are held, so that the path leads to
+    // it and nothing else while a handler looks at it.
+    Event<const std::wstring&> linkEvent;
 };
