@@ -339,6 +339,16 @@ bool equalNames(std::wstring_view first, std::wstring_view second) {
            ::CompareStringOrdinal(first.data(), length, second.data(), length, TRUE) == CSTR_EQUAL;
 }
 
+bool NameOrder::operator()(std::wstring_view first, std::wstring_view second) const {
+    // Names of different lengths differ, so the length may come first; it also spares the calls.
+    if (first.size() != second.size()) {
+        return first.size() < second.size();
+    }
+    const int length = static_cast<int>(first.size());
+    return length != 0 && ::CompareStringOrdinal(first.data(), length, second.data(), length,
+                                                 TRUE) == CSTR_LESS_THAN;
+}
+
 bool beginsWith(std::wstring_view text, std::wstring_view prefix) {
     return text.size() >= prefix.size() && equalNames(text.substr(0, prefix.size()), prefix);
 }

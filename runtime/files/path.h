@@ -55,6 +55,11 @@ bool isDotEntry(std::wstring_view name);
 // Ordinal, ignoring case.
 bool equalNames(std::wstring_view first, std::wstring_view second);
 bool beginsWith(std::wstring_view text, std::wstring_view prefix);
+// An order in which such names are equal, for containers.
+struct NameOrder {
+    using is_transparent = void;
+    bool operator()(std::wstring_view first, std::wstring_view second) const;
+};
 
 // True when path names something strictly below directory, by whole components. Both are in the
 // same form; a path with a "." or ".." or an empty component is never inside.

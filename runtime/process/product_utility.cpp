@@ -1,5 +1,6 @@
 #include "runtime/process/product_utility.h"
 
+#include "runtime/files/file.h"
 #include "runtime/files/path.h"
 #include "runtime/format_string.h"
 #include "runtime/registry/config_values.h"
@@ -37,6 +38,13 @@ bool isFileName(const std::wstring& name) {
            std::none_of(name.begin(), name.end(), [](wchar_t c) { return c < L' '; });
 }
 
+Execute utility(const std::wstring& folder, const std::wstring& name,
+                std::vector<std::wstring> arguments) {
+    const std::wstring root = registry::getstr(HKEY_LOCAL_MACHINE, config::configKey,
+                                               config::name::productRoot, RegistryView::View32);
+    return Execute(combine(combine(root, folder), name), std::move(arguments));
+}
+
 Execute::Result runUtility(const wchar_t* folder, const std::wstring& name,
                            const std::vector<std::wstring>& arguments,
                            const vexception::CallStackInfo& frame) {
@@ -45,9 +53,7 @@ Execute::Result runUtility(const wchar_t* folder, const std::wstring& name,
             formatString(L"Unable to execute (%s): a file name is needed", name.c_str()).c_str(),
             ERROR_INVALID_NAME, frame);
     }
-    const std::wstring root = registry::getstr(HKEY_LOCAL_MACHINE, config::configKey,
-                                               config::name::productRoot, RegistryView::View32);
-    Execute::Result result = Execute(combine(combine(root, folder), name), arguments).run();
+    Execute::Result result = utility(folder, name, arguments).run();
     if (result.exitStatus != 0) {
         throw UtilityException(name, result, frame);
     }
@@ -68,6 +74,22 @@ Execute::Result execUtil(const std::wstring& name, const std::vector<std::wstrin
 Execute::Result execUtil64Bit(const std::wstring& name,
                               const std::vector<std::wstring>& arguments) {
     return runUtility(L"admin\\bin64", name, arguments, {L"", "RunTime::execUtil64Bit", __LINE__});
+}
+
+Execute::Result execScript(const std::wstring& script, const std::vector<std::wstring>& arguments) {
+    constexpr const char* function = "RunTime::execScript";
+    if (!isFullyQualified(script)) { // the interpreter would look for it in its current directory
+        throwForPath(L"Unable to execute (%s): the whole path is needed", script,
+                     ERROR_INVALID_PARAMETER, function, __LINE__);
+    }
+    if (!exists(script) || isDirectory(script)) {
+        throwForPath(L"Unable to execute (%s)", script, ERROR_FILE_NOT_FOUND, function, __LINE__);
+    }
+    std::vector<std::wstring> words{nicePath(script)};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    Execute interpreter = utility(L"admin\\bin64", L"php.exe", std::move(words));
+    interpreter.mergeErrors = true;
+    return interpreter.run();
 }
 
 } // namespace RunTime

@@ -40,4 +40,13 @@ private:
 Execute::Result execUtil(const std::wstring& name, const std::vector<std::wstring>& arguments);
 Execute::Result execUtil64Bit(const std::wstring& name, const std::vector<std::wstring>& arguments);
 
+// Runs one of the panel's scripts by the product's own interpreter, "admin\bin64\php.exe", to its
+// end, and returns what it printed to both streams, in order, and its exit status: another than 0
+// is the caller's to judge. A cancellation point while it runs.
+//   script     the whole path of the script
+//   arguments  as the script is to see them
+// Throws vosexception "Unable to execute (%s)" for a script that is no whole path (code 87) or no
+// file that is there (2); otherwise as the functions above for what cannot be run.
+Execute::Result execScript(const std::wstring& script, const std::vector<std::wstring>& arguments);
+
 } // namespace RunTime

@@ -2,8 +2,7 @@
 
 #include "tests/support/child_program.h"
 #include "tests/support/expect_error.h"
-#include "tests/support/registry_override.h"
-#include "tests/support/temp_directory.h"
+#include "tests/support/panel_utilities.h"
 
 namespace {
 
@@ -81,4 +80,30 @@ TEST_F(ProductUtilityTest, OnlyAFileOfTheFolderIsStarted) {
         [&] { execUtil(L"none.exe", {}); });
     RegistryOverride::setString(L"PRODUCT_ROOT_D", L"admin");
     EXPECT_THROW(execUtil(L"tool.exe", {}), vosexception) << "a root that is no whole path";
+}
+
+TEST(ScriptTest, TheInterpreterGetsTheScriptsWholePathAndItsArguments) {
+    const PanelUtilities panel({L"php.exe"}, {});
+    const std::wstring script = panel.root().writeFile(L"a b\\repair.php");
+    const std::wstring nice = panel.root().nice() + L"\\a b\\repair.php";
+    panel.answer(L"php.exe", "\xC3\xA4");
+    const auto run = [](const std::wstring& path) {
+        return startingAgain([&] { return RunTime::execScript(path, {L"--all", L"50 %\\"}); });
+    };
+    EXPECT_EQ(run(script).output, L"\xE4");
+    panel.refuse(2);
+    const RunTime::Execute::Result failed = run(nice);
+    EXPECT_EQ(failed.exitStatus, 3U);
+    EXPECT_EQ(failed.output, L"php.exe has refused\r\n");
+    const std::string call = "php.exe|" + toUtf8(nice) + "|--all|50 %\\";
+    EXPECT_EQ(panel.calls(), std::vector<std::string>(2, call));
+
+    expectError<VFileNotFoundException>(ERROR_FILE_NOT_FOUND,
+                                        L"Unable to execute (" + panel.root().nice() + L"\\a b)",
+                                        [&] { run(panel.root() / L"a b"); });
+    expectError<VFileNotFoundException>(ERROR_FILE_NOT_FOUND, L"Unable to execute (" + nice + L"x)",
+                                        [&] { run(script + L"x"); });
+    expectError<vosexception>(ERROR_INVALID_PARAMETER,
+                              L"Unable to execute (repair.php): the whole path is needed",
+                              [&] { run(L"repair.php"); });
 }

@@ -4,6 +4,7 @@
 #include "runtime/format_string.h"
 #include "runtime/text.h"
 
+#include <algorithm>
 #include <shellapi.h>
 #include <windows.h>
 
@@ -106,12 +107,56 @@ int run(const std::vector<std::wstring>& words) {
     return 0;
 }
 
+// Reads a whole file; empty when it is not there.
+std::string contentOf(const std::wstring& path) {
+    std::string bytes;
+    const AutoHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                        0, nullptr));
+    char buffer[65536];
+    DWORD count = 0;
+    while (file && ::ReadFile(file.get(), buffer, sizeof buffer, &count, nullptr) && count > 0) {
+        bytes.append(buffer, count);
+    }
+    return bytes;
+}
+
+// A utility of the panel (panel_utilities.h): the directory two above its own has what it knows.
+int runAsUtility(const std::wstring& name, const std::vector<std::wstring>& words) {
+    const std::wstring root = besideTests(L"..\\..\\");
+    std::wstring call = name;
+    for (const std::wstring& word : words) {
+        call += L"|" + word;
+    }
+    const std::string line = toUtf8(call) + "\n";
+    const AutoHandle log(::CreateFileW((root + L"calls").c_str(), FILE_APPEND_DATA,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, 0,
+                                       nullptr));
+    DWORD written = 0;
+    if (!::WriteFile(log.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr)) {
+        return 97;
+    }
+    const std::string calls = contentOf(root + L"calls");
+    const std::string refused = contentOf(root + L"refuse");
+    if (!refused.empty() && std::count(calls.begin(), calls.end(), '\n') == std::stol(refused)) {
+        print(toUtf8(name) + " has refused\r\n", STD_ERROR_HANDLE);
+        return 3;
+    }
+    print(contentOf(root + name + L".answer"));
+    return 0;
+}
+
 // Before main, which would run tests.
 const bool isChild = [] {
     int count = 0;
     wchar_t** arguments = ::CommandLineToArgvW(::GetCommandLineW(), &count);
     if (count > 2 && std::wstring(arguments[1]) == L"--child") {
         ::ExitProcess(static_cast<UINT>(run({arguments + 2, arguments + count})));
+    }
+    const std::wstring folder = besideTests(L"");
+    if (folder.ends_with(L"\\admin\\bin\\") || folder.ends_with(L"\\admin\\bin64\\")) {
+        const std::wstring name = childProgram().substr(folder.size());
+        ::ExitProcess(static_cast<UINT>(runAsUtility(name, {arguments + 1, arguments + count})));
     }
     ::LocalFree(arguments);
     return false;
