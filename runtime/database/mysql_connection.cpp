@@ -122,7 +122,7 @@ bool MySQLConnection::isAlive() const noexcept {
     return ::select(0, &readable, nullptr, nullptr, &atOnce) == 0;
 }
 
-bool MySQLConnection::send(const Bytes& statement) {
+bool MySQLConnection::send(std::string_view statement) {
     checkLength(statement.size());
     return ::mysql_real_query(handle_.get(), statement.data(),
                               static_cast<unsigned long>(statement.size())) == 0;

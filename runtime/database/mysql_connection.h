@@ -22,12 +22,13 @@ public:
     // Connects and sets the session up. Throws ConnectException.
     void open();
     void close() noexcept { handle_.reset(); }
+    bool mayReconnect() const noexcept { return parameters_.reconnect; }
     bool isOpen() const noexcept { return handle_ != nullptr; }
     // Whether the server has neither closed the idle connection nor said why it will.
     bool isAlive() const noexcept;
 
     // Sends the statement and waits for the answer. False: it failed, see failure().
-    bool send(const Bytes& statement);
+    bool send(std::string_view statement);
     // The last error of the client library, for a statement. Closes a connection that was lost.
     VDatabase::StatementException failure(const std::wstring& shownStatement,
                                           const vexception::CallStackInfo& frame);

@@ -5,8 +5,25 @@
 #include "runtime/registry/config_values.h"
 #include "runtime/registry/registry.h"
 #include "runtime/text.h"
+#include "runtime/wipe.h"
 
 #include <algorithm>
+
+namespace {
+
+// Reads a value of the configuration; one that is missing leaves the preset as it is.
+template <class Value>
+void lookup(const wchar_t* name, Value& value) {
+    const LSTATUS status =
+        registry::lookup(HKEY_LOCAL_MACHINE, config::configKey, name, value, RegistryView::View32);
+    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+        _throwError(
+            (L"Unable to read the configuration value (" + std::wstring(name) + L")").c_str(),
+            static_cast<DWORD>(status), {L"", "VMySQLDatabase::configuredParameters", __LINE__});
+    }
+}
+
+} // namespace
 
 std::chrono::seconds VMySQLDatabase::configuredTimeout() {
     constexpr DWORD preset = 15;
@@ -17,14 +34,53 @@ std::chrono::seconds VMySQLDatabase::configuredTimeout() {
     return std::chrono::seconds(seconds == 0 ? preset : std::min(seconds, longest));
 }
 
+VMySQLDatabase::Parameters VMySQLDatabase::configuredParameters() {
+    Parameters parameters;
+    std::wstring password;
+    const RunTime::WipeOnExit wipePassword(password);
+    DWORD port = parameters.port;
+    parameters.user = L"admin";
+    parameters.database = L"panel";
+    lookup(config::name::mySqlHost, parameters.host);
+    lookup(config::name::mySqlPort, port);
+    lookup(config::name::mySqlLogin, parameters.user);
+    lookup(config::name::mySqlPassword, password);
+    lookup(config::name::mySqlDatabase, parameters.database);
+    if (port == 0 || port > 65'535) {
+        throw ArgumentException(L"The configuration value (MySQLPort) is no port of a server",
+                                {L"", "VMySQLDatabase::configuredParameters", __LINE__});
+    }
+    parameters.port = static_cast<std::uint16_t>(port);
+    parameters.password = password;
+    return parameters;
+}
+
 VMySQLDatabase::VMySQLDatabase(Parameters parameters)
     : connection_(std::make_shared<database::MySQLConnection>(std::move(parameters))) {
     connection_->open();
 }
 
-VMySQLDatabase::~VMySQLDatabase() = default;
+// A record set may hold the connection on. A transaction that nobody can end any more must not live
+// as long.
+VMySQLDatabase::~VMySQLDatabase() {
+    if (level_ == 0 && !locked_) {
+        return;
+    }
+    try {
+        if (connection_->reader != nullptr) {
+            connection_->reader->readAhead();
+        }
+        connection_->close();
+    } catch (const std::bad_alloc&) { // the record set needs it still
+    }
+}
 
 std::unique_ptr<VRecordSet> VMySQLDatabase::query(const std::wstring& sql, const Values& values) {
+    return queryRows(sql, values);
+}
+
+std::unique_ptr<VMySQLRecordSet> VMySQLDatabase::queryRows(const std::wstring& sql,
+                                                           const Values& values) {
     run(sql, values);
     return std::make_unique<VMySQLRecordSet>(connection_, database::shownStatement(sql));
 }
@@ -32,7 +88,13 @@ std::unique_ptr<VRecordSet> VMySQLDatabase::query(const std::wstring& sql, const
 std::uint64_t VMySQLDatabase::execute(const std::wstring& sql, const Values& values) {
     run(sql, values);
     lastInsertId_ = ::mysql_insert_id(connection_->get());
-    return takeResults(sql);
+    return takeResults(database::shownStatement(sql));
+}
+
+std::uint64_t VMySQLDatabase::executeBytes(std::string_view statement, const std::wstring& shown) {
+    ready();
+    send(statement, shown);
+    return takeResults(shown);
 }
 
 std::wstring VMySQLDatabase::escape(std::wstring_view text) {
@@ -129,6 +191,10 @@ void VMySQLDatabase::ready() {
     }
     // What would follow a transaction that the server has ended would take effect at once.
     connection_->close();
+    if (!connection_->mayReconnect()) {
+        throw StatementException(L"The connection to the database was lost", 0,
+                                 {L"", "VMySQLDatabase::ready", __LINE__});
+    }
     if (level_ > 0 || locked_) {
         const wchar_t* reason =
             locked_ ? L"The connection to the database was lost, and the table lock with it"
@@ -146,15 +212,18 @@ void VMySQLDatabase::run(const std::wstring& sql, const Values& values) {
         database::bindValues(sql, values, [this](database::Bytes& to, std::string_view text) {
             connection_->escape(to, text);
         });
+    send({statement.data(), statement.size()}, database::shownStatement(sql));
+}
+
+void VMySQLDatabase::send(std::string_view statement, const std::wstring& shown) {
     if (connection_->send(statement)) {
         return;
     }
     StatementException failure =
-        connection_->failure(database::shownStatement(sql), {L"", "VMySQLDatabase::run", __LINE__});
+        connection_->failure(shown, {L"", "VMySQLDatabase::run", __LINE__});
     if (level_ > 0 && connection_->isOpen()) {
         // An error does not tell whether the server has ended the transaction by it.
-        constexpr std::string_view nothing = "DO 0";
-        if (!connection_->send({nothing.begin(), nothing.end()}) || !connection_->inTransaction()) {
+        if (!connection_->send("DO 0") || !connection_->inTransaction()) {
             connection_->close();
         }
     }
@@ -177,21 +246,20 @@ void VMySQLDatabase::undo(const std::wstring& sql) {
 // A statement of ours, which leaves the caller's last identifier alone.
 void VMySQLDatabase::command(const std::wstring& sql) {
     run(sql, {});
-    takeResults(sql);
+    takeResults(database::shownStatement(sql));
 }
 
 // To the end, rows that nobody asked for included: a procedure may fail behind them.
-std::uint64_t VMySQLDatabase::takeResults(const std::wstring& sql) {
+std::uint64_t VMySQLDatabase::takeResults(const std::wstring& shown) {
     if (::mysql_field_count(connection_->get()) != 0) {
-        VMySQLRecordSet rows(connection_, database::shownStatement(sql));
+        VMySQLRecordSet rows(connection_, shown);
         while (rows.next()) {
         }
         return 0;
     }
     const std::uint64_t found = ::mysql_affected_rows(connection_->get());
     if (!connection_->dropFurtherResults()) {
-        throw connection_->failure(database::shownStatement(sql),
-                                   {L"", "VMySQLDatabase::execute", __LINE__});
+        throw connection_->failure(shown, {L"", "VMySQLDatabase::execute", __LINE__});
     }
     return found;
 }

@@ -22,6 +22,8 @@
 #include <memory>
 #include <string>
 
+class VMySQLRecordSet;
+
 namespace database {
 class MySQLConnection;
 } // namespace database
@@ -36,11 +38,20 @@ public:
         std::wstring database; // empty: none is chosen
         // For all of opening a connection to one address; 0: configuredTimeout().
         std::chrono::seconds connectTimeout{0};
+        // Whether a connection that was lost while it was idle is opened again. Not where the work
+        // rests on what the session holds.
+        bool reconnect = true;
     };
 
     // The configuration value "MySQLConnectionTimeout", in seconds; 15 where it is missing or 0,
     // at most an hour. Throws vexception when the value has another type.
     static std::chrono::seconds configuredTimeout();
+
+    // The panel's database, as the configuration values "MySQLHost", "MySQLPort", "MySQLLogin",
+    // "MySQLPassword" and "MySQLDatabase" name it; localhost, 3306, "admin", none and "panel" where
+    // they are missing. The caller wipes the password. Throws vexception for a value that cannot
+    // be read, ArgumentException for a port that is none.
+    static Parameters configuredParameters();
 
     // Connects. The password is kept, to open the connection again, and wiped at the end. Throws
     // ConnectException; ArgumentException for a text that no server could be given.
@@ -48,7 +59,11 @@ public:
     ~VMySQLDatabase() override;
 
     std::unique_ptr<VRecordSet> query(const std::wstring& sql, const Values& values = {}) override;
+    // The same, for those who read columns by their place, or bytes.
+    std::unique_ptr<VMySQLRecordSet> queryRows(const std::wstring& sql, const Values& values = {});
     std::uint64_t execute(const std::wstring& sql, const Values& values = {}) override;
+    // Sends a statement that is UTF-8 already, without a copy. shown: what errors show of it.
+    std::uint64_t executeBytes(std::string_view statement, const std::wstring& shown);
     std::wstring escape(std::wstring_view text) override;
     std::uint64_t lastInsertId() const noexcept override { return lastInsertId_; }
 
@@ -62,10 +77,11 @@ public:
 private:
     bool isConnected();
     void ready();
+    void send(std::string_view statement, const std::wstring& shown);
     void run(const std::wstring& sql, const Values& values);
     void undo(const std::wstring& sql);
     void command(const std::wstring& sql);
-    std::uint64_t takeResults(const std::wstring& sql);
+    std::uint64_t takeResults(const std::wstring& shown);
 
     // Shared with the record sets, which may live longer.
     std::shared_ptr<database::MySQLConnection> connection_;

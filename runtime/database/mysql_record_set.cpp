@@ -43,21 +43,22 @@ VMySQLRecordSet::~VMySQLRecordSet() {
         release();
         connection_->dropFurtherResults();
     }
-    wipeRow(row_);
-    for (Row& row : kept_) {
+    wipeRow(shown_);
+    for (KeptRow& row : kept_) {
         wipeRow(row);
     }
 }
 
 bool VMySQLRecordSet::next() {
-    wipeRow(row_);
+    row_.clear();
+    wipeRow(shown_);
     if (!kept_.empty()) {
-        row_ = std::move(kept_.front());
+        show(std::move(kept_.front()));
         kept_.pop_front();
         return true;
     }
     if (result_ != nullptr) {
-        fetch(row_);
+        fetch();
     }
     if (row_.empty() && failure_) {
         throw *failure_;
@@ -73,39 +74,68 @@ std::optional<std::wstring> VMySQLRecordSet::text(std::wstring_view column) cons
                                   TRUE) != CSTR_EQUAL) {
         ++index;
     }
-    const auto fail = [this, column](const wchar_t* reason) {
-        throw vexception(L"Unable to read the column (" + std::wstring(column) + L") of (" +
-                             statement_ + L"): " + reason,
-                         {L"", "VMySQLRecordSet::text", __LINE__});
-    };
     if (index == columns_.size()) {
-        fail(L"there is no such column");
+        fail(std::wstring(column), L"there is no such column");
     }
-    if (row_.empty()) {
-        fail(L"there is no row");
-    }
-    const std::optional<std::string>& bytes = row_[index];
-    if (!bytes) {
+    return text(index);
+}
+
+std::optional<std::wstring> VMySQLRecordSet::text(std::size_t column) const {
+    const std::optional<std::string_view> found = bytes(column);
+    if (!found) {
         return std::nullopt;
     }
-    std::wstring result = toWide(*bytes);
-    if (result.find(L'\xFFFD') != std::wstring::npos && toUtf8(result) != *bytes) {
-        fail(L"it holds bytes that are no text");
+    std::wstring result = toWide(*found);
+    if (result.find(L'\xFFFD') != std::wstring::npos && toUtf8(result) != *found) {
+        fail(columns_[column], L"it holds bytes that are no text");
     }
     return result;
 }
 
-void VMySQLRecordSet::readAhead() {
-    while (result_ != nullptr) {
-        Row row;
-        if (fetch(row)) {
-            kept_.push_back(std::move(row));
-        }
+std::optional<std::string_view> VMySQLRecordSet::bytes(std::size_t column) const {
+    if (column >= columns_.size()) {
+        fail(std::to_wstring(column), L"there is no such column");
     }
+    if (row_.empty()) {
+        fail(columns_[column], L"there is no row");
+    }
+    return row_[column];
+}
+
+void VMySQLRecordSet::fail(const std::wstring& column, const wchar_t* reason) const {
+    throw vexception(L"Unable to read the column (" + column + L") of (" + statement_ + L"): " +
+                         reason,
+                     {L"", "VMySQLRecordSet::text", __LINE__});
+}
+
+void VMySQLRecordSet::readAhead() {
+    if (result_ == nullptr) {
+        return;
+    }
+    KeptRow current = keep();
+    while (fetch()) {
+        kept_.push_back(keep());
+    }
+    wipeRow(shown_);
+    show(std::move(current));
+}
+
+VMySQLRecordSet::KeptRow VMySQLRecordSet::keep() const {
+    KeptRow row;
+    for (const std::optional<std::string_view>& cell : row_) {
+        row.push_back(cell ? std::optional<std::string>(*cell) : std::nullopt);
+    }
+    return row;
+}
+
+void VMySQLRecordSet::show(KeptRow&& row) {
+    shown_ = std::move(row);
+    row_.assign(shown_.begin(), shown_.end());
 }
 
 // The next row of the server. At the end, and when the rows break off, the connection is free.
-bool VMySQLRecordSet::fetch(Row& row) {
+bool VMySQLRecordSet::fetch() {
+    row_.clear();
     const MYSQL_ROW cells = ::mysql_fetch_row(result_);
     if (cells == nullptr) {
         const bool whole = ::mysql_errno(connection_->get()) == 0;
@@ -118,9 +148,9 @@ bool VMySQLRecordSet::fetch(Row& row) {
     const unsigned long* lengths = ::mysql_fetch_lengths(result_);
     for (std::size_t i = 0; i < columns_.size(); ++i) {
         if (cells[i] == nullptr) {
-            row.emplace_back(std::nullopt);
+            row_.emplace_back(std::nullopt);
         } else {
-            row.emplace_back(std::in_place, cells[i], lengths[i]);
+            row_.emplace_back(std::in_place, cells[i], lengths[i]);
         }
     }
     return true;

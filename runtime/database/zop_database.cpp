@@ -1,25 +1,7 @@
 #include "runtime/database/zop_database.h"
 
 #include "runtime/database/mysql_database.h"
-#include "runtime/registry/config_values.h"
-#include "runtime/registry/registry.h"
 #include "runtime/wipe.h"
-
-namespace {
-
-// Reads a value of the configuration; one that is missing leaves the preset as it is.
-template <class Value>
-void lookup(const wchar_t* name, Value& value) {
-    const LSTATUS status =
-        registry::lookup(HKEY_LOCAL_MACHINE, config::configKey, name, value, RegistryView::View32);
-    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
-        _throwError(
-            (L"Unable to read the configuration value (" + std::wstring(name) + L")").c_str(),
-            static_cast<DWORD>(status), {L"", "ZOPDatabase::connect", __LINE__});
-    }
-}
-
-} // namespace
 
 ZOPDatabase::UserInfo::~UserInfo() {
     RunTime::wipe(password);
@@ -28,21 +10,8 @@ ZOPDatabase::UserInfo::~UserInfo() {
 ZOPDatabase::ZOPDatabase(std::shared_ptr<VDatabase> database) : database_(std::move(database)) {}
 
 ZOPDatabase ZOPDatabase::connect() {
-    VMySQLDatabase::Parameters parameters;
+    VMySQLDatabase::Parameters parameters = VMySQLDatabase::configuredParameters();
     const RunTime::WipeOnExit wiped(parameters.password);
-    parameters.user = L"admin";
-    parameters.database = L"panel";
-    DWORD port = parameters.port;
-    lookup(config::name::mySqlHost, parameters.host);
-    lookup(config::name::mySqlPort, port);
-    lookup(config::name::mySqlLogin, parameters.user);
-    lookup(config::name::mySqlPassword, parameters.password);
-    lookup(config::name::mySqlDatabase, parameters.database);
-    if (port == 0 || port > 65'535) {
-        throw ArgumentException(L"The configuration value (MySQLPort) is no port of a server",
-                                {L"", "ZOPDatabase::connect", __LINE__});
-    }
-    parameters.port = static_cast<std::uint16_t>(port);
     return ZOPDatabase(std::make_shared<VMySQLDatabase>(parameters));
 }
 

@@ -2,6 +2,7 @@
 #include "runtime/database/zop_database.h"
 
 #include "tests/support/database_fixture.h"
+#include "tests/support/registry_override.h"
 
 namespace {
 
@@ -88,4 +89,26 @@ TEST_F(ZOPDatabaseTest, OnlyTheMarksOfThisServersSynchronisationGo) {
     EXPECT_EQ(rowsOf(database->query(L"select serviceNodeId, section, name from "
                                      L"ServiceNodeEnvironment order by 1, 2")),
               "1 os name 1 other synced 2 os synced ");
+}
+
+TEST_F(ZOPDatabaseTest, ThePanelsDatabaseIsTheOneThatTheConfigurationNames) {
+    const RegistryOverride registry;
+    const VMySQLDatabase::Parameters preset = VMySQLDatabase::configuredParameters();
+    EXPECT_EQ(preset.host + preset.user + preset.password + preset.database,
+              L"localhostadminpanel");
+    EXPECT_EQ(preset.port, 3306);
+
+    const Parameters server = parameters();
+    RegistryOverride::setString(L"MySQLHost", server.host);
+    RegistryOverride::setDword(L"MySQLPort", server.port);
+    RegistryOverride::setString(L"MySQLLogin", server.user);
+    RegistryOverride::setString(L"MySQLPassword", server.password);
+    RegistryOverride::setString(L"MySQLDatabase", server.database);
+    EXPECT_EQ(ZOPDatabase::connect().getUserInfo(L"d1").home, L"C:\\vhosts\\d1");
+    for (const DWORD port : {0UL, 65536UL}) {
+        RegistryOverride::setDword(L"MySQLPort", port);
+        EXPECT_THROW(ZOPDatabase::connect(), ArgumentException);
+    }
+    RegistryOverride::setString(L"MySQLPort", L"3306");
+    EXPECT_THROW(ZOPDatabase::connect(), vexception);
 }
