@@ -3,7 +3,7 @@ add_library(zop_options INTERFACE)
 target_include_directories(zop_options INTERFACE "${PROJECT_SOURCE_DIR}")
 target_compile_definitions(zop_options INTERFACE
   UNICODE _UNICODE STRICT NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0A00 NTDDI_VERSION=0x0A000000 ZOP_BUILD)
-target_link_libraries(zop_options INTERFACE netapi32 advapi32 ole32 oleaut32 shell32 userenv shlwapi dbghelp version)
+target_link_libraries(zop_options INTERFACE netapi32 wtsapi32 advapi32 ole32 oleaut32 shell32 userenv shlwapi dbghelp version)
 
 if(MSVC)
   target_compile_options(zop_options INTERFACE /W4 /WX /EHa /utf-8 /permissive-)

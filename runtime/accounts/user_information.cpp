@@ -1,25 +1,17 @@
 #include "runtime/accounts/user_information.h"
 
-#include "runtime/auto_ptr.h"
+#include "runtime/accounts/net_call.h"
 #include "runtime/exception.h"
-#include "runtime/format_string.h"
 #include "runtime/registry/config_values.h"
 #include "runtime/registry/registry.h"
 
 #include <dsgetdc.h>
-#include <lm.h>
 #include <mutex>
 #include <utility>
 
 namespace UserManagement {
 
 namespace {
-
-[[noreturn]] void throwForAccount(const wchar_t* text, const std::wstring& name, DWORD status,
-                                  std::int32_t line) {
-    _throwError(formatString(text, name.c_str()).c_str(), status,
-                {L"", "UserManagement::UserInformation", line});
-}
 
 // Asks the server for accounts; getDomainServerName says which.
 class ServerInformation : public IUserInformation {
@@ -28,31 +20,17 @@ public:
         const std::wstring user = UserInformation::getNameWithoutDomain(name);
         const std::wstring server = getDomainServerName();
         RunTime::NetBuffer<BYTE> found;
-        const DWORD status = ::NetUserGetInfo(nullIfEmpty(server), user.c_str(), 0, found.put());
+        const DWORD status = ::NetUserGetInfo(serverOf(server), user.c_str(), 0, found.put());
         if (status != NERR_Success && status != NERR_UserNotFound) {
-            throwForAccount(L"Unable to find out whether the user (%s) exists", user, status,
-                            __LINE__);
+            throwForAccount(L"Unable to find out whether the user exists", user, status,
+                            {L"", "UserManagement::UserInformation::userExists", __LINE__});
         }
         return status == NERR_Success;
     }
 
     bool groupExists(const std::wstring& name) override {
         const std::wstring group = UserInformation::getNameWithoutDomain(name);
-        const std::wstring server = getDomainServerName();
-        RunTime::NetBuffer<BYTE> found;
-        const DWORD status =
-            ::NetLocalGroupGetInfo(nullIfEmpty(server), group.c_str(), 0, found.put());
-        if (status != NERR_Success && status != NERR_GroupNotFound &&
-            status != ERROR_NO_SUCH_ALIAS) {
-            throwForAccount(L"Unable to find out whether the group (%s) exists", group, status,
-                            __LINE__);
-        }
-        return status == NERR_Success;
-    }
-
-private:
-    static const wchar_t* nullIfEmpty(const std::wstring& server) noexcept {
-        return server.empty() ? nullptr : server.c_str();
+        return findGroup(getDomainServerName(), group) != GroupKind::Missing;
     }
 };
 
