@@ -5,10 +5,10 @@
 
 void backupcopy::copy(const std::wstring& source, const std::wstring& target, Target kind) {
     const NativeSpan span("backupcopy::copy", __LINE__);
-    failed_.clear();
+    failed_ = failedBefore_;
     failedPaths_.clear();
     existing_.clear();
-    report_.clear();
+    report_ = reportBefore_;
     const std::wstring from = RunTime::longPath(source);
     const std::wstring to = RunTime::longPath(target);
 
@@ -21,6 +21,7 @@ void backupcopy::copy(const std::wstring& source, const std::wstring& target, Ta
         forwardEvent(walker.errorEvent, errorEvent),
     };
     BackupFileCopier copier(from, to, streams_, copyOwner_, report_);
-    RunTime::Directory::CopyJob job{copier, report_, failed_, existing_, failedPaths_};
+    RunTime::Directory::CopyJob job{copier,       report_,  failed_, existing_,
+                                    failedPaths_, leftOut_, adopted_};
     walker.backupCopy(to, kind, job);
 }

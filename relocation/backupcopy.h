@@ -60,7 +60,12 @@ protected:
     std::vector<std::wstring> failed_;
     std::unordered_set<std::wstring> failedPaths_; // the same, in long form
     std::vector<RunTime::Directory::Existing> existing_;
+    RunTime::Directory::PathSet leftOut_; // of the next copy; in long form with long names
+    RunTime::Directory::PathSet adopted_;
     CopyReport report_;
+    // What the next copy begins its lists with.
+    std::vector<std::wstring> failedBefore_;
+    CopyReport reportBefore_;
 
 private:
     StreamType streams_ = StreamType::All;

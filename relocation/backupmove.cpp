@@ -131,10 +131,10 @@ bool backupmove::move(const std::wstring& source, const std::wstring& target, bo
     to_ = RunTime::withoutTrailingBackslash(longPath(target));
     leftBehind_.clear();
     pendingRestart_.clear();
-    failed_.clear();
+    failed_ = failedBefore_;
     failedPaths_.clear();
     existing_.clear();
-    report_.clear();
+    report_ = reportBefore_;
     if (!RunTime::exists(from_)) {
         _throwError(formatString(L"Unable to move (%s)", nicePath(source).c_str()).c_str(),
                     ERROR_PATH_NOT_FOUND, {L"", "backupmove::move", __LINE__});
@@ -149,7 +149,8 @@ bool backupmove::move(const std::wstring& source, const std::wstring& target, bo
     const bool sameVolume = RunTime::theSameVolume(from_, to_);
     // A tree cannot be renamed into itself.
     bool copies = copy || !sameVolume || RunTime::isStrictlyInside(to_, from_);
-    if (RunTime::exists(to_)) {
+    const bool leftOut = isLeftOut();
+    if (!leftOut && RunTime::exists(to_)) {
         const std::wstring shortSource = shortPathIfTold(from_);
         if ((!shortSource.empty() && RunTime::equalNames(shortSource, shortPathIfTold(to_))) ||
             RunTime::theSameDirectory(from_, to_)) {
@@ -166,11 +167,30 @@ bool backupmove::move(const std::wstring& source, const std::wstring& target, bo
         }
     }
     started_ = true;
-    if (copies || !renameSource()) {
+    if (!leftOut && (copies || !renameSource())) {
         copySource();
     }
     completed_ = true;
     return moved_;
+}
+
+void backupmove::leaveOut(const backupmove& moved) {
+    if (moved.source_.empty()) { // it was there already
+        return;
+    }
+    leftOut_.insert(RunTime::exists(moved.from_) ? RunTime::longNamePath(moved.from_)
+                                                 : moved.from_);
+    failedBefore_.insert(failedBefore_.end(), moved.failed_.begin(), moved.failed_.end());
+    reportBefore_.add(moved.report_);
+}
+
+void backupmove::adopt(const std::wstring& directory) {
+    adopted_.insert(RunTime::withoutTrailingBackslash(RunTime::longPath(directory)));
+}
+
+// Whether the whole source is something that another mover has moved.
+bool backupmove::isLeftOut() const {
+    return !leftOut_.empty() && leftOut_.contains(RunTime::longNamePath(from_));
 }
 
 bool backupmove::setTargetAside() {
@@ -249,7 +269,7 @@ void backupmove::commit() {
             }
             committing_ = true;
             leftBehind_.clear();
-            if (!moved_ && RunTime::exists(from_)) {
+            if (!moved_ && RunTime::exists(from_) && !isLeftOut()) {
                 removeSource();
             }
             if (!targetBackup_.empty()) {
@@ -271,11 +291,13 @@ void backupmove::removeSource() {
     }
     try {
         removeTree(from_, false, [this](const std::wstring& path, const FileInformation& entry) {
-            return failedPaths_.contains(path) || isNewerThanCopy(path, entry);
+            return failedPaths_.contains(path) || leftOut_.contains(path) ||
+                   isNewerThanCopy(path, entry);
         });
     } catch (...) {
         logFailure(withNames(L"Commit move (%s) to (%s) transaction ", target_, source_));
-        if (!failedPaths_.empty() || !leftBehind_.empty()) {
+        if (!failedPaths_.empty() || !leftBehind_.empty() ||
+            std::any_of(leftOut_.begin(), leftOut_.end(), RunTime::exists)) {
             // They are not in the new place, so they must outlive a restart.
             leftBehind_.push_back(nicePath(from_));
             return;
@@ -579,6 +601,10 @@ void backupmove::close() {
     completed_ = false;
     committing_ = false;
     undo_ = Undo::Nothing;
+    leftOut_.clear();
+    adopted_.clear();
+    failedBefore_.clear();
+    reportBefore_.clear();
     const std::wstring logName = log_.name();
     try {
         log_.remove();

@@ -35,6 +35,15 @@ public:
     // last two the transaction is open and the caller rolls it back.
     bool move(const std::wstring& source, const std::wstring& target, bool copy);
 
+    // For the next move: what another mover has moved out of its source already is passed over, and
+    // what that leaves there in the end stays at commit(). The other's failed items and report are
+    // counted in, so it has done its move.
+    void leaveOut(const backupmove& moved);
+    // For the next move: a directory that was made in the target, or as the target, on behalf of
+    // this move. A copy treats it as one of its own: it takes over attributes, security and streams
+    // of the source. rollback() puts it back as it is now.
+    void adopt(const std::wstring& directory);
+
     // Makes the move final: removes the old place, except for items that could not be copied or
     // were made or written to after their copy, which are kept where they were (get_leftBehind).
     // What cannot be removed now is scheduled for the next restart. Refuses (vexception) a move
@@ -74,6 +83,7 @@ private:
     bool setTargetAside();
     bool renameSource(); // false when the system sees two volumes
     void copySource();
+    bool isLeftOut() const;
     void removeSource();
     void mergeSetAside();
     void undoMove();

@@ -12,6 +12,18 @@ void CopyReport::add(CopyLoss kind, const std::wstring& path) {
     }
 }
 
+void CopyReport::add(const CopyReport& other) {
+    for (std::size_t kind = 0; kind < entries_.size(); ++kind) {
+        Entry& entry = entries_[kind];
+        const Entry& more = other.entries_[kind];
+        entry.count += more.count;
+        for (std::size_t i = 0; i < more.examples.size() && entry.examples.size() < maxExamples;
+             ++i) {
+            entry.examples.push_back(more.examples[i]);
+        }
+    }
+}
+
 bool CopyReport::isEmpty() const {
     return std::all_of(entries_.begin(), entries_.end(),
                        [](const Entry& entry) { return entry.count == 0; });

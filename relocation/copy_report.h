@@ -37,6 +37,7 @@ public:
 
     // path may be in either form; it is kept in the nice one.
     ZOP_API void add(CopyLoss kind, const std::wstring& path);
+    ZOP_API void add(const CopyReport& other);
     const Entry& of(CopyLoss kind) const { return entries_[static_cast<std::size_t>(kind)]; }
     ZOP_API bool isEmpty() const;
     void clear() { entries_ = {}; }

@@ -58,6 +58,25 @@ Held hold(const std::wstring& path, DWORD access, bool forRemoval, int tryCount)
     return held;
 }
 
+// With the access list from its first moment on: nobody can open it before.
+bool createDirectory(const std::wstring& path, const DescriptorBytes* descriptor) {
+    if (descriptor == nullptr) {
+        return RunTime::createDirectory(path);
+    }
+    const DescriptorParts parts = partsOf(*descriptor);
+    std::vector<unsigned char> list(parts.dacl.begin(), parts.dacl.end());
+    SECURITY_DESCRIPTOR security;
+    if (!::InitializeSecurityDescriptor(&security, SECURITY_DESCRIPTOR_REVISION) ||
+        !::SetSecurityDescriptorDacl(
+            &security, TRUE, list.empty() ? nullptr : reinterpret_cast<ACL*>(list.data()), FALSE)) {
+        const DWORD code = ::GetLastError();
+        throwForPath(L"Unable to set security (%s)", path, code, "RunTime::Directory::intermediate",
+                     __LINE__);
+    }
+    SECURITY_ATTRIBUTES attributes{sizeof attributes, &security, FALSE};
+    return RunTime::createDirectory(path, &attributes);
+}
+
 void throwIfUnreadable(const std::wstring& path, const FileInformation& entry) {
     if (entry.isLink() && entry.reparseTag == 0) { // neither follow nor remove what is not known
         throwForPath(L"Unable to read link (%s)", path, ERROR_NOT_A_REPARSE_POINT,
@@ -400,6 +419,35 @@ void Directory::setOwner(const std::wstring& path, bool recursive) {
     }
     if (firstFailure) {
         throw *firstFailure;
+    }
+}
+
+void Directory::intermediate(const std::wstring& path, const DescriptorBytes* descriptor,
+                             std::vector<std::wstring>& made) {
+    const NativeSpan span("RunTime::Directory::intermediate", __LINE__);
+    std::vector<std::wstring> missing; // innermost first
+    for (std::wstring at = withoutTrailingBackslash(longPath(path)); !at.empty() && !exists(at);
+         at = parentPath(at)) {
+        missing.push_back(at);
+    }
+    for (auto directory = missing.rbegin(); directory != missing.rend(); ++directory) {
+        if (!createDirectory(*directory, descriptor)) {
+            continue; // others were quicker
+        }
+        made.push_back(*directory);
+        if (descriptor == nullptr) {
+            continue;
+        }
+        // What the system made of the list while it created the directory has parts of the
+        // parent's in it, and lacks the flags.
+        const AutoHandle handle = openExisting(*directory, WRITE_DAC, shareNoDelete);
+        DescriptorBytes bytes = *descriptor;
+        const DWORD code =
+            handle ? writeDescriptor(handle.get(), bytes, false, false) : ::GetLastError();
+        if (code != ERROR_SUCCESS) {
+            throwForPath(L"Unable to set security (%s)", *directory, code,
+                         "RunTime::Directory::intermediate", __LINE__);
+        }
     }
 }
 

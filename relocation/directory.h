@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -67,6 +68,8 @@ public:
         FILE_BASIC_INFO basic = {};
         DescriptorBytes descriptor; // empty: it was not changed
     };
+    // Paths in long form with long names, by the file system's comparison.
+    using PathSet = std::set<std::wstring, NameOrder>;
     // What a copy uses and fills.
     struct CopyJob {
         BackupFileCopier& copier;
@@ -74,6 +77,8 @@ public:
         std::vector<std::wstring>& failed;             // nice form, in order
         std::vector<Existing>& existing;               // directories merged into
         std::unordered_set<std::wstring>& failedPaths; // the same as failed, in long form
+        const PathSet& leftOut; // directories of the source that are passed over, without an event
+        const PathSet& adopted; // directories of the target that are taken over as Empty ones are
     };
     // Copies the tree to target with backup semantics. An item that cannot be copied is offered to
     // errorEvent and, when a handler ignores it, passed over. The target itself, when it lies
@@ -88,6 +93,12 @@ public:
     // and, when recursive, of everything below. Goes on past items that fail; the first failure is
     // thrown at the end.
     static void setOwner(const std::wstring& path, bool recursive);
+
+    // Creates a directory with all that are missing above it, and gives each that it creates the
+    // access list of the descriptor; none: what they inherit. Their paths (long form) are appended
+    // to made, outermost first, also those made before a failure.
+    static void intermediate(const std::wstring& path, const DescriptorBytes* descriptor,
+                             std::vector<std::wstring>& made);
 
     // entries of this directory, bytes of its files, cancel
     Event<std::int32_t, std::int64_t, bool&> progressEvent_Total;

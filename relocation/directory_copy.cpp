@@ -69,7 +69,7 @@ private:
         appendName(level, entry.name);
         if (entry.isLink()) {
             copyItem(entry, level.inherited);
-        } else if (!isTargetRoot(entry)) {
+        } else if (!isTargetRoot(entry) && !job_.leftOut.contains(source_)) {
             // levels_ moves as it grows.
             // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
             const FileInformation copy = entry;
@@ -155,7 +155,8 @@ private:
     }
 
     void openTarget(CopyLevel& level, bool isTop, bool& made) {
-        const bool takesOver = isTop && kind_ == CopyTarget::Empty;
+        const bool takesOver =
+            (isTop && kind_ == CopyTarget::Empty) || job_.adopted.contains(target_);
         if (!takesOver) {
             made = createDirectory(target_);
         }

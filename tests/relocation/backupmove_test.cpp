@@ -1,5 +1,6 @@
 #include "relocation/backupmove.h"
 
+#include "security/access.h"
 #include "tests/relocation/move_fixture.h"
 #include "tests/support/expect_error.h"
 
@@ -72,6 +73,60 @@ TEST_F(BackupMoveTest, TargetWithoutDataIsSetAside) {
                                          L"data\\only here.txt", L"data\\sub\\",
                                          L"data\\sub\\b.txt", L"data\\sub\\deep.txt"}));
     EXPECT_EQ(temp_.readFile(L"store\\data\\a.txt"), "alpha");
+}
+
+// Two directories of the tree are moved by movers of their own, as the homes of users are, and one
+// of them by way of a directory that has to be made first.
+TEST_F(BackupMoveTest, LeavesOutWhatOtherMoversHaveMoved) {
+    makeSmallSource();
+    temp_.writeFile(L"panel\\data\\users\\bob\\c.txt", "gamma");
+    temp_.writeFile(L"panel\\data\\users\\list.txt", "bob");
+    ntfs_.setSecurity(source() + L"\\users", L"O:BAG:SYD:PAI(A;;FA;;;SY)(A;;FR;;;BU)");
+    ntfs_.setStream(source() + L"\\users", L"note", "of the directory");
+    const World before = world();
+    for (const bool commit : {false, true}) {
+        backupmove tree;
+        std::vector<std::unique_ptr<backupmove>> homes;
+        std::vector<std::wstring> made;
+        const RunTime::DescriptorBytes security = RunTime::Access::getSecurity(source());
+        RunTime::Directory::intermediate(target(), &security, made);
+        EXPECT_EQ(ntfs_.security(source()), ntfs_.security(target()));
+        for (const wchar_t* home : {L"\\SUB", L"\\users\\bob"}) {
+            RunTime::Directory::intermediate(RunTime::parentPath(target() + home), nullptr, made);
+            homes.push_back(std::make_unique<backupmove>());
+            homes.back()->move(source() + home, target() + home, true);
+            tree.leaveOut(*homes.back());
+        }
+        EXPECT_EQ(made, (std::vector<std::wstring>{target(), target() + L"\\users"}));
+        for (const std::wstring& directory : made) {
+            tree.adopt(directory);
+        }
+        EXPECT_FALSE(tree.move(source(), target(), false));
+        TreeImage moved = imageOf(target());
+        EXPECT_TRUE(moved.erase(L"SUB") == 1 && moved.erase(L"SUB\\b.txt") == 1);
+        TreeImage expected = before.source;
+        expected.erase(L"sub");
+        expected.erase(L"sub\\b.txt");
+        EXPECT_TRUE(sameTree(expected, moved));
+        EXPECT_TRUE(tree.get_failed().empty() && tree.get_report().isEmpty());
+        if (commit) {
+            temp_.writeFile(L"panel\\data\\sub\\new.txt", "written meanwhile");
+            homes[0]->commit();
+            homes[1]->commit();
+            tree.commit();
+            EXPECT_EQ(temp_.list(L"panel"), (std::vector<std::wstring>{L"data\\", L"data\\sub\\",
+                                                                       L"data\\sub\\new.txt"}));
+            return;
+        }
+        tree.rollback();
+        homes[0]->rollback();
+        homes[1]->rollback();
+        while (!made.empty()) {
+            RunTime::removeDirectory(made.back());
+            made.pop_back();
+        }
+        expectWorld(before);
+    }
 }
 
 TEST_F(BackupMoveTest, FilledTargetGetsBackToExactlyWhatItWas) {
