@@ -7,16 +7,18 @@
 #include "runtime/registry/config_values.h"
 #include "runtime/registry/registry.h"
 #include "runtime/text.h"
+#include "tests/panel/netapi32/account_store.h"
 #include "tests/support/child_program.h"
 #include "tests/support/tree_image.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <lmaccess.h> // after windows.h
 #include <random>
 #include <sstream>
 #include <stdexcept>
-#include <winternl.h> // after windows.h
+#include <windows.h>
 
 namespace panel {
 
@@ -75,6 +77,15 @@ std::wstring redirectedRegistry() {
     }
     const std::size_t begin = path.find(L'\\', users.size()) + 1;
     return path.substr(begin, path.rfind(L'\\') - begin);
+}
+
+// Gives a file that lies beside the tests another place, which takes no time where that can be.
+void link(const std::wstring& file, const std::wstring& target) {
+    const std::wstring source = besideTests(file);
+    if (!::CreateHardLinkW(target.c_str(), source.c_str(), nullptr) &&
+        !::CopyFileW(source.c_str(), target.c_str(), TRUE)) {
+        throw std::runtime_error("Unable to copy " + toUtf8(source));
+    }
 }
 
 // Adds rows, many with one statement.
@@ -297,13 +308,25 @@ void Panel::makeProduct() const {
           std::pair(L"panel\\panel_utilities.exe", L"\\admin\\bin64\\ftphostctl.exe"),
           std::pair(L"panel\\panel_utilities.exe", L"\\admin\\bin\\relink_tool.exe"),
           std::pair(L"panel\\panel_php.exe", L"\\admin\\bin64\\php.exe")}) {
-        const std::wstring source = besideTests(from);
-        const std::wstring target = productRoot() + to;
-        if (!::CreateHardLinkW(target.c_str(), source.c_str(), nullptr) && // it takes no time
-            !::CopyFileW(source.c_str(), target.c_str(), TRUE)) {
-            throw std::runtime_error("Unable to copy " + toUtf8(source));
-        }
+        link(from, productRoot() + to);
     }
+}
+
+std::wstring Panel::install(const wchar_t* program) const {
+    for (const Account& account : accounts_) {
+        setText(userPath(account.login), L"home", account.home.c_str());
+        setNumber(userPath(account.login), L"flags", UF_NORMAL_ACCOUNT);
+    }
+    const std::wstring directory = productRoot() + L"\\admin\\bin64\\";
+    const std::wstring key =
+        std::wstring(L"Software\\Wine\\AppDefaults\\") + program + L"\\DllOverrides";
+    for (const wchar_t* dll : {L"netapi32", L"wtsapi32"}) {
+        link(std::wstring(L"panel\\") + dll + L".dll", directory + dll + L".dll");
+        constexpr wchar_t order[] = L"native,builtin";
+        ::RegSetKeyValueW(HKEY_CURRENT_USER, key.c_str(), dll, REG_SZ, order, sizeof order);
+    }
+    link(program, directory + program);
+    return directory + program;
 }
 
 void Panel::makeRegistry() const {
@@ -340,6 +363,7 @@ void Panel::removeRegistry() {
         ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, key, 0, KEY_ALL_ACCESS | view, opened.put());
         ::RegDeleteTreeW(opened.get(), view == KEY_WOW64_32KEY ? L"ZOP Config" : L"Installer");
     }
+    deleteAccount(L"Users");
 }
 
 void Panel::fillDatabase() const {
@@ -422,6 +446,11 @@ std::string Panel::statements() const {
     if (hasDatabase()) {
         addTables(text);
     }
+    forEachName(L"Users", [&](const std::wstring& name) {
+        text +=
+            toUtf8(L"account | " + name + L" | " + getText(userPath(name), L"home").value_or(L"")) +
+            "\n";
+    });
     for (const Setting& setting : store().settings()) {
         text += toUtf8(setting.owner + L" | " + setting.name + L" | " + setting.key + L" | " +
                        setting.value) +

@@ -49,6 +49,9 @@ public:
 
     // Nothing of a panel may be in the base directory yet.
     void build() const;
+    // Gives the accounts to the stand-in for the system's (tests/panel/netapi32), and puts one of
+    // the project's programs where it uses that; the path it has there is returned. Under Wine.
+    std::wstring install(const wchar_t* program) const;
     // Takes the registry's part away. Files are left to the owner of the base directory.
     static void removeRegistry();
 

@@ -1,6 +1,6 @@
 // The stand-in panel for scripts:
 //
-//     panelctl make BASE [DOMAINS [FILES [SEED]]]
+//     panelctl make BASE [DOMAINS [FILES [SEED]]]   prints where the panel has its zopctl
 //     panelctl snapshot BASE [PLACE...]     compared by diff with another one
 //     panelctl references BASE PLACE        what names the place
 //     panelctl control BASE [WORD...]       one order of the control file (tests/panel/store.h);
@@ -33,6 +33,7 @@ int run(const panel::Words& words) {
                             words.end());
     if (what == L"make") {
         panel.build();
+        std::cout << toUtf8(panel.install(L"zopctl.exe")) << "\n";
     } else if (what == L"snapshot") {
         std::cout << panel.snapshot(rest);
     } else if (what == L"references" && rest.size() == 1) {

@@ -4,12 +4,12 @@
 //     settings.txt   every setting: owner, name, key, value
 //     calls.txt      every call: program, arguments
 //     control.txt    what calls do besides their work or instead of it: action, number, text, then
-//                    what the action needs. Of the calls whose line has the text in it, the one of
-//                    that number is meant, counted from 1; 0: each.
+//                    what the action needs. Of the calls whose line, with blanks for tabs, has the
+//                    text in it, the one of that number is meant, counted from 1; 0: each.
 //                        fail   N TEXT STATUS MESSAGE   prints the message and ends
 //                        half   N TEXT STATUS MESSAGE   the same, but when all is done
 //                        print  N TEXT BYTES            prints so much, then goes on
-//                        hang   N TEXT                  never ends
+//                        hang   N TEXT EVENT            sets the event of that name and never ends
 #pragma once
 
 #include <string>

@@ -74,7 +74,9 @@ int Utility::run(const std::function<void(const Utility&)>& work) const {
         std::function<void()> atEnd = [] {};
         for (const Words& order : store_.control()) {
             const auto counts = [&](const Words& words) {
-                return Store::line(words).find(order.at(2)) != std::wstring::npos;
+                std::wstring line = Store::line(words);
+                std::replace(line.begin(), line.end(), L'\t', L' ');
+                return line.find(order.at(2)) != std::wstring::npos;
             };
             const auto count = std::count_if(calls.begin(), calls.end(), counts);
             if (!counts(call) || (order.at(1) != L"0" && std::stoi(order[1]) != count)) {
@@ -87,6 +89,9 @@ int Utility::run(const std::function<void(const Utility&)>& work) const {
             } else if (order[0] == L"print") {
                 print(std::wstring(std::stoul(order.at(3)), L'.') + L"\n");
             } else if (order[0] == L"hang") {
+                const RunTime::AutoHandle begun(
+                    ::OpenEventW(EVENT_MODIFY_STATE, FALSE, order.at(3).c_str()));
+                ::SetEvent(begun.get());
                 ::WaitForSingleObject(::GetCurrentProcess(), INFINITE);
             }
         }

@@ -3,9 +3,12 @@
 #include "runtime/auto_handle.h"
 #include "runtime/format_string.h"
 #include "runtime/text.h"
+#include "tests/support/unix_call.h"
 
 #include <algorithm>
 #include <shellapi.h>
+#include <stdexcept>
+#include <string_view>
 #include <windows.h>
 
 extern "C" int __cdecl __wgetmainargs(int*, wchar_t***, wchar_t***, int, int*);
@@ -191,4 +194,23 @@ RunTime::Execute::Result runBeside(const wchar_t* program, const std::vector<std
     RunTime::Execute execute(besideTests(program), words);
     execute.timeout = std::chrono::minutes(1);
     return startingAgain([&] { return execute.run(); });
+}
+
+void pressCtrlC(const std::string& word) {
+    constexpr long long kill = 62;
+    constexpr std::intptr_t interruptSignal = 2;
+    for (const std::string& process : unixEntries("/proc")) {
+        char words[4096] = "";
+        const long long file = unixCall(unixcall::Open, ("/proc/" + process + "/cmdline").c_str());
+        const long long length = unixCall(unixcall::Pread, unixcall::number(file), words,
+                                          unixcall::number(sizeof words));
+        unixCall(unixcall::Close, unixcall::number(file));
+        const std::string_view all(words, static_cast<std::size_t>(std::max(length, 0LL)));
+        if (process.find_first_not_of("0123456789") == std::string::npos &&
+            all.find(word) != std::string::npos) {
+            unixCall(kill, unixcall::number(std::stol(process)), unixcall::number(interruptSignal));
+            return;
+        }
+    }
+    throw std::runtime_error("there is no such process: " + word);
 }

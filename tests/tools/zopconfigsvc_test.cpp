@@ -7,9 +7,7 @@
 #include "tests/support/child_program.h"
 #include "tests/support/unix_call.h"
 
-#include <algorithm>
 #include <gtest/gtest.h>
-#include <string_view>
 #include <thread>
 
 namespace {
@@ -58,26 +56,6 @@ private:
 
 RunTime::Execute::Result run(const std::vector<std::wstring>& words) {
     return runBeside(program, words);
-}
-
-// Presses Ctrl+C in the Linux process that has this word on its command line.
-void interrupt(const std::string& word) {
-    constexpr long long kill = 62;
-    constexpr std::intptr_t interruptSignal = 2;
-    for (const std::string& process : unixEntries("/proc")) {
-        char words[4096] = "";
-        const long long file = unixCall(unixcall::Open, ("/proc/" + process + "/cmdline").c_str());
-        const long long length = unixCall(unixcall::Pread, unixcall::number(file), words,
-                                          unixcall::number(sizeof words));
-        unixCall(unixcall::Close, unixcall::number(file));
-        const std::string_view all(words, static_cast<std::size_t>(std::max(length, 0LL)));
-        if (process.find_first_not_of("0123456789") == std::string::npos &&
-            all.find(word) != std::string::npos) {
-            unixCall(kill, unixcall::number(std::stol(process)), unixcall::number(interruptSignal));
-            return;
-        }
-    }
-    ADD_FAILURE() << "there is no such process";
 }
 
 SERVICE_STATUS_PROCESS stateOf(SC_HANDLE service) {
@@ -132,7 +110,7 @@ TEST_F(ZopconfigsvcTest, InTheForegroundItServesUntilCtrlC) {
         EXPECT_TRUE(stored(RegistryView::View32) == L"hidden \u65E5");
         EXPECT_TRUE(stored(RegistryView::View64).empty());
         start = ::GetTickCount64();
-        interrupt(toUtf8(pipe));
+        pressCtrlC(toUtf8(pipe));
     }
     EXPECT_LT(::GetTickCount64() - start, 15'000U); // 0.3 s on an idle machine
     EXPECT_EQ(done.exitStatus, 0U);
