@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what building, testing and checking need on Debian 12, and makes what they share: the
-# Wine prefix and the database client for Windows. Safe to run again: 0.2 s when all is there.
+# Wine prefix, the database client for Windows and a .NET runtime. Safe to run again: 0.2 s when all is there.
 set -euo pipefail
 here=$(dirname "${BASH_SOURCE[0]}")
 . "$here/common.sh"
@@ -13,6 +13,8 @@ packages=(
     clang-tidy-16 clang-format cppcheck gcovr python3 # check.sh, coverage.sh
     rsync                                         # the benchmarks compare with it
 )
+
+command -v npm > /dev/null || packages+=(npm) # fetches the .NET runtime for the tests
 
 missing_packages() {
     declare -A installed=()
@@ -59,3 +61,4 @@ mkdir -p "$cache" 2> /dev/null && [ -w "$cache" ] || fail \
     "Set ZOP_CACHE to a directory that this user can write to."
 "$here/wine-prefix.sh" "$template"
 "$here/build-connector.sh" "$cache/connector"
+"$here/fetch-dotnet.sh" "$cache/dotnet"

@@ -1,0 +1,128 @@
+#include "api/data_location.h"
+#include "api/flat/flat_support.h"
+
+#include <memory>
+
+using namespace zopobsolete::flat;
+using zopobsolete::BackupCopyErrorEvent;
+using zopobsolete::DataLocation;
+using zopobsolete::StreamType;
+
+namespace {
+
+struct Location {
+    Location(StreamType streams, bool copyOwner, const zop_data_location_events& callbacks);
+
+    zop_data_location_events events;
+    DataLocation native;
+    std::vector<Hook> hooks;
+};
+
+Location::Location(StreamType streams, bool copyOwner, const zop_data_location_events& callbacks)
+    : events(callbacks), native(streams, copyOwner) {
+    if (events.progress_cost != nullptr) {
+        hooks.push_back(native.ProgressEvent_Cost.hook(
+            [this](std::int32_t count, std::int64_t cost, bool& cancel) {
+                cancel = callBack([&](zop_call* call) {
+                             return events.progress_cost(events.context, count, cost, call);
+                         }) != 0;
+            }));
+    }
+    if (events.progress_name != nullptr) {
+        hooks.push_back(native.ProgressEvent_Name.hook(
+            [this](const std::wstring& name, bool isFile, std::int64_t cost, bool& cancel) {
+                cancel = callBack([&](zop_call* call) {
+                             return events.progress_name(events.context, name.c_str(),
+                                                         isFile ? 1 : 0, cost, call);
+                         }) != 0;
+            }));
+    }
+    if (events.error != nullptr) {
+        hooks.push_back(native.ErrorEvent.hook([this](BackupCopyErrorEvent& error) {
+            error.ignore = callBack([&](zop_call* call) {
+                               return events.error(events.context, error.message.c_str(),
+                                                   error.ignore ? 1 : 0, call);
+                           }) != 0;
+        }));
+    }
+}
+
+} // namespace
+
+// A running operation holds the object too: a callback may free the handle.
+struct zop_data_location {
+    std::shared_ptr<Location> shared;
+};
+
+namespace {
+
+std::shared_ptr<Location> of(zop_data_location* handle) {
+    return needed(handle, L"location")->shared;
+}
+
+template <class Getter>
+zop_list* listOf(zop_data_location* handle, zop_error** error, Getter getter) {
+    return guarded(error, [&] { return new zop_list{(of(handle)->native.*getter)()}; });
+}
+
+} // namespace
+
+zop_data_location* ZOP_CALL zop_data_location_create(std::int32_t streams, std::int32_t copy_owner,
+                                                     const zop_data_location_events* events,
+                                                     zop_error** error) {
+    return guarded(error, [&] {
+        return new zop_data_location{std::make_shared<Location>(static_cast<StreamType>(streams),
+                                                                copy_owner != 0, copyOf(events))};
+    });
+}
+
+void ZOP_CALL zop_data_location_free(zop_data_location* location) {
+    delete location;
+}
+
+std::int32_t ZOP_CALL zop_data_location_get_copy_streams(zop_data_location* location,
+                                                         std::int32_t* streams, zop_error** error) {
+    return done(error, [&] {
+        *needed(streams, L"streams") =
+            static_cast<std::int32_t>(of(location)->native.get_CopyStreams());
+    });
+}
+
+std::int32_t ZOP_CALL zop_data_location_set_copy_streams(zop_data_location* location,
+                                                         std::int32_t streams, zop_error** error) {
+    return done(error,
+                [&] { of(location)->native.set_CopyStreams(static_cast<StreamType>(streams)); });
+}
+
+std::int32_t ZOP_CALL zop_data_location_change(zop_data_location* location, const wchar_t* source,
+                                               const wchar_t* dest, std::int32_t* moved,
+                                               zop_error** error) {
+    return done(error, [&] {
+        const std::shared_ptr<Location> shared = of(location);
+        const bool result = shared->native.Change(needed(source, L"source"), needed(dest, L"dest"));
+        if (moved != nullptr) {
+            *moved = result ? 1 : 0;
+        }
+    });
+}
+
+std::int32_t ZOP_CALL zop_data_location_commit(zop_data_location* location, zop_error** error) {
+    return done(error, [&] { of(location)->native.Commit(); });
+}
+
+std::int32_t ZOP_CALL zop_data_location_rollback(zop_data_location* location, zop_error** error) {
+    return done(error, [&] { of(location)->native.Rollback(); });
+}
+
+zop_list* ZOP_CALL zop_data_location_failed(zop_data_location* location, zop_error** error) {
+    return listOf(location, error, &DataLocation::get_Failed);
+}
+
+zop_list* ZOP_CALL zop_data_location_left_behind(zop_data_location* location, zop_error** error) {
+    return listOf(location, error, &DataLocation::get_LeftBehind);
+}
+
+zop_list* ZOP_CALL zop_data_location_pending_restart(zop_data_location* location,
+                                                     zop_error** error) {
+    return listOf(location, error, &DataLocation::get_PendingRestart);
+}

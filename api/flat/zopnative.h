@@ -1,0 +1,162 @@
+/* The library for other languages than C++: functions with C linkage, opaque handles, UTF-16 texts,
+   callbacks with a context. No exception leaves a function. docs/c-interface.md is the guide.
+
+       zop_error* error = NULL;
+       zop_text* vhosts = zop_config_get(L"HTTPD_VHOSTS_D", &error);
+       if (vhosts == NULL) {
+           show(zop_error_text(error));
+           zop_error_free(error);
+       } else {
+           use(zop_text_data(vhosts));
+           zop_text_free(vhosts);
+       }
+
+   Failure. The last parameter of a function that can fail is a zop_error**, which may be NULL. A
+   failing function sets it, and returns 0 or NULL; one that succeeds sets it to NULL. The caller
+   frees the error.
+   Texts that are given are zero-terminated UTF-16; they are copied, and may not be NULL unless it
+   is said. Results belong to the caller, who frees them by the function of their type. Freeing
+   NULL does nothing.
+   Threads. A handle is used by one thread at a time. Functions without a handle may be called from
+   any thread. Callbacks run on the thread that called, inside that call.
+   Truth values are int32_t: 0 is false, anything else true.
+
+   A function that is here stays here, with what it takes and gives, in every later version of the
+   same first number. */
+#ifndef ZOPNATIVE_H
+#define ZOPNATIVE_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <wchar.h>
+
+#if defined(ZOP_BUILD)
+#define ZOP_C_API __declspec(dllexport)
+#elif defined(ZOP_SHARED)
+#define ZOP_C_API __declspec(dllimport)
+#else
+#define ZOP_C_API
+#endif
+#define ZOP_CALL __cdecl
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The version of these functions that this header describes: first number << 16 | second. The first
+   changes when something is taken away or changed, the second when something is added. */
+#define ZOP_INTERFACE_VERSION 0x00010000
+
+/* The version that the library has. A program works with a library whose first number is the
+   header's and whose second is not lower. */
+ZOP_C_API uint32_t ZOP_CALL zop_interface_version(void);
+
+/* ---- errors, texts, lists ---- */
+
+typedef struct zop_error zop_error;
+enum {
+    ZOP_ERROR_GENERAL = 1,
+    ZOP_ERROR_DATABASE = 2,     /* of a zop_database or zop_record_set */
+    ZOP_ERROR_NULL_ARGUMENT = 3 /* the text is the parameter's name */
+};
+ZOP_C_API int32_t ZOP_CALL zop_error_kind(const zop_error* error);
+/* What failed and why, with a line for each place that the failure passed. Never NULL. */
+ZOP_C_API const wchar_t* ZOP_CALL zop_error_text(const zop_error* error);
+ZOP_C_API void ZOP_CALL zop_error_free(zop_error* error);
+
+typedef struct zop_text zop_text;
+/* Zero-terminated; zeros before the length are the text's own. Valid until the text is freed. */
+ZOP_C_API const wchar_t* ZOP_CALL zop_text_data(const zop_text* text);
+ZOP_C_API size_t ZOP_CALL zop_text_length(const zop_text* text);
+/* Wipes the memory: a text may have been a password. */
+ZOP_C_API void ZOP_CALL zop_text_free(zop_text* text);
+
+typedef struct zop_list zop_list;
+ZOP_C_API size_t ZOP_CALL zop_list_count(const zop_list* list);
+/* NULL behind the end; valid until the list is freed. */
+ZOP_C_API const wchar_t* ZOP_CALL zop_list_at(const zop_list* list, size_t index);
+ZOP_C_API void ZOP_CALL zop_list_free(zop_list* list);
+
+/* ---- callbacks ----
+   A callback that fails calls zop_call_fail and returns; the operation then fails with that text.
+   call is valid inside the callback only. An exception of its own must not leave a callback.
+   A callback may be NULL. */
+
+typedef struct zop_call zop_call;
+ZOP_C_API void ZOP_CALL zop_call_fail(zop_call* call, const wchar_t* text);
+
+/* ---- configuration ---- */
+
+/* As zopobsolete::zop in api/zop.h. */
+ZOP_C_API zop_text* ZOP_CALL zop_config_get(const wchar_t* name, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_config_set(const wchar_t* name, const wchar_t* value,
+                                          zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_config_get_dword(const wchar_t* name, uint32_t* value,
+                                                zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_config_set_dword(const wchar_t* name, uint32_t value,
+                                                zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_is_vps(int32_t* result, zop_error** error);
+/* arguments: count texts. Gives what the utility printed. */
+ZOP_C_API zop_text* ZOP_CALL zop_exec_bin_util(const wchar_t* name, const wchar_t* const* arguments,
+                                               size_t count, zop_error** error);
+ZOP_C_API zop_text* ZOP_CALL zop_user_name_without_domain(const wchar_t* name, zop_error** error);
+ZOP_C_API zop_text* ZOP_CALL zop_user_domain_server_name(zop_error** error);
+
+/* Asks the call that this thread runs in the library, or runs next, to end: it fails with
+   "Canceled!" at the next point where that is possible. thread is a Windows thread identifier. */
+ZOP_C_API int32_t ZOP_CALL zop_cancel_thread(uint32_t thread, zop_error** error);
+
+/* ---- moving the data directory ---- */
+
+enum {
+    ZOP_STREAM_DATA = 1,
+    ZOP_STREAM_EA_DATA = 2,
+    ZOP_STREAM_SECURITY_DATA = 4,
+    ZOP_STREAM_ALTERNATE_DATA = 8,
+    ZOP_STREAM_PROPERTY_DATA = 16,
+    ZOP_STREAM_OBJECT_ID = 32,
+    ZOP_STREAM_REPARSE_DATA = 64
+};
+
+/* As zopobsolete::DataLocation in api/data_location.h. The callbacks return whether to cancel, the
+   last one whether to pass over the failed item. */
+typedef struct zop_data_location zop_data_location;
+typedef struct zop_data_location_events {
+    size_t size; /* of this structure: sizeof(zop_data_location_events) */
+    void* context;
+    int32_t(ZOP_CALL* progress_cost)(void* context, int32_t count, int64_t cost, zop_call* call);
+    int32_t(ZOP_CALL* progress_name)(void* context, const wchar_t* name, int32_t is_file,
+                                     int64_t cost, zop_call* call);
+    int32_t(ZOP_CALL* error)(void* context, const wchar_t* message, int32_t ignore, zop_call* call);
+} zop_data_location_events;
+
+/* streams: the kinds of stream that a copy carries over, see zop_data_location_set_copy_streams.
+   copy_owner: gives each copied item the owner of its source. events may be NULL; it is copied. */
+ZOP_C_API zop_data_location* ZOP_CALL zop_data_location_create(
+    int32_t streams, int32_t copy_owner, const zop_data_location_events* events, zop_error** error);
+/* Inside a callback: takes effect when the running operation has ended. */
+ZOP_C_API void ZOP_CALL zop_data_location_free(zop_data_location* location);
+ZOP_C_API int32_t ZOP_CALL zop_data_location_get_copy_streams(zop_data_location* location,
+                                                              int32_t* streams, zop_error** error);
+/* ZOP_STREAM_... in one number; 0 stands for all seven. */
+ZOP_C_API int32_t ZOP_CALL zop_data_location_set_copy_streams(zop_data_location* location,
+                                                              int32_t streams, zop_error** error);
+/* moved: 0 when a callback cancelled. */
+ZOP_C_API int32_t ZOP_CALL zop_data_location_change(zop_data_location* location,
+                                                    const wchar_t* source, const wchar_t* dest,
+                                                    int32_t* moved, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_data_location_commit(zop_data_location* location, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_data_location_rollback(zop_data_location* location,
+                                                      zop_error** error);
+ZOP_C_API zop_list* ZOP_CALL zop_data_location_failed(zop_data_location* location,
+                                                      zop_error** error);
+ZOP_C_API zop_list* ZOP_CALL zop_data_location_left_behind(zop_data_location* location,
+                                                           zop_error** error);
+ZOP_C_API zop_list* ZOP_CALL zop_data_location_pending_restart(zop_data_location* location,
+                                                               zop_error** error);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

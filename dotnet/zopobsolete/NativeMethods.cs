@@ -1,0 +1,100 @@
+using System;
+using System.Runtime.InteropServices;
+
+namespace zopobsolete
+{
+    // The functions of zopnative.dll (zopnative.h there), as far as they are used here. The last
+    // parameter of most is set to the error when they fail.
+    internal static class NativeMethods
+    {
+        const string Library = "zopnative.dll";
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern uint zop_interface_version();
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_error_kind(IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_error_text(IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void zop_error_free(IntPtr error);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_text_data(IntPtr text);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern UIntPtr zop_text_length(IntPtr text);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void zop_text_free(IntPtr text);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern UIntPtr zop_list_count(IntPtr list);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_list_at(IntPtr list, UIntPtr index);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void zop_list_free(IntPtr list);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern void zop_call_fail(IntPtr call, string text);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern IntPtr zop_config_get(string name, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_config_set(string name, string value, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_config_get_dword(string name, out uint value, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_config_set_dword(string name, uint value, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_is_vps(out int result, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern IntPtr zop_exec_bin_util(
+            string name, [MarshalAs(UnmanagedType.LPArray, ArraySubType = UnmanagedType.LPWStr)] string[] arguments,
+            UIntPtr count, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern IntPtr zop_user_name_without_domain(string name, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_user_domain_server_name(out IntPtr error);
+
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate int DataLocationCost(IntPtr context, int count, long cost, IntPtr call);
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate int DataLocationName(IntPtr context, IntPtr name, int isFile, long cost, IntPtr call);
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate int ErrorMessage(IntPtr context, IntPtr message, int ignore, IntPtr call);
+
+        [StructLayout(LayoutKind.Sequential)]
+        internal struct DataLocationEvents
+        {
+            internal UIntPtr Size;
+            internal IntPtr Context;
+            internal DataLocationCost Cost;
+            internal DataLocationName Name;
+            internal ErrorMessage Error;
+        }
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_data_location_create(
+            int streams, int copyOwner, ref DataLocationEvents events, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void zop_data_location_free(IntPtr location);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_data_location_get_copy_streams(
+            NativeObject location, out int streams, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_data_location_set_copy_streams(
+            NativeObject location, int streams, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_data_location_change(
+            NativeObject location, string source, string dest, out int moved, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_data_location_commit(NativeObject location, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_data_location_rollback(NativeObject location, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_data_location_failed(NativeObject location, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_data_location_left_behind(NativeObject location, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_data_location_pending_restart(NativeObject location, out IntPtr error);
+    }
+}
