@@ -26,6 +26,16 @@ std::wstring describeCurrentException() {
     }
 }
 
+std::wstring currentCause() {
+    try {
+        throw;
+    } catch (const vexception& error) {
+        return error.message();
+    } catch (...) {
+        return describeCurrentException();
+    }
+}
+
 void logFailure(const std::wstring& step) {
     LogManager::getInstance().vAddLog(LogType::Error, step + L": " + describeCurrentException());
 }

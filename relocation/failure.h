@@ -9,6 +9,10 @@ class NativeSpan;
 // error: ...", "wrapped exception: ...", "unknown: Unexpected error". Called inside a handler only.
 std::wstring describeCurrentException();
 
+// Its message alone where it has one, for a text that goes to people; otherwise the above. Called
+// inside a handler only.
+std::wstring currentCause();
+
 // Writes the step and the current exception to the product log, as an error.
 void logFailure(const std::wstring& step);
 

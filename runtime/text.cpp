@@ -1,6 +1,7 @@
 #include "runtime/text.h"
 
 #include <cstdint>
+#include <windows.h>
 
 namespace {
 
@@ -112,4 +113,15 @@ std::wstring toWide(std::string_view text) {
         appendWide(result, whole ? c : replacement);
     }
     return result;
+}
+
+std::wstring toLower(std::wstring_view text) {
+    std::wstring lower(text);
+    if (!lower.empty()) {
+        const int length = static_cast<int>(lower.size());
+        // Without rules of a language the mapping keeps the length, and cannot fail.
+        ::LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_LOWERCASE, text.data(), length, lower.data(),
+                        length, nullptr, nullptr, 0);
+    }
+    return lower;
 }

@@ -11,3 +11,6 @@
 
 std::string toUtf8(std::wstring_view text);
 std::wstring toWide(std::string_view text);
+
+// In lower case, character by character, whatever the user's language.
+std::wstring toLower(std::wstring_view text);

@@ -10,11 +10,14 @@
 #pragma once
 
 #include "relocation/backupmove.h"
+#include "relocation/vhosts/app_vault_reconfigure.h"
+#include "relocation/vhosts/asp_net_reconfigure.h"
 #include "relocation/vhosts/folded_progress.h"
 #include "relocation/vhosts/multiple_key_value_change.h"
-#include "relocation/vhosts/reconfigure.h"
+#include "relocation/vhosts/php_settings_reconfigure.h"
 #include "relocation/vhosts/tarvo_iis_sites.h"
 #include "relocation/vhosts/user_list.h"
+#include "relocation/vhosts/www_root_reconfigure.h"
 #include "runtime/accounts/user_information.h"
 #include "runtime/event.h"
 

@@ -1,6 +1,6 @@
-// Settings that name the directory of virtual hosts, brought into line when it moves: one class for
-// each kind. WwwRootReconfigure: document roots in the panel's database. AspNetReconfigure and
-// PHPSettingsReconfigure: settings of the sites, by the product's utility.
+// What the classes have in common that bring settings which name the directory of virtual hosts
+// into line when it moves: WwwRootReconfigure (www_root_reconfigure.h), AspNetReconfigure
+// (asp_net_reconfigure.h), AppVaultReconfigure (app_vault_reconfigure.h).
 //
 // One thread at a time; handlers run on it.
 #pragma once
@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <string>
 
-// What those that can be run in both directions have in common.
 class Reconfigure {
 public:
     virtual ~Reconfigure() = default;
@@ -18,12 +17,16 @@ public:
     Reconfigure& operator=(const Reconfigure&) = delete;
 
     // Settings below fromPath are pointed at toPath. Backwards is the same with the paths swapped
-    // and forward false. A failure goes to errorEvent when forward, and to the log when not. Throws
-    // CanceledException when a handler cancels, otherwise returns false.
+    // and forward false; with an empty fromPath, that of a step that has never run, it changes
+    // nothing. A failure is logged; forward, it goes to errorEvent besides, and the move goes on,
+    // whatever its handlers say. Throws CanceledException when a handler cancels, otherwise returns
+    // false.
     bool reconfigure(const std::wstring& fromPath, const std::wstring& toPath, bool forward);
     // As given to the last reconfigure(); empty before.
     const std::wstring& get_fromPath() const noexcept { return fromPath_; }
     const std::wstring& get_toPath() const noexcept { return toPath_; }
+    // What the last reconfigure() failed with; empty when it did not.
+    const std::wstring& get_failure() const noexcept { return failure_; }
 
     Event<std::int32_t, bool&> progressEvent_Total;
     Event<const std::wstring&, bool&> progressEvent_Name;
@@ -39,44 +42,10 @@ protected:
     explicit Reconfigure(const Texts& texts) : texts_(texts) {}
 
 private:
-    virtual void work() = 0;
+    virtual void work(bool forward) = 0;
 
     Texts texts_;
     std::wstring fromPath_;
     std::wstring toPath_;
-};
-
-class WwwRootReconfigure final : public Reconfigure {
-public:
-    WwwRootReconfigure();
-
-private:
-    void work() override;
-};
-
-class AspNetReconfigure final : public Reconfigure {
-public:
-    AspNetReconfigure();
-
-private:
-    void work() override;
-};
-
-// The applications of sites; no product of today has any to reconfigure.
-class AppVaultReconfigure : public Reconfigure {
-protected:
-    AppVaultReconfigure();
-};
-
-class PHPSettingsReconfigure {
-public:
-    PHPSettingsReconfigure(std::wstring fromPath, std::wstring toPath);
-
-    // Both throw vexception with the cause.
-    void reconfigure(const std::wstring& fromPath, const std::wstring& toPath);
-    void rollback();
-
-private:
-    std::wstring fromPath_;
-    std::wstring toPath_;
+    std::wstring failure_;
 };

@@ -4,8 +4,31 @@
 
 #include <sstream>
 
+namespace {
+
+decltype(&::CreateProcessW) realCreateProcess;
+
+BOOL WINAPI createProcessAgain(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES process,
+                               LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags,
+                               LPVOID environment, LPCWSTR directory, LPSTARTUPINFOW startup,
+                               LPPROCESS_INFORMATION created) {
+    const auto create = [&] {
+        return realCreateProcess(program, line, process, thread, inherit, flags, environment,
+                                 directory, startup, created);
+    };
+    BOOL done = create();
+    for (int again = 0; again < 5 && !done && ::GetLastError() == ERROR_INTERNAL_ERROR; ++again) {
+        done = create();
+    }
+    return done;
+}
+
+} // namespace
+
 PanelUtilities::PanelUtilities(const std::vector<std::wstring>& of64Bit,
-                               const std::vector<std::wstring>& of32Bit) {
+                               const std::vector<std::wstring>& of32Bit)
+    : createProcess_("CreateProcessW", &createProcessAgain) {
+    realCreateProcess = createProcess_.original<decltype(&::CreateProcessW)>();
     RegistryOverride::setString(L"PRODUCT_ROOT_D", root_.nice() + L"\\");
     const auto put = [&](const wchar_t* folder, const std::vector<std::wstring>& names) {
         const std::wstring directory = root_.makeDirectory(folder);

@@ -7,6 +7,7 @@
 //     EXPECT_EQ(panel.calls(), ...);
 #pragma once
 
+#include "tests/support/import_patch.h"
 #include "tests/support/registry_override.h"
 #include "tests/support/temp_directory.h"
 
@@ -32,4 +33,5 @@ public:
 private:
     TempDirectory root_;
     RegistryOverride registry_;
+    ImportPatch createProcess_; // tries again where startingAgain() would
 };

@@ -1,0 +1,204 @@
+#include "relocation/vhosts/asp_net_reconfigure.h"
+#include "relocation/vhosts/php_settings_reconfigure.h"
+#include "relocation/vhosts/www_root_reconfigure.h"
+#include "runtime/files/path.h"
+#include "tests/relocation/vhosts/panel_fixture.h"
+#include "tests/support/expect_error.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class ReconfigureTest : public PanelFixture {
+protected:
+    // Its number in the list is the domain's.
+    void addHostings(const std::vector<std::wstring>& roots) {
+        for (const std::wstring& root : roots) {
+            const std::wstring name = std::to_wstring(++hostings_);
+            database->execute(L"insert into domains (id, name, htype) values (?, ?, 'vrt_hst')",
+                              {name, name});
+            database->execute(L"insert into hosting values (?, 1, ?, NULL)", {name, root});
+        }
+    }
+
+    std::vector<std::wstring> roots() {
+        std::vector<std::wstring> result;
+        const auto rows = database->query(L"select www_root from hosting order by dom_id");
+        while (rows->next()) {
+            result.push_back(rows->value(L"www_root"));
+        }
+        return result;
+    }
+
+    int hostings_ = 0;
+};
+
+void expectRoots(const std::vector<std::wstring>& found, const std::vector<std::wstring>& wanted) {
+    ASSERT_EQ(found.size(), wanted.size());
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        EXPECT_EQ(toUtf8(found[i]), toUtf8(wanted[i])) << i + 1;
+    }
+}
+
+struct Watch : StepWatch {
+    explicit Watch(Reconfigure& source)
+        : StepWatch(source), error(source.errorEvent.hook([this](const std::wstring& text, bool&) {
+              events.push_back(toUtf8(text));
+          })) {}
+    Hook error;
+};
+
+} // namespace
+
+TEST_F(ReconfigureTest, RootsInTheDirectoryFollowItAndComeBackAsTheyWere) {
+    const TempDirectory disk;
+    const std::wstring directory = disk.makeDirectory(L"virtual hosts");
+    disk.makeDirectory(L"virtual hosts\\a long name");
+    const std::wstring from = RunTime::nicePath(directory);
+    std::wstring slashes = from;
+    std::replace(slashes.begin(), slashes.end(), L'\\', L'/');
+    std::wstring upper = from;
+    ::CharUpperW(upper.data());
+    const std::wstring to = L"E:\\new 'place'";
+    const std::pair<std::wstring, std::wstring> cases[] = {
+        {from + L"\\a\\httpdocs", to + L"\\a\\httpdocs"},
+        {slashes + L"/b\\httpdocs/", to + L"\\b\\httpdocs\\"},
+        {upper + L"\\\x416\\\xD83D\xDE00", to + L"\\\x416\\\xD83D\xDE00"},
+        {directory + L"\\it's", to + L"\\it's"},
+        {from, to},
+        {from + L"\\", to},
+        {RunTime::shortPath(from) + L"\\gone", to + L"\\gone"},
+        {RunTime::shortPath(from + L"\\a long name"), to + L"\\a long name"},
+        {from + L"2\\a", from + L"2\\a"},
+        {L"D:/elsewhere", L"D:/elsewhere"},
+        {from + L"\\..\\out", from + L"\\..\\out"},
+        {to + L"\\was there before", to + L"\\was there before"},
+        {L"relative", L"relative"},
+        {L"", L""},
+    };
+    std::vector<std::wstring> before;
+    std::vector<std::wstring> after;
+    for (const auto& [root, moved] : cases) {
+        before.push_back(root);
+        after.push_back(moved);
+    }
+    addHostings(before);
+    WwwRootReconfigure forward;
+    Watch watch(forward);
+    EXPECT_FALSE(forward.reconfigure(L"\\\\?\\" + from + L"\\", L"\\\\?\\" + to + L"\\", true));
+    expectRoots(roots(), after);
+    EXPECT_EQ(watch.events, (Lines{"1", "Reconfigure Www Roots"}));
+
+    // A hosting that was made in the new place has to go with the rest.
+    addHostings({to + L"\\made since"});
+    before.push_back(from + L"\\made since");
+    EXPECT_FALSE(forward.reconfigure(forward.get_toPath(), forward.get_fromPath(), false));
+    expectRoots(roots(), before);
+    EXPECT_EQ(forward.get_failure(), L"");
+
+    // An object that has not seen the way forward goes by the paths alone.
+    WwwRootReconfigure other;
+    EXPECT_FALSE(other.reconfigure(from, L"F:\\", true));
+    EXPECT_EQ(roots().at(0), L"F:\\a\\httpdocs");
+    EXPECT_EQ(roots().at(4), L"F:\\");
+    WwwRootReconfigure backwards;
+    EXPECT_FALSE(backwards.reconfigure(L"F:\\", from, false));
+    EXPECT_EQ(roots().at(0), before[0]);
+    EXPECT_EQ(roots().at(4), from);
+}
+
+TEST_F(ReconfigureTest, AFailureInTheMiddleLeavesAllRootsAsTheyWere) {
+    const std::vector<std::wstring> before{L"D:\\vhosts\\a", L"D:\\vhosts\\b", L"D:\\vhosts\\c",
+                                           L"E:\\new\\x"};
+    addHostings(before);
+    database->execute(L"create trigger refuse before update on hosting for each row "
+                      L"if old.dom_id = 3 then signal sqlstate '45000' set message_text = 'no'; "
+                      L"end if");
+    WwwRootReconfigure roots;
+    Watch watch(roots);
+    EXPECT_FALSE(roots.reconfigure(L"D:\\vhosts", L"E:\\new", true));
+    expectRoots(this->roots(), before);
+    ASSERT_EQ(watch.events.size(), 3U);
+    EXPECT_TRUE(watch.events[2].starts_with("Failed to reconfigure www root: ") &&
+                watch.events[2].ends_with(": no (Error number 1644)"))
+        << watch.events[2];
+    EXPECT_EQ(toUtf8(roots.get_failure()), watch.events[2]);
+    // What was not written need not be undone, nor may what was there before be taken along.
+    EXPECT_FALSE(roots.reconfigure(L"E:\\new", L"D:\\vhosts", false));
+    expectRoots(this->roots(), before);
+
+    watch.events.clear();
+    WwwRootReconfigure other;
+    Watch backwards(other);
+    EXPECT_FALSE(other.reconfigure(L"D:\\vhosts", L"E:\\new", false));
+    EXPECT_EQ(backwards.events.size(), 2U) << "backwards a failure is no event";
+    EXPECT_NE(other.get_failure(), L"");
+    database->execute(L"drop trigger refuse");
+    // Neither is anything known when the database does not answer at all.
+    RegistryOverride::setDword(L"MySQLPort", 1);
+    EXPECT_FALSE(roots.reconfigure(L"D:\\vhosts", L"E:\\new", true));
+    RegistryOverride::setDword(L"MySQLPort", parameters().port);
+    EXPECT_FALSE(roots.reconfigure(L"E:\\new", L"D:\\vhosts", false));
+    expectRoots(this->roots(), before);
+}
+
+TEST_F(ReconfigureTest, AListenerStopsAStepBeforeItsWork) {
+    addHostings({L"D:\\vhosts\\a"});
+    for (const std::size_t at : {1U, 2U}) {
+        WwwRootReconfigure roots;
+        Watch watch(roots);
+        watch.cancelAt = at;
+        try {
+            roots.reconfigure(L"D:\\vhosts", L"E:\\new", true);
+            ADD_FAILURE() << "not cancelled";
+        } catch (const CanceledException& e) {
+            EXPECT_EQ(e.frames().front().function, "WwwRootReconfigure::reconfigure");
+        }
+    }
+    expectRoots(roots(), {L"D:\\vhosts\\a"});
+}
+
+TEST_F(ReconfigureTest, TheUtilityReconfiguresAspNetAndPhp) {
+    const auto steps = [&](int refuse) {
+        panel.forget();
+        panel.refuse(refuse);
+    };
+    AspNetReconfigure aspNet;
+    Watch watch(aspNet);
+    const std::string aspNetCall = "relink_tool.exe|--reconfigure-aspnet-settings|--old-path=";
+    const std::string phpCall = "relink_tool.exe|--reconfigure-php-settings|--old-path=";
+    {
+        steps(0);
+        EXPECT_FALSE(aspNet.reconfigure(L"\\\\?\\D:\\v hosts\\", L"E:\\new", true));
+        EXPECT_FALSE(aspNet.reconfigure(aspNet.get_toPath(), aspNet.get_fromPath(), false));
+        AspNetReconfigure never;
+        EXPECT_FALSE(never.reconfigure(L"", L"", false));
+        PHPSettingsReconfigure php(L"", L"");
+        php.rollback();
+        php.reconfigure(L"\\\\?\\D:\\v hosts\\", L"\\\\?\\E:\\new");
+        php.rollback();
+        EXPECT_EQ(panel.calls(), (Lines{aspNetCall + "D:\\v hosts\\", aspNetCall + "E:\\new",
+                                        phpCall + "D:\\v hosts\\", phpCall + "E:\\new"}));
+    }
+    const std::string step = "Reconfigure ASP.NET settings";
+    EXPECT_EQ(watch.events, (Lines{"1", step, "1", step}));
+
+    const std::string refused = "relink_tool.exe has refused";
+    for (const bool forward : {true, false}) {
+        steps(1);
+        watch.events.clear();
+        EXPECT_FALSE(aspNet.reconfigure(L"D:\\vhosts", L"E:\\new", forward));
+        Lines events{"1", step};
+        if (forward) {
+            events.push_back("Failed to reconfigure ASP.NET settings: " + refused);
+        }
+        EXPECT_EQ(watch.events, events);
+    }
+    PHPSettingsReconfigure php(L"", L"");
+    steps(1);
+    expectError<vexception>(L"Unable to reconfigure PHP settings: " + toWide(refused),
+                            [&] { php.reconfigure(L"D:\\vhosts", L"E:\\new"); });
+    steps(1);
+    expectError<vexception>(L"Unable to rollback PHP settings reconfiguration: " + toWide(refused),
+                            [&] { php.rollback(); });
+}
