@@ -6,23 +6,30 @@
 //     users.move(from, to);
 //     users.commit();           // or rollback()
 //
-// Homes may be shared, and lie in one another. A home that a mover has moved along already gets no
-// mover of its own, and one that holds some that have been moved leaves them out
-// (backupmove::leaveOut). Directories that are missing above a new home are made
+// A home that lies outside the directory stays where it is, and its account is left alone; the log
+// says so. Homes may be shared, and lie in one another: one that lies in another moves along with
+// that and gets no mover of its own. Directories that are missing above a new home are made
 // (RunTime::Directory::intermediate), and taken over by the mover that comes to them
 // (backupmove::adopt).
+//
+// The database is the one that the configuration names.
 //
 // One thread at a time; handlers run on it.
 #pragma once
 
 #include "relocation/backupmove.h"
+#include "relocation/vhosts/path_groups.h"
 #include "runtime/accounts/factory.h"
 #include "runtime/event.h"
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+class NativeSpan;
+class ZOPDatabase;
 
 class UserList {
 public:
@@ -32,12 +39,17 @@ public:
     UserList(const UserList&) = delete;
     UserList& operator=(const UserList&) = delete;
 
+    // from, to  absolute, in either form; to need not exist
     // Does nothing while a move is recorded. Throws CanceledException when a handler cancels;
     // otherwise returns false. After a failure what was changed is recorded, for rollback().
     bool move(const std::wstring& from, const std::wstring& to);
+    // Removes the old homes, and the quotas on the old volume. Refused (vexception) for a move that
+    // has not been completed. May be called again after a failure; rollback() is refused once it
+    // has begun. Handlers cannot cancel it. Returns false.
     bool commit();
     // Reports what cannot be put back, and goes on with the rest. What could not be is kept, and
     // tried again by the next rollback(); directories that were made above homes go when empty.
+    // An account that is gone needs nothing put back. Handlers cannot cancel it. Returns false.
     bool rollback();
     // Whether rollback() has something left to put back.
     bool isPending() const noexcept;
@@ -53,6 +65,8 @@ public:
     const std::vector<std::wstring>& get_leftBehind() const noexcept { return leftBehind_; }
     const std::vector<std::wstring>& get_pendingRestart() const noexcept { return pendingRestart_; }
 
+    // Copies one home, which keeps its old place until the mover's commit(). What was copied before
+    // a failure is removed again.
     std::unique_ptr<backupmove> moveUserHome(const std::wstring& from, const std::wstring& to);
 
     // The whole list: an item for each account.
@@ -70,10 +84,43 @@ public:
     Event<const std::wstring&, bool&> ignorebleErrorEvent;
 
 private:
+    // A row of the database.
+    struct Row {
+        std::wstring login;
+        std::wstring home;
+        std::uint64_t quota; // bytes; 0: none
+        std::wstring path;   // of the home, in long form; empty where it has none
+    };
     struct UserInfo {
         std::shared_ptr<UserManagement::IUser> user;
-        std::wstring oldHome;
+        std::wstring oldHome; // as the account had it
+        Row row;
+        std::wstring newPath; // long form
+        bool homeRestored = false;
+        bool quotaMoved = false;
+        std::optional<std::uint64_t> oldQuota; // on the new volume
     };
+    class Mover;
+
+    void changeUser(ZOPDatabase& database, const PathGroups& groups, Row row);
+    std::vector<Row> readRows(ZOPDatabase& database) const;
+    std::wstring homePath(const std::wstring& home) const;
+    void moveQuota(UserInfo& info) const;
+    void moveHomes();
+    std::vector<const UserInfo*> outermostHomes() const;
+    void undoPartialMove(std::unique_ptr<backupmove> mover, const NativeSpan& span);
+    void restoreHomes(const NativeSpan& span);
+    void restoreQuotas(const NativeSpan& span);
+    void rollbackMovers(const NativeSpan& span);
+    void removeMade(const NativeSpan& span);
+    void collectLeftovers(const backupmove& mover);
+    void raiseUndoName(const NativeSpan& span, const std::wstring& name);
+    void clear() noexcept;
+
+    void backupmove_TotalHandler(std::int32_t count, std::int64_t cost, bool& cancel);
+    void backupmove_NameHandler(const std::wstring& name, bool isFile, std::int64_t cost,
+                                bool& cancel);
+    void backupmove_ignorebleErrorEvent_Handler(const std::wstring& message, bool& ignore);
 
     std::shared_ptr<UserManagement::IFactory> factory_;
     std::shared_ptr<UserManagement::IUserInformation> information_;
@@ -83,8 +130,14 @@ private:
     std::vector<std::wstring> made_;
     std::vector<std::wstring> leftBehind_;
     std::vector<std::wstring> pendingRestart_;
+    std::wstring from_; // long form, no backslash at the end
+    std::wstring to_;
     StreamType streams_ = StreamType::All;
     bool copyOwner_ = false;
     bool differentVolume_ = false;
+    bool newVolumeHasQuotas_ = false;
     bool scanned_ = false;
+    bool completed_ = false;  // move() did all of its work
+    bool committing_ = false; // old homes are being removed
+    bool mayCancel_ = true;   // handlers may, but for those of commit() and rollback()
 };

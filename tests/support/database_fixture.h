@@ -3,6 +3,7 @@
 
 #include "runtime/database/mysql_database.h"
 #include "runtime/text.h"
+#include "tests/support/registry_override.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -29,6 +30,16 @@ protected:
                 .database = L"zop_test"};
     }
 
+    // Names the server in the panel's configuration, which is a test's own.
+    static void configure(const RegistryOverride&) {
+        const Parameters server = parameters();
+        RegistryOverride::setString(L"MySQLHost", server.host);
+        RegistryOverride::setDword(L"MySQLPort", server.port);
+        RegistryOverride::setString(L"MySQLLogin", server.user);
+        RegistryOverride::setString(L"MySQLPassword", server.password);
+        RegistryOverride::setString(L"MySQLDatabase", server.database);
+    }
+
     // A table of this test, dropped by the next that makes one of the name.
     void makeTable(const std::wstring& name, const std::wstring& columns) {
         database->execute(L"drop table if exists " + name);
@@ -43,6 +54,17 @@ protected:
                              const VDatabase::Values& values = {}) {
         const auto rows = from.query(sql, values);
         return rows->next() ? toUtf8(rows->text(rows->columns()[0]).value_or(L"NULL")) : "none";
+    }
+
+    // The rows of a record set, cells apart by blanks.
+    static std::string rowsOf(const std::unique_ptr<VRecordSet>& rows) {
+        std::wstring result;
+        while (rows->next()) {
+            for (const std::wstring& column : rows->columns()) {
+                result += rows->text(column).value_or(L"NULL") + L" ";
+            }
+        }
+        return toUtf8(result);
     }
 
     std::unique_ptr<VMySQLDatabase> database;

@@ -27,17 +27,6 @@ protected:
         panel = std::make_unique<ZOPDatabase>(std::make_shared<VMySQLDatabase>(parameters()));
     }
 
-    // The rows of a record set, cells apart by blanks.
-    static std::string rowsOf(const std::unique_ptr<VRecordSet>& rows) {
-        std::wstring result;
-        while (rows->next()) {
-            for (const std::wstring& column : rows->columns()) {
-                result += rows->text(column).value_or(L"NULL") + L" ";
-            }
-        }
-        return toUtf8(result);
-    }
-
     std::unique_ptr<ZOPDatabase> panel;
 };
 
@@ -98,12 +87,7 @@ TEST_F(ZOPDatabaseTest, ThePanelsDatabaseIsTheOneThatTheConfigurationNames) {
               L"localhostadminpanel");
     EXPECT_EQ(preset.port, 3306);
 
-    const Parameters server = parameters();
-    RegistryOverride::setString(L"MySQLHost", server.host);
-    RegistryOverride::setDword(L"MySQLPort", server.port);
-    RegistryOverride::setString(L"MySQLLogin", server.user);
-    RegistryOverride::setString(L"MySQLPassword", server.password);
-    RegistryOverride::setString(L"MySQLDatabase", server.database);
+    configure(registry);
     EXPECT_EQ(ZOPDatabase::connect().getUserInfo(L"d1").home, L"C:\\vhosts\\d1");
     for (const DWORD port : {0UL, 65536UL}) {
         RegistryOverride::setDword(L"MySQLPort", port);
