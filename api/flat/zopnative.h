@@ -23,8 +23,8 @@
 
    A function that is here stays here, with what it takes and gives, in every later version of the
    same first number. */
-#ifndef ZOPNATIVE_H
-#define ZOPNATIVE_H
+#ifndef ZOP_NATIVE_H
+#define ZOP_NATIVE_H
 
 #include <stddef.h>
 #include <stdint.h>
