@@ -62,7 +62,7 @@ std::shared_ptr<Location> of(zop_data_location* handle) {
 
 template <class Getter>
 zop_list* listOf(zop_data_location* handle, zop_error** error, Getter getter) {
-    return guarded(error, [&] { return new zop_list{(of(handle)->native.*getter)()}; });
+    return guarded(error, [&] { return new zop_list((of(handle)->native.*getter)()); });
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "api/flat/flat_support.h"
 
+#include "api/zop_database_exception.h"
 #include "runtime/exception.h"
 #include "runtime/text.h"
 
@@ -18,8 +19,10 @@ zop_error& undescribed() {
 zop_error* describeCurrent() {
     try {
         throw;
-    } catch (const NullArgument& e) {
-        return new zop_error{ZOP_ERROR_NULL_ARGUMENT, e.message()};
+    } catch (const ArgumentNullException& e) {
+        return new zop_error{ZOP_ERROR_NULL_ARGUMENT, e.get_ParamName()};
+    } catch (const ZOPDatabaseException& e) {
+        return new zop_error{ZOP_ERROR_DATABASE, e.message()};
     } catch (const Exception& e) {
         return new zop_error{ZOP_ERROR_GENERAL, e.message()};
     } catch (const vexception& e) {

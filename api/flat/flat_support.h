@@ -2,7 +2,7 @@
 // border that no exception passes.
 #pragma once
 
-#include "api/exception.h"
+#include "api/argument_null_exception.h"
 #include "api/flat/zopnative.h"
 #include "runtime/wipe.h"
 
@@ -29,6 +29,11 @@ struct zop_text {
 };
 
 struct zop_list {
+    explicit zop_list(std::vector<std::wstring> texts) : values(std::move(texts)) {}
+    ~zop_list() { std::ranges::for_each(values, RunTime::wipe<std::wstring>); }
+    zop_list(const zop_list&) = delete;
+    zop_list& operator=(const zop_list&) = delete;
+
     std::vector<std::wstring> values;
 };
 
@@ -37,10 +42,6 @@ struct zop_call {
 };
 
 namespace zopobsolete::flat {
-
-class NullArgument : public Exception {
-    using Exception::Exception;
-};
 
 // Only while an exception is handled.
 void describe(zop_error** error) noexcept;
@@ -68,11 +69,11 @@ std::int32_t done(zop_error** error, Function&& function) noexcept {
     });
 }
 
-// Throws NullArgument with the parameter's name.
+// Throws ArgumentNullException. name: a literal, as the header has it.
 template <class Pointer>
 Pointer needed(Pointer pointer, const wchar_t* name) {
     if (pointer == nullptr) {
-        throw NullArgument(name);
+        throw ArgumentNullException(name);
     }
     return pointer;
 }

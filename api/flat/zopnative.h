@@ -71,6 +71,7 @@ ZOP_C_API size_t ZOP_CALL zop_text_length(const zop_text* text);
 /* Wipes the memory: a text may have been a password. */
 ZOP_C_API void ZOP_CALL zop_text_free(zop_text* text);
 
+/* Freed with its memory wiped, as a text is. */
 typedef struct zop_list zop_list;
 ZOP_C_API size_t ZOP_CALL zop_list_count(const zop_list* list);
 /* NULL behind the end; valid until the list is freed. */
@@ -154,6 +155,74 @@ ZOP_C_API zop_list* ZOP_CALL zop_data_location_left_behind(zop_data_location* lo
                                                            zop_error** error);
 ZOP_C_API zop_list* ZOP_CALL zop_data_location_pending_restart(zop_data_location* location,
                                                                zop_error** error);
+
+/* ---- the panel's database ---- */
+
+/* As zopobsolete::ZOPMySQLDatabase and ZOPMySQLRecordSet in api/. Errors are of the kind
+   ZOP_ERROR_DATABASE. A database and its record sets are used by one thread at a time, together. */
+typedef struct zop_database zop_database;
+typedef struct zop_record_set zop_record_set;
+
+typedef struct zop_database_parameters {
+    size_t size;              /* of this structure */
+    const wchar_t* host;      /* NULL: localhost */
+    const wchar_t* login;     /* NULL: none */
+    const wchar_t* password;  /* NULL: none */
+    const wchar_t* database;  /* NULL: none is chosen */
+    uint32_t port;            /* 0: 3306 */
+    uint32_t connect_timeout; /* seconds; 0: as configured */
+} zop_database_parameters;
+
+enum { ZOP_VALUE_NULL = 0, ZOP_VALUE_TEXT = 1, ZOP_VALUE_SIGNED = 2, ZOP_VALUE_UNSIGNED = 3 };
+/* What stands for a placeholder of a statement. */
+typedef struct zop_value {
+    int32_t kind;
+    int64_t number;      /* of the two kinds of number; an unsigned one by its bits */
+    const wchar_t* text; /* of a text, which may hold zeros */
+    size_t length;
+} zop_value;
+
+/* Six texts: host, port, login, password, database, connect time-out in seconds, as the
+   configuration has them for the panel's own database. */
+ZOP_C_API zop_list* ZOP_CALL zop_database_configuration(zop_error** error);
+/* Connects; to the panel's own database where parameters is NULL. */
+ZOP_C_API zop_database* ZOP_CALL zop_database_open(const zop_database_parameters* parameters,
+                                                   zop_error** error);
+/* Rolls back a transaction that is open. Record sets live on. */
+ZOP_C_API void ZOP_CALL zop_database_free(zop_database* database);
+ZOP_C_API zop_record_set* ZOP_CALL zop_database_query(zop_database* database, const wchar_t* sql,
+                                                      const zop_value* values, size_t count,
+                                                      zop_error** error);
+/* rows: those that the statement found; may be NULL. */
+ZOP_C_API int32_t ZOP_CALL zop_database_execute(zop_database* database, const wchar_t* sql,
+                                                const zop_value* values, size_t count,
+                                                uint64_t* rows, zop_error** error);
+ZOP_C_API zop_text* ZOP_CALL zop_database_escape(zop_database* database, const wchar_t* text,
+                                                 size_t length, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_database_last_insert_id(zop_database* database, uint64_t* id,
+                                                       zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_database_begin_trans(zop_database* database, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_database_commit_trans(zop_database* database, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_database_rollback_trans(zop_database* database, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_database_trans_level(zop_database* database, int32_t* level,
+                                                    zop_error** error);
+/* Names of count tables, and for each whether it is locked for writing. */
+ZOP_C_API int32_t ZOP_CALL zop_database_lock_tables(zop_database* database,
+                                                    const wchar_t* const* tables,
+                                                    const int32_t* write, size_t count,
+                                                    zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_database_unlock_tables(zop_database* database, zop_error** error);
+
+ZOP_C_API void ZOP_CALL zop_record_set_free(zop_record_set* rows);
+/* row: whether there is a next one. */
+ZOP_C_API int32_t ZOP_CALL zop_record_set_next(zop_record_set* rows, int32_t* row,
+                                               zop_error** error);
+ZOP_C_API zop_list* ZOP_CALL zop_record_set_columns(zop_record_set* rows, zop_error** error);
+/* text: NULL for the NULL of the database. By the column's name, or by its place, from 0. */
+ZOP_C_API int32_t ZOP_CALL zop_record_set_text(zop_record_set* rows, const wchar_t* column,
+                                               zop_text** text, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_record_set_text_at(zop_record_set* rows, size_t column,
+                                                  zop_text** text, zop_error** error);
 
 #ifdef __cplusplus
 }

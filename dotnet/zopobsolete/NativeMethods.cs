@@ -96,5 +96,69 @@ namespace zopobsolete
         internal static extern IntPtr zop_data_location_left_behind(NativeObject location, out IntPtr error);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern IntPtr zop_data_location_pending_restart(NativeObject location, out IntPtr error);
+
+        [StructLayout(LayoutKind.Sequential)]
+        internal struct DatabaseParameters
+        {
+            internal UIntPtr Size;
+            internal IntPtr Host;
+            internal IntPtr Login;
+            internal IntPtr Password;
+            internal IntPtr Database;
+            internal uint Port;
+            internal uint ConnectTimeout;
+        }
+
+        [StructLayout(LayoutKind.Sequential)]
+        internal struct Value
+        {
+            internal int Kind;
+            internal long Number;
+            internal IntPtr Text;
+            internal UIntPtr Length;
+        }
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_database_configuration(out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_database_open(ref DatabaseParameters parameters, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void zop_database_free(IntPtr database);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern IntPtr zop_database_query(
+            NativeObject database, string sql, Value[] values, UIntPtr count, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_database_execute(
+            NativeObject database, string sql, Value[] values, UIntPtr count, out ulong rows, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern IntPtr zop_database_escape(
+            NativeObject database, string text, UIntPtr length, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_database_last_insert_id(NativeObject database, out ulong id, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_database_begin_trans(NativeObject database, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_database_commit_trans(NativeObject database, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_database_rollback_trans(NativeObject database, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_database_trans_level(NativeObject database, out int level, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_database_lock_tables(
+            NativeObject database, [MarshalAs(UnmanagedType.LPArray, ArraySubType = UnmanagedType.LPWStr)] string[] tables,
+            int[] write, UIntPtr count, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_database_unlock_tables(NativeObject database, out IntPtr error);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void zop_record_set_free(IntPtr rows);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_record_set_next(NativeObject rows, out int row, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_record_set_columns(NativeObject rows, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_record_set_text(NativeObject rows, string column, out IntPtr text, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_record_set_text_at(NativeObject rows, UIntPtr column, out IntPtr text, out IntPtr error);
     }
 }

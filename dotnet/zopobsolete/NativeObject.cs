@@ -21,6 +21,13 @@ namespace zopobsolete
             NativeResult.Check(error);
         }
 
+        // Of an object without callbacks.
+        internal NativeObject(IntPtr native, Action<IntPtr> free) : base(IntPtr.Zero, true)
+        {
+            this.free = free;
+            handle = native;
+        }
+
         public override bool IsInvalid => false; // there is always a context to free
 
         protected override bool ReleaseHandle()

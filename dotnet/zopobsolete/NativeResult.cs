@@ -6,7 +6,7 @@ namespace zopobsolete
     // What native functions give, on its way to managed types. Each frees what it is given.
     internal static class NativeResult
     {
-        const int NullArgument = 3;
+        const int Database = 2, NullArgument = 3;
 
         // Throws the error where there is one. cause is what a listener threw meanwhile, if anything.
         internal static void Check(IntPtr error, Exception cause = null)
@@ -30,12 +30,17 @@ namespace zopobsolete
             {
                 throw new ArgumentNullException(text);
             }
-            throw new Exception(text, cause);
+            throw kind == Database ? new ZOPDatabaseException(text, cause) : new Exception(text, cause);
         }
 
+        // Null for none.
         internal static string Text(IntPtr text, IntPtr error)
         {
             Check(error);
+            if (text == IntPtr.Zero)
+            {
+                return null;
+            }
             try
             {
                 return Marshal.PtrToStringUni(

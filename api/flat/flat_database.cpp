@@ -1,0 +1,205 @@
+#include "api/flat/flat_support.h"
+#include "api/zop_database_exception.h"
+#include "api/zop_mysql_database.h"
+
+#include <memory>
+#include <string_view>
+
+using namespace zopobsolete::flat;
+using zopobsolete::ZOPDatabaseException;
+using zopobsolete::ZOPDatabaseParameters;
+using zopobsolete::ZOPMySQLDatabase;
+using zopobsolete::ZOPMySQLRecordSet;
+
+struct zop_database {
+    std::unique_ptr<ZOPMySQLDatabase> native;
+};
+
+struct zop_record_set {
+    ZOPMySQLRecordSet native;
+};
+
+namespace {
+
+ZOPMySQLDatabase& of(zop_database* handle) {
+    return *needed(handle, L"database")->native;
+}
+
+ZOPMySQLRecordSet& of(zop_record_set* handle) {
+    return needed(handle, L"rows")->native;
+}
+
+ZOPDatabaseParameters parametersOf(const zop_database_parameters* given) {
+    const zop_database_parameters from = copyOf(given);
+    const auto text = [](const wchar_t* value) {
+        return std::wstring(value != nullptr ? value : L"");
+    };
+    ZOPDatabaseParameters parameters;
+    if (from.host != nullptr) {
+        parameters.setHost(from.host);
+    }
+    if (from.port > 65'535) {
+        throw ZOPDatabaseException(L"The number (" + std::to_wstring(from.port) +
+                                   L") is no port of a server: it has to be from 1 to 65535");
+    }
+    if (from.port != 0) {
+        parameters.setPort(static_cast<std::uint16_t>(from.port));
+    }
+    parameters.setLogin(text(from.login));
+    std::wstring password = text(from.password);
+    const RunTime::WipeOnExit wiped(password);
+    parameters.setPassword(password);
+    parameters.setDatabase(text(from.database));
+    parameters.setConnectTimeout(from.connect_timeout);
+    return parameters;
+}
+
+ZOPMySQLDatabase::Values valuesOf(const zop_value* values, std::size_t count) {
+    ZOPMySQLDatabase::Values result;
+    for (std::size_t i = 0; i < count; ++i) {
+        const zop_value& value = needed(values, L"values")[i];
+        switch (value.kind) {
+        case ZOP_VALUE_NULL:
+            result.emplace_back(nullptr);
+            break;
+        case ZOP_VALUE_TEXT:
+            result.emplace_back(std::wstring(needed(value.text, L"values"), value.length));
+            break;
+        case ZOP_VALUE_SIGNED:
+            result.emplace_back(value.number);
+            break;
+        case ZOP_VALUE_UNSIGNED:
+            result.emplace_back(static_cast<std::uint64_t>(value.number));
+            break;
+        default:
+            throw ZOPDatabaseException(L"Unknown kind of value (" + std::to_wstring(value.kind) +
+                                       L")");
+        }
+    }
+    return result;
+}
+
+zop_text* textOrNull(std::optional<std::wstring> text) {
+    return text ? newText(std::move(*text)) : nullptr;
+}
+
+} // namespace
+
+zop_list* ZOP_CALL zop_database_configuration(zop_error** error) {
+    return guarded(error, [] {
+        const auto parameters = ZOPDatabaseParameters::fromConfiguration();
+        std::vector<std::wstring> texts;
+        texts.reserve(6);
+        texts.push_back(parameters.getHost());
+        texts.push_back(std::to_wstring(parameters.getPort()));
+        texts.push_back(parameters.getLogin());
+        texts.push_back(parameters.getPassword());
+        texts.push_back(parameters.getDatabase());
+        texts.push_back(std::to_wstring(parameters.getConnectTimeout()));
+        return new zop_list(std::move(texts));
+    });
+}
+
+zop_database* ZOP_CALL zop_database_open(const zop_database_parameters* parameters,
+                                         zop_error** error) {
+    return guarded(error, [&] {
+        return new zop_database{parameters != nullptr
+                                    ? std::make_unique<ZOPMySQLDatabase>(parametersOf(parameters))
+                                    : std::make_unique<ZOPMySQLDatabase>()};
+    });
+}
+
+void ZOP_CALL zop_database_free(zop_database* database) {
+    delete database;
+}
+
+zop_record_set* ZOP_CALL zop_database_query(zop_database* database, const wchar_t* sql,
+                                            const zop_value* values, std::size_t count,
+                                            zop_error** error) {
+    return guarded(error, [&] {
+        return new zop_record_set{of(database).query(needed(sql, L"sql"), valuesOf(values, count))};
+    });
+}
+
+std::int32_t ZOP_CALL zop_database_execute(zop_database* database, const wchar_t* sql,
+                                           const zop_value* values, std::size_t count,
+                                           std::uint64_t* rows, zop_error** error) {
+    return done(error, [&] {
+        const std::uint64_t found =
+            of(database).execute(needed(sql, L"sql"), valuesOf(values, count));
+        if (rows != nullptr) {
+            *rows = found;
+        }
+    });
+}
+
+zop_text* ZOP_CALL zop_database_escape(zop_database* database, const wchar_t* text,
+                                       std::size_t length, zop_error** error) {
+    return guarded(error, [&] {
+        return newText(of(database).escape(std::wstring(needed(text, L"text"), length)));
+    });
+}
+
+std::int32_t ZOP_CALL zop_database_last_insert_id(zop_database* database, std::uint64_t* id,
+                                                  zop_error** error) {
+    return done(error, [&] { *needed(id, L"id") = of(database).lastInsertId(); });
+}
+
+std::int32_t ZOP_CALL zop_database_begin_trans(zop_database* database, zop_error** error) {
+    return done(error, [&] { of(database).beginTrans(); });
+}
+
+std::int32_t ZOP_CALL zop_database_commit_trans(zop_database* database, zop_error** error) {
+    return done(error, [&] { of(database).commitTrans(); });
+}
+
+std::int32_t ZOP_CALL zop_database_rollback_trans(zop_database* database, zop_error** error) {
+    return done(error, [&] { of(database).rollbackTrans(); });
+}
+
+std::int32_t ZOP_CALL zop_database_trans_level(zop_database* database, std::int32_t* level,
+                                               zop_error** error) {
+    return done(error, [&] { *needed(level, L"level") = of(database).transLevel(); });
+}
+
+std::int32_t ZOP_CALL zop_database_lock_tables(zop_database* database, const wchar_t* const* tables,
+                                               const std::int32_t* write, std::size_t count,
+                                               zop_error** error) {
+    return done(error, [&] {
+        std::vector<ZOPMySQLDatabase::LockedTable> locked;
+        for (std::size_t i = 0; i < count; ++i) {
+            locked.push_back(
+                {needed(needed(tables, L"tables")[i], L"tables"), needed(write, L"write")[i] != 0});
+        }
+        of(database).lockTables(locked);
+    });
+}
+
+std::int32_t ZOP_CALL zop_database_unlock_tables(zop_database* database, zop_error** error) {
+    return done(error, [&] { of(database).unlockTables(); });
+}
+
+void ZOP_CALL zop_record_set_free(zop_record_set* rows) {
+    delete rows;
+}
+
+std::int32_t ZOP_CALL zop_record_set_next(zop_record_set* rows, std::int32_t* row,
+                                          zop_error** error) {
+    return done(error, [&] { *needed(row, L"row") = of(rows).next() ? 1 : 0; });
+}
+
+zop_list* ZOP_CALL zop_record_set_columns(zop_record_set* rows, zop_error** error) {
+    return guarded(error, [&] { return new zop_list(of(rows).columns()); });
+}
+
+std::int32_t ZOP_CALL zop_record_set_text(zop_record_set* rows, const wchar_t* column,
+                                          zop_text** text, zop_error** error) {
+    return done(error, [&] {
+        *needed(text, L"text") = textOrNull(of(rows).text(std::wstring(needed(column, L"column"))));
+    });
+}
+
+std::int32_t ZOP_CALL zop_record_set_text_at(zop_record_set* rows, std::size_t column,
+                                             zop_text** text, zop_error** error) {
+    return done(error, [&] { *needed(text, L"text") = textOrNull(of(rows).text(column)); });
+}
