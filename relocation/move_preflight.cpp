@@ -23,8 +23,8 @@ constexpr std::size_t oldPathLimit = 259; // what programs without long path sup
 class Examination : MoveFindings {
 public:
     Examination(const std::wstring& source, const std::wstring& target,
-                const MovePreflight::Options& options, Event<const TreeContents&, bool&>& progress)
-        : MoveFindings(result_), options_(options), progress_(progress), source_(source),
+                const MovePreflight::Options& options, MovePreflight& events)
+        : MoveFindings(result_), options_(options), events_(events), source_(source),
           target_(target) {
         result_.source = nicePath(source);
         result_.target = nicePath(target);
@@ -235,7 +235,7 @@ private:
         checkSystemPlace(realTarget_, target_, L"target");
         const std::wstring parent = RunTime::parentPath(target_);
         if (!isThere(target_)) {
-            if (!isThere(parent)) {
+            if (!isThere(parent) && !options_.createsTarget) {
                 refuse("target-parent-missing",
                        L"The directory " + quoted(parent) +
                            L", where the target is to be, does "
@@ -296,7 +296,10 @@ private:
                    L"Choose another drive.");
             return;
         }
-        const std::wstring place = result_.targetExists ? target_ : RunTime::parentPath(target_);
+        std::wstring place = target_;
+        while (!isThere(place) && !RunTime::parentPath(place).empty()) {
+            place = RunTime::parentPath(place);
+        }
         if (const DWORD code = probeWritable(place); code != ERROR_SUCCESS) {
             refuse("target-not-writable",
                    L"Nothing can be created in " + quoted(place) + L": " + systemText(code) + L".",
@@ -381,7 +384,8 @@ private:
         // A directory right below the root of its drive is never set aside.
         const std::wstring target = nicePath(target_);
         const bool canSetAside = result_.targetContents.bytes == 0 && target.rfind(L'\\') >= 5;
-        result_.willCopy = options_.copy || !sameVolume || (result_.targetExists && !canSetAside);
+        const bool isInTheWay = result_.targetExists || options_.createsTarget;
+        result_.willCopy = options_.copy || !sameVolume || (isInTheWay && !canSetAside);
         if (result_.willCopy && sameVolume && !options_.copy) {
             find(Severity::Info, "copies-on-one-drive",
                  L"Source and target are on one drive, but the target exists" +
@@ -408,7 +412,8 @@ private:
 
     void scan() {
         TreeScan scan;
-        const Hook forward = forwardEvent(scan.progressEvent, progress_);
+        const Hook forward = forwardEvent(scan.progressEvent, events_.progressEvent);
+        const Hook links = forwardEvent(scan.linkEvent, events_.linkEvent);
         TreeScan::Options options;
         options.thorough = result_.willCopy;
         options.streams = has(options_.streams, StreamType::AlternateData);
@@ -449,7 +454,7 @@ private:
     }
 
     const MovePreflight::Options& options_;
-    Event<const TreeContents&, bool&>& progress_;
+    MovePreflight& events_;
     std::wstring source_; // long form once the texts have been checked
     std::wstring target_;
     std::wstring realSource_;
@@ -471,5 +476,5 @@ bool MovePreflight::Result::isRefused() const {
 MovePreflight::Result MovePreflight::examine(const std::wstring& source, const std::wstring& target,
                                              const Options& options) {
     const ThreadCancelation::CancelationPoint cancellable;
-    return Examination(source, target, options, progressEvent).run();
+    return Examination(source, target, options, *this).run();
 }

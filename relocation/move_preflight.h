@@ -33,6 +33,8 @@ public:
         bool copy = false;      // a copy even where a rename would do
         bool keepGoing = false; // items that fail are passed over
         bool copyOwner = false;
+        // Whoever moves makes the target first, with what is missing above it.
+        bool createsTarget = false;
         StreamType streams = StreamType::All;
     };
 
@@ -69,4 +71,6 @@ public:
 
     // What the scan of the source has seen so far, cancel; once per item.
     Event<const TreeContents&, bool&> progressEvent;
+    // The links of the source, as TreeScan tells them.
+    Event<const std::wstring&> linkEvent;
 };

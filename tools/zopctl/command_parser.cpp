@@ -7,7 +7,7 @@
 
 namespace zopctl {
 
-CommandParser::CommandParser(const char* name, const char* summary, const char* footer)
+CommandParser::CommandParser(const char* name, const char* summary, const std::string& footer)
     : app_(std::make_unique<CLI::App>(summary, name)) {
     app_->allow_windows_style_options(false); // "/" begins no option: it may begin a path
     app_->set_help_flag("-h,--help", "Shows this text");

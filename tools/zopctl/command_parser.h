@@ -47,7 +47,7 @@ struct Parsed : Answer {
 class CommandParser {
 public:
     // name: with the program's, "zopctl data move". footer: what the help says after the options.
-    CommandParser(const char* name, const char* summary, const char* footer);
+    CommandParser(const char* name, const char* summary, const std::string& footer);
     ~CommandParser();
 
     CLI::App& app() { return *app_; }

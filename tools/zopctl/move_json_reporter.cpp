@@ -1,4 +1,3 @@
-#include "runtime/files/path.h"
 #include "tools/zopctl/json_writer.h"
 #include "tools/zopctl/move_reporter.h"
 
@@ -26,19 +25,9 @@ class MoveJsonReporter final : public MoveReporter {
 public:
     explicit MoveJsonReporter(Console& console) : console_(console) {}
 
-    void start(const DataMoveOptions& options) override {
-        put(L"start", {{"command", L"data move"},
-                       {"source", RunTime::nicePath(options.source)},
-                       {"target", RunTime::nicePath(options.target)},
-                       {"streams", static_cast<int>(options.streams)},
-                       {"copy", options.copy},
-                       {"copyOwner", options.copyOwner},
-                       {"keepGoing", options.keepGoing},
-                       {"verify", options.verify},
-                       {"dryRun", options.dryRun}});
-    }
+    void start(const JsonFields& fields) override { put(L"start", fields); }
 
-    void preflight(const MovePreflight::Result& seen) override {
+    void preflight(const MovePreflight::Result& seen, const MoveDetails& plan) override {
         JsonList findings;
         for (const MoveFinding& finding : seen.findings) {
             findings.push_back(JsonFields{{"severity", nameOf(finding.severity)},
@@ -63,8 +52,13 @@ public:
                                    {"targetHoldsItems", seen.targetHoldsItems()},
                                    {"keepsSource", seen.keepsSource}};
             fields.insert(fields.end(), facts.begin(), facts.end());
+            fields.insert(fields.end(), plan.fields.begin(), plan.fields.end());
         }
         put(L"preflight", fields);
+    }
+
+    void step(std::int32_t number, std::int32_t of, const std::wstring& name) override {
+        put(L"step", {{"number", number}, {"of", of}, {"name", name}});
     }
 
     void progress(const MoveProgress& progress) override {
@@ -110,22 +104,25 @@ public:
                                             {"examples", entry.examples}});
             }
         }
-        put(L"result", {{"status", outcome.status},
-                        {"exitCode", static_cast<int>(outcome.code)},
-                        {"message", outcome.message},
-                        {"source", outcome.source},
-                        {"target", outcome.target},
-                        {"renamed", outcome.renamed},
-                        {"verified", outcome.verified},
-                        {"files", outcome.files},
-                        {"directories", outcome.directories},
-                        {"bytes", outcome.bytes},
-                        {"milliseconds", outcome.milliseconds},
-                        {"failed", failed},
-                        {"leftBehind", outcome.leftBehind},
-                        {"pendingRestart", outcome.pendingRestart},
-                        {"losses", losses},
-                        {"advice", outcome.advice}});
+        JsonFields fields{{"status", outcome.status},
+                          {"exitCode", static_cast<int>(outcome.code)},
+                          {"message", outcome.message},
+                          {"source", outcome.source},
+                          {"target", outcome.target},
+                          {"renamed", outcome.renamed},
+                          {"verified", outcome.verified},
+                          {"files", outcome.files},
+                          {"directories", outcome.directories},
+                          {"bytes", outcome.bytes},
+                          {"milliseconds", outcome.milliseconds},
+                          {"failed", failed},
+                          {"leftBehind", outcome.leftBehind},
+                          {"pendingRestart", outcome.pendingRestart},
+                          {"losses", losses},
+                          {"advice", outcome.advice}};
+        const JsonFields& more = outcome.details.fields;
+        fields.insert(fields.end(), more.begin(), more.end());
+        put(L"result", fields);
     }
 
 private:

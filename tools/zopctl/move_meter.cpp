@@ -1,5 +1,6 @@
 #include "tools/zopctl/move_meter.h"
 
+#include "runtime/format_string.h"
 #include "tools/zopctl/text_format.h"
 
 namespace zopctl {
@@ -11,6 +12,7 @@ constexpr std::uint64_t tellTime = 100; // milliseconds
 // Efforts against that of copying, per byte and item.
 constexpr double verifyWeight = 0.5;
 constexpr double removeWeight = 0.5;
+constexpr double settingWeight = 500; // starting a program takes as long as so many small files
 
 struct StepNames {
     const char* phase;
@@ -25,6 +27,8 @@ StepNames namesOf(MoveMeter::Step step) {
         return {"move", L"Moving"};
     case MoveMeter::Step::Verify:
         return {"verify", L"Verifying"};
+    case MoveMeter::Step::Settings:
+        return {"settings", L"Changing settings"};
     case MoveMeter::Step::Remove:
         return {"remove", L"Removing the old copy"};
     case MoveMeter::Step::RollBack:
@@ -65,25 +69,46 @@ void MoveMeter::plan(const MovePreflight::Result& seen, bool verify) {
     }
 }
 
+void MoveMeter::planSettings(std::int64_t count) {
+    progress_.plan(Phase::Settings, {count, 0, settingWeight});
+}
+
 void MoveMeter::begin(Step step) {
     step_ = step;
     items_ = 0;
+    number_ = 0;
     if (step != Step::RollBack) {
-        progress_.begin(step == Step::Verify   ? Phase::Verify
-                        : step == Step::Remove ? Phase::Remove
-                                               : Phase::Copy,
+        progress_.begin(step == Step::Verify     ? Phase::Verify
+                        : step == Step::Settings ? Phase::Settings
+                        : step == Step::Remove   ? Phase::Remove
+                                                 : Phase::Copy,
                         ::GetTickCount64());
     }
 }
 
+void MoveMeter::enterStep(std::int32_t number, std::int32_t of, const std::wstring& name) {
+    number_ = number;
+    of_ = of;
+    stepName_ = name;
+    reporter_.step(number, of, name);
+    told_ = now_ = ::GetTickCount64();
+    tell(progress_.phaseBytes(), {});
+}
+
 void MoveMeter::advance(std::int64_t items, std::int64_t bytes, const std::wstring& name) {
     items_ += items;
-    if (!isDue()) {
-        return;
+    if (isDue()) {
+        tell(bytes, name);
     }
+}
+
+void MoveMeter::tell(std::int64_t bytes, const std::wstring& name) {
     const StepNames names = namesOf(step_);
     MoveProgress shown{names.phase, {}, items_, bytes};
     shown.view.verb = names.verb;
+    if (number_ != 0) {
+        shown.view.verb = formatString(L"%d/%d %s", number_, of_, stepName_.c_str());
+    }
     shown.view.name = name;
     shown.view.errors = errors_;
     if (step_ == Step::RollBack) {

@@ -6,8 +6,9 @@
 #include "relocation/move_preflight.h"
 #include "relocation/tree_compare.h"
 #include "tools/zopctl/console.h"
-#include "tools/zopctl/data_move_arguments.h"
 #include "tools/zopctl/exit_code.h"
+#include "tools/zopctl/json_writer.h"
+#include "tools/zopctl/move_options.h"
 #include "tools/zopctl/work_progress.h"
 
 #include <memory>
@@ -22,10 +23,17 @@ struct FailedItem {
 };
 
 struct MoveProgress {
-    const char* phase = ""; // "look", "copy", "move", "verify", "remove", "rollback"
+    const char* phase = ""; // "look", "copy", "move", "verify", "settings", "remove",
+                            // "rollback"
     ProgressView view;
     std::int64_t items = 0; // of the phase
     std::int64_t bytes = 0;
+};
+
+// What one kind of move shows besides: the same for people and for programs.
+struct MoveDetails {
+    std::vector<std::wstring> lines;
+    JsonFields fields;
 };
 
 // How a move ended, with numbers that add up.
@@ -45,6 +53,7 @@ struct MoveOutcome {
     std::vector<std::wstring> leftBehind;     // paths that are still there
     std::vector<std::wstring> pendingRestart; // what the system does at its next restart
     CopyReport losses;
+    MoveDetails details;
     std::vector<std::wstring> advice; // what to do now
 };
 
@@ -52,8 +61,10 @@ class MoveReporter {
 public:
     virtual ~MoveReporter() = default;
 
-    virtual void start(const DataMoveOptions& options) = 0;
-    virtual void preflight(const MovePreflight::Result& seen) = 0;
+    virtual void start(const JsonFields& fields) = 0;
+    virtual void preflight(const MovePreflight::Result& seen, const MoveDetails& plan) = 0;
+    // An operation of many steps has come to this one.
+    virtual void step(std::int32_t number, std::int32_t of, const std::wstring& name) = 0;
     // At most ten times a second.
     virtual void progress(const MoveProgress& progress) = 0;
     // Wipes what progress has drawn: lines follow that are no progress.
@@ -67,10 +78,9 @@ public:
 };
 
 // The one that options ask for. The console outlives it.
-std::unique_ptr<MoveReporter> makeMoveReporter(const DataMoveOptions& options, Console& console);
+std::unique_ptr<MoveReporter> makeMoveReporter(const MoveOptions& options, Console& console);
 // Its two kinds.
-std::unique_ptr<MoveReporter> makeMoveTextReporter(const DataMoveOptions& options,
-                                                   Console& console);
+std::unique_ptr<MoveReporter> makeMoveTextReporter(const MoveOptions& options, Console& console);
 std::unique_ptr<MoveReporter> makeMoveJsonReporter(Console& console);
 
 } // namespace zopctl

@@ -14,17 +14,28 @@ std::wstring quoted(const std::wstring& path) {
 
 class MoveTextReporter final : public MoveReporter {
 public:
-    MoveTextReporter(const DataMoveOptions& options, Console& console)
+    MoveTextReporter(const MoveOptions& options, Console& console)
         : options_(options), console_(console) {}
 
-    void start(const DataMoveOptions&) override {}
+    void start(const JsonFields&) override {}
 
-    void preflight(const MovePreflight::Result& seen) override {
+    void preflight(const MovePreflight::Result& seen, const MoveDetails& plan) override {
         for (const MoveFinding& finding : seen.findings) {
             show(finding);
         }
         if (seen.isExamined && !seen.isRefused() && !options_.quiet) {
             showPlan(seen);
+            for (const std::wstring& line : plan.lines) {
+                console_.line(line);
+            }
+        }
+    }
+
+    // On a console the progress line has it.
+    void step(std::int32_t number, std::int32_t of, const std::wstring& name) override {
+        if (!options_.quiet && !console_.isConsole()) {
+            console_.line(L"Step " + std::to_wstring(number) + L" of " + std::to_wstring(of) +
+                          L": " + name);
         }
     }
 
@@ -75,6 +86,9 @@ public:
             outcome.code == ExitCode::Success || outcome.code == ExitCode::DoneWithRemainder;
         if (done && !options_.quiet && !options_.dryRun) {
             console_.line(doneLine(outcome));
+            for (const std::wstring& line : outcome.details.lines) {
+                console_.line(line);
+            }
         }
         if (!outcome.message.empty() && !(done && options_.quiet)) {
             if (done) {
@@ -107,7 +121,9 @@ private:
             console_.errorLine(L"Warning: " + printable(finding.reason));
         } else if (!options_.quiet) {
             console_.line(L"Note:    " + printable(finding.reason));
-            console_.line(L"         " + printable(finding.remedy));
+            if (!finding.remedy.empty()) {
+                console_.line(L"         " + printable(finding.remedy));
+            }
             return;
         } else {
             return;
@@ -211,7 +227,7 @@ private:
         }
     }
 
-    const DataMoveOptions& options_;
+    const MoveOptions& options_;
     Console& console_;
     int tenth_ = 0;
     std::uint64_t printed_ = ::GetTickCount64(); // short work needs no line
@@ -219,12 +235,11 @@ private:
 
 } // namespace
 
-std::unique_ptr<MoveReporter> makeMoveTextReporter(const DataMoveOptions& options,
-                                                   Console& console) {
+std::unique_ptr<MoveReporter> makeMoveTextReporter(const MoveOptions& options, Console& console) {
     return std::make_unique<MoveTextReporter>(options, console);
 }
 
-std::unique_ptr<MoveReporter> makeMoveReporter(const DataMoveOptions& options, Console& console) {
+std::unique_ptr<MoveReporter> makeMoveReporter(const MoveOptions& options, Console& console) {
     return options.json ? makeMoveJsonReporter(console) : makeMoveTextReporter(options, console);
 }
 

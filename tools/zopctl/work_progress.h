@@ -8,7 +8,7 @@
 
 namespace zopctl {
 
-enum class Phase { Copy, Verify, Remove, Count };
+enum class Phase { Copy, Verify, Settings, Remove, Count };
 
 // What a phase has to do. An item costs as much as this many bytes beside its data: opening,
 // creating and closing take longer than the data of a small file.
@@ -42,7 +42,7 @@ private:
     static double effort(const PhaseWork& work);
 
     std::array<PhaseWork, static_cast<std::size_t>(Phase::Count)> work_{
-        PhaseWork{0, 0, 0}, PhaseWork{0, 0, 0}, PhaseWork{0, 0, 0}};
+        PhaseWork{0, 0, 0}, PhaseWork{0, 0, 0}, PhaseWork{0, 0, 0}, PhaseWork{0, 0, 0}};
     Phase phase_ = Phase::Copy;
     bool started_ = false;
     std::uint64_t start_ = 0;
