@@ -171,7 +171,7 @@ AutoHandle openNothing() {
 // Serves the pipes until the program has ended.
 void waitForEnd(const Execute& what, HANDLE process, const std::vector<ChildPipe*>& pipes) {
     const ULONGLONG started = ::GetTickCount64();
-    const auto limit = static_cast<ULONGLONG>(std::max<std::int64_t>(what.timeout.count(), 0));
+    const auto limit = static_cast<ULONGLONG>(what.timeout.count());
     for (DWORD reason = WAIT_TIMEOUT; reason != WAIT_OBJECT_0;) {
         std::array<HANDLE, 4> handles{process};
         DWORD count = 1;
@@ -256,6 +256,11 @@ std::wstring Execute::checkedCommandLine() const {
     const auto hasZero = [](const std::wstring& text) {
         return text.find(L'\0') != std::wstring::npos;
     };
+    if (timeout.count() < 0) {
+        throw ArgumentException(formatString(L"Unable to execute (%s): a time-out is not negative",
+                                             nicePath(program_).c_str()),
+                                {L"", "RunTime::Execute::run", __LINE__});
+    }
     if (!isWhole(program_) || (!directory.empty() && !isWhole(directory))) {
         refuse(program_, L": the whole path is needed", ERROR_INVALID_PARAMETER);
     }

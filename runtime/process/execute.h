@@ -46,7 +46,7 @@ public:
     // Output is taken for UTF-8 where it is that, and for the console's code page otherwise.
     // Throws vosexception "Unable to execute (%s)", with the program's path and, for what could be
     // refused beforehand, the reason (code 87; 206 for too many arguments; 1460 for the time-out);
-    // CanceledException.
+    // ArgumentException for a negative time-out; CanceledException.
     Result run() const;
 
     const std::wstring& program() const noexcept { return program_; }

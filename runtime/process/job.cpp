@@ -18,16 +18,22 @@ BOOL setLimits(HANDLE job, DWORD flags) noexcept {
 
 } // namespace
 
-Job::Job()
-    : job_(::CreateJobObjectW(nullptr, nullptr)),
-      port_(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1)) {
+Job::Job() : job_(::CreateJobObjectW(nullptr, nullptr)) {
+    // Each is looked at on the next line: a call that succeeds may change the last error, too.
+    const auto check = [](bool done, int line) {
+        if (!done) {
+            const DWORD code = ::GetLastError();
+            _throwError(L"Unable to create a job", code, {L"", "RunTime::Job::Job", line});
+        }
+    };
+    check(static_cast<bool>(job_), __LINE__);
+    port_.reset(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
+    check(static_cast<bool>(port_), __LINE__);
+    check(setLimits(job_.get(), JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE), __LINE__);
     JOBOBJECT_ASSOCIATE_COMPLETION_PORT association{nullptr, port_.get()};
-    if (!job_ || !port_ || !setLimits(job_.get(), JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE) ||
-        !::SetInformationJobObject(job_.get(), JobObjectAssociateCompletionPortInformation,
-                                   &association, sizeof association)) {
-        const DWORD code = ::GetLastError();
-        _throwError(L"Unable to create a job", code, {L"", "RunTime::Job::Job", __LINE__});
-    }
+    check(::SetInformationJobObject(job_.get(), JobObjectAssociateCompletionPortInformation,
+                                    &association, sizeof association),
+          __LINE__);
 }
 
 Job::~Job() {
