@@ -2,11 +2,11 @@
 
 #include "relocation/directory.h"
 #include "relocation/failure.h"
-#include "relocation/pinned_path.h"
 #include "runtime/accounts/privilege_scope.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/files/pending_operations.h"
+#include "runtime/files/pinned_path.h"
 #include "runtime/format_string.h"
 #include "runtime/native_span.h"
 #include "runtime/thread_cancelation.h"
@@ -18,6 +18,7 @@ using RunTime::Directory;
 using RunTime::FileInformation;
 using RunTime::longPath;
 using RunTime::nicePath;
+using RunTime::PinnedPath;
 
 namespace {
 

@@ -18,7 +18,9 @@
 #include <string>
 #include <vector>
 
+namespace RunTime {
 class PinnedPath;
+}
 
 class backupmove : public backupcopy {
 public:
@@ -88,7 +90,7 @@ private:
     void mergeSetAside();
     void undoMove();
     void replayLog();
-    void removeLogged(const TransactionLog::Record& record, PinnedPath& pinned);
+    void removeLogged(const TransactionLog::Record& record, RunTime::PinnedPath& pinned);
     void restoreExisting();
     void renameBack();
     void removeTree(const std::wstring& path, bool keepTop, RunTime::Directory::Keep keep);

@@ -141,6 +141,15 @@ DWORD writeDescriptor(HANDLE handle, DescriptorBytes& bytes, bool owner, bool au
     return code;
 }
 
+void requireDacl(DescriptorBytes& bytes) noexcept {
+    SECURITY_DESCRIPTOR_RELATIVE header = headerOf(bytes.data());
+    if ((header.Control & SE_DACL_PRESENT) == 0) {
+        header.Control |= SE_DACL_PRESENT;
+        header.Dacl = 0;
+        std::memcpy(bytes.data(), &header, sizeof(header));
+    }
+}
+
 bool sameDescriptor(const DescriptorBytes& present, const DescriptorBytes& wanted, bool owner,
                     bool audit) noexcept {
     if (present.empty() || wanted.empty()) {

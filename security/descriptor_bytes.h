@@ -36,6 +36,10 @@ DescriptorParts partsOf(const DescriptorBytes& bytes) noexcept;
 // for the call and put back. Returns a Win32 code.
 DWORD writeDescriptor(HANDLE handle, DescriptorBytes& bytes, bool owner, bool audit) noexcept;
 
+// Marks a whole descriptor as one that has a DACL: a null list where it has none, which means the
+// same, and is written.
+void requireDacl(DescriptorBytes& bytes) noexcept;
+
 // Whether writeDescriptor() with these parts would change an item that has present into wanted.
 bool sameDescriptor(const DescriptorBytes& present, const DescriptorBytes& wanted, bool owner,
                     bool audit) noexcept;

@@ -433,10 +433,11 @@ std::uint64_t fileIdOf(HANDLE handle) noexcept {
            information.nFileIndexLow;
 }
 
-AutoHandle openPinnedDirectory(const std::wstring& path, int tryCount) {
+AutoHandle openPinnedDirectory(const std::wstring& path, int tryCount, DWORD moreAccess) {
     AutoHandle handle;
     for (Retry retry(tryCount);;) {
-        handle = openExisting(path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+        handle = openExisting(path,
+                              FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE | moreAccess,
                               FILE_SHARE_READ | FILE_SHARE_WRITE);
         if (handle) {
             break;

@@ -103,7 +103,9 @@ std::uint64_t fileIdOf(HANDLE handle) noexcept;
 // Opens a directory for listing and holds it without delete sharing, so that nobody can put a link
 // in its place while paths lead through it. Empty when the directory has gone, or a link or file
 // stands there instead. Tries again while it is in use. "Unable to list directory (%s)".
-AutoHandle openPinnedDirectory(const std::wstring& path, int tryCount = defaultTryCount);
+//   moreAccess  rights that the handle has besides
+AutoHandle openPinnedDirectory(const std::wstring& path, int tryCount = defaultTryCount,
+                               DWORD moreAccess = 0);
 
 // Deletes a file, or a link to a file. A read-only file is deleted too; when that fails in the end
 // its attribute is put back, and hard links elsewhere keep theirs. A missing file is no error.

@@ -437,6 +437,16 @@ std::wstring longNamePath(const std::wstring& path) {
     return result;
 }
 
+std::wstring realPath(const std::wstring& path) {
+    std::wstring result = finalPath(path);
+    if (result.empty()) {
+        const DWORD code = ::GetLastError();
+        throwForPath(L"Unable to find the real path (%s)", path, code, "RunTime::realPath",
+                     __LINE__);
+    }
+    return withoutTrailingBackslash(result);
+}
+
 std::wstring volumeRoot(const std::wstring& path) {
     const std::wstring given = nearestExisting(withoutTrailingBackslash(longPath(path)));
     std::wstring root(std::max<std::size_t>(given.size() + 2, MAX_PATH), L'\0');

@@ -75,6 +75,10 @@ bool isFullyQualified(std::wstring_view path);
 std::wstring shortPath(const std::wstring& path);
 std::wstring longNamePath(const std::wstring& path);
 
+// Where an existing path leads in the end, in long form: links, substituted drives, mounted folders
+// and short names are resolved. "Unable to find the real path (%s)".
+std::wstring realPath(const std::wstring& path);
+
 // The forms in which paths that people and programs have written down are compared.
 namespace File {
 

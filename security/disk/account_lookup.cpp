@@ -28,8 +28,8 @@ RunTime::Sid SystemAccountLookup::lookup(const std::wstring& account, const std:
         auto sidSize = static_cast<DWORD>(sid.size());
         auto foundInSize = static_cast<DWORD>(foundIn.size());
         SID_NAME_USE type = SidTypeUnknown;
-        if (::LookupAccountNameW(nullptr, name.c_str(), sid.data(), &sidSize, foundIn.data(),
-                                 &foundInSize, &type)) {
+        if (::LookupAccountNameW(server_.empty() ? nullptr : server_.c_str(), name.c_str(),
+                                 sid.data(), &sidSize, foundIn.data(), &foundInSize, &type)) {
             // A name may also be that of a domain, of which nobody is a member.
             if (type == SidTypeDomain || type == SidTypeInvalid || type == SidTypeUnknown) {
                 fail(name, ERROR_NONE_MAPPED, __LINE__);

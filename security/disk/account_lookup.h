@@ -4,6 +4,7 @@
 #include "security/sid.h"
 
 #include <string>
+#include <utility>
 
 namespace DiskSecurity {
 
@@ -18,7 +19,12 @@ public:
 // those that it trusts. "Unable to look up the account (%s)".
 class SystemAccountLookup : public AccountLookup {
 public:
+    // server  whose accounts are found first, such as a domain's controller; empty for this machine
+    explicit SystemAccountLookup(std::wstring server = {}) : server_(std::move(server)) {}
     RunTime::Sid lookup(const std::wstring& account, const std::wstring& domain) override;
+
+private:
+    std::wstring server_;
 };
 
 } // namespace DiskSecurity

@@ -1,12 +1,13 @@
 #include "security/disk/config_importer.h"
 
 #include "security/disk/entry_importer.h"
+#include "security/disk/path_variables.h"
 
 namespace DiskSecurity {
 
-ConfigImporter::ConfigImporter(std::shared_ptr<AccountLookup> lookup)
+ConfigImporter::ConfigImporter(std::shared_ptr<AccountLookup> lookup, PathVet vetPaths)
     : lookup_(lookup != nullptr ? std::move(lookup) : std::make_shared<SystemAccountLookup>()),
-      reader_(*this) {}
+      vetPaths_(vetPaths != nullptr ? vetPaths : &DiskSecurity::vetPaths), reader_(*this) {}
 
 ConfigImporter::~ConfigImporter() = default;
 

@@ -47,8 +47,13 @@ struct PolicyProblem {
 
 class ConfigImporter : private ElementHandler {
 public:
-    // Without a lookup of its own it asks the system.
-    explicit ConfigImporter(std::shared_ptr<AccountLookup> lookup = nullptr);
+    // Throws vexception for paths that an entry must not have.
+    using PathVet = void (*)(const std::wstring& path, const std::wstring& subPath);
+
+    // Without a lookup of its own it asks the system; without rules of its own for paths it has
+    // those of policies (path_variables.h).
+    explicit ConfigImporter(std::shared_ptr<AccountLookup> lookup = nullptr,
+                            PathVet vetPaths = nullptr);
     ~ConfigImporter() override;
     ConfigImporter(const ConfigImporter&) = delete;
     ConfigImporter& operator=(const ConfigImporter&) = delete;
@@ -79,6 +84,7 @@ private:
     const RunTime::Sid& sidOf(const std::wstring& account, const std::wstring& domain);
 
     std::shared_ptr<AccountLookup> lookup_;
+    PathVet vetPaths_;
     std::map<std::pair<std::wstring, std::wstring>, Found> accounts_; // by name and domain
     std::map<std::wstring, RunTime::Sid> wellKnown_;
     SaxReader reader_;

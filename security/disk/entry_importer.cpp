@@ -1,7 +1,6 @@
 #include "security/disk/entry_importer.h"
 
 #include "runtime/format_string.h"
-#include "security/disk/path_variables.h"
 #include "security/disk/policy_names.h"
 
 #include <algorithm>
@@ -138,7 +137,7 @@ RunTime::Sid ConfigImporter::EntryImporter::namedSid(const std::wstring& name,
 void ConfigImporter::EntryImporter::loadPaths() {
     entry_.path = required(Path);
     entry_.subPath = text(SubPath);
-    vetPaths(entry_.path, entry_.subPath);
+    importer_.vetPaths_(entry_.path, entry_.subPath);
 }
 
 void ConfigImporter::EntryImporter::loadAccessMask() {

@@ -179,6 +179,10 @@ void vetPaths(const std::wstring& path, const std::wstring& subPath) {
     takeApart(path, subPath);
 }
 
+void vetNames(const std::wstring& path) {
+    vetComponents(withBackslashes(path), path);
+}
+
 std::wstring PathVariables::resolve(const std::wstring& path, const std::wstring& subPath) {
     Parts parts = takeApart(path, subPath);
     std::wstring whole = parts.variable.empty() ? std::wstring() : value(parts.variable);

@@ -23,6 +23,9 @@ std::vector<std::wstring> pathVariableNames();
 // that are not absolute, a sub-path that leads elsewhere.
 void vetPaths(const std::wstring& path, const std::wstring& subPath);
 
+// The same checks for the names of a path below something. Throws vexception.
+void vetNames(const std::wstring& path);
+
 // The values on this machine, each read when it is first asked for. One thread at a time.
 class PathVariables {
 public:

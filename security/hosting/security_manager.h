@@ -9,32 +9,16 @@
 // the template are written. One thread at a time; callbacks run on the calling thread.
 #pragma once
 
-#include "runtime/exception.h"
+#include "security/disk/policy_entry.h"
+#include "security/hosting/commit_callback.h"
+#include "security/hosting/hosting_root.h"
+#include "security/hosting/hosting_template.h"
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace HostingSecurity {
-
-// The root is not where a hosting can be: not below the directory of virtual hosts.
-class RootCorrelationException : public vexception {
-    using vexception::vexception;
-};
-
-// Which template applies.
-enum class HostingKind {
-    Forwarding, // a domain without an account of its own
-    Domain,
-    Webuser,
-};
-
-// The accounts that a template names by placeholder. Where one is empty, the entries for it are
-// left out.
-struct HostingAccounts {
-    std::wstring user;
-    std::wstring parent;   // the domain's user, for a web user
-    std::wstring poolUser; // of the domain's IIS application pool
-};
 
 enum class CommitMode {
     Repair = 0, // every item below the root
@@ -42,23 +26,11 @@ enum class CommitMode {
     Report = 2, // every item; nothing is written
 };
 
-// What a commit finds. The default handlers do nothing.
-class ICommitCallback {
-public:
-    virtual ~ICommitCallback() = default;
-    // An item is looked at. Paths in nice form.
-    virtual void onItem(const std::wstring& path);
-    // An item's permissions are not those of the template; text says in words what was expected and
-    // what was found.
-    virtual void onSecurityException(const std::wstring& path, const std::wstring& text);
-    // An item could not be read or repaired; the commit passes over it.
-    virtual void onError(const std::wstring& path, const vexception& error);
-};
-
 class SecurityManager {
 public:
-    // root  of the hosting, in either form. Logs "Root path is %s". Throws
-    // RootCorrelationException; vexception when the directory of virtual hosts is not configured.
+    // root  of the hosting, in either form; it exists. Logs "Root path is %s". Throws
+    // RootCorrelationException; vexception when the root does not exist, or the directory of
+    // virtual hosts is not configured.
     explicit SecurityManager(const std::wstring& root);
     ~SecurityManager();
     SecurityManager(const SecurityManager&) = delete;
@@ -67,19 +39,38 @@ public:
     // What the next commits apply; HostingKind::Forwarding without accounts at first.
     void setHosting(HostingKind kind, HostingAccounts accounts);
 
+    // The template of this file, in place of the installed one, until the next setHosting(). Throws
+    // as HostingTemplate::fromFile.
+    void loadFromFile(const std::wstring& path);
+    // The template in force, with its placeholders, as a new file. Throws as HostingTemplate::save.
+    void saveToFile(const std::wstring& path) const;
+    // The entries of the template in force, with the accounts of the hosting found; see
+    // HostingTemplate::expand.
+    std::vector<DiskSecurity::PolicyEntry> _expandTemplate() const;
+
     // descend    into what exists below the items that the template names; false looks at these
     //            alone, as mode Fast does
     // reportAll  calls onItem for every item, not only for those that differ
     // Throws CanceledException; vexception when the template cannot be applied at all (an account
-    // that does not exist, a root that cannot be opened). Single items go to onError.
+    // that does not exist, a root that cannot be opened, no place for the undo file). Single items
+    // go to onError.
     void commit(ICommitCallback& callback, CommitMode mode, bool descend, bool reportAll);
+
+    // The list of access that the template wants for an existing item, in SDDL ("D:P(A;...)");
+    // empty for one that it leaves to another hosting. Throws RootCorrelationException for a path
+    // that is neither the root nor below it.
+    std::wstring getSecurityInformation(const std::wstring& path);
+
+    // An existing item's path from the root on: "logs\a.log"; empty for the root itself. Throws
+    // RootCorrelationException as above.
+    std::wstring getRootRelativePath(const std::wstring& path) const;
 
     // The domain that the root belongs to: the name of the directory directly below that of the
     // virtual hosts.
     std::wstring getDomainName() const;
 
-    // The file in which the last repair kept the descriptors that it replaced, in nice form; empty
-    // when it replaced none.
+    // The file in which the last commit kept the descriptors that it replaced, in nice form, for
+    // undo() (security/hosting/undo.h); empty when it replaced none.
     const std::wstring& getUndoFile() const noexcept;
 
 private:

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+namespace RunTime {
+
 class PinnedPath {
 public:
     // root, in long form; it is not looked at before hold().
@@ -22,7 +24,7 @@ public:
 private:
     struct Pin {
         std::size_t length; // of path_, for this directory
-        RunTime::AutoHandle handle;
+        AutoHandle handle;
     };
     bool pin(std::size_t length);
 
@@ -30,3 +32,5 @@ private:
     std::wstring path_; // of the lowest directory held
     std::vector<Pin> pins_;
 };
+
+} // namespace RunTime

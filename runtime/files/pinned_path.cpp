@@ -1,8 +1,10 @@
-#include "relocation/pinned_path.h"
+#include "runtime/files/pinned_path.h"
 
 #include "runtime/files/file.h"
 
 #include <utility>
+
+namespace RunTime {
 
 PinnedPath::PinnedPath(std::wstring root) : root_(std::move(root)) {}
 
@@ -38,25 +40,27 @@ void PinnedPath::release(const std::wstring& directory) {
 
 bool PinnedPath::pin(std::size_t length) {
     const std::wstring path = path_.substr(0, length);
-    RunTime::AutoHandle handle = RunTime::openExisting(
-        path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE);
+    AutoHandle handle = openExisting(path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (!handle) {
         const DWORD code = ::GetLastError();
         if (code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND) {
             return false;
         }
-        RunTime::throwForPath(L"Unable to open directory (%s)", path, code, "PinnedPath::pin",
-                              __LINE__);
+        throwForPath(L"Unable to open directory (%s)", path, code, "RunTime::PinnedPath::pin",
+                     __LINE__);
     }
-    RunTime::FileInformation now;
-    if (const DWORD code = RunTime::readKind(handle.get(), now)) {
-        RunTime::throwForPath(L"Unable to get attributes (%s)", path, code, "PinnedPath::pin",
-                              __LINE__);
+    FileInformation now;
+    if (const DWORD code = readKind(handle.get(), now)) {
+        throwForPath(L"Unable to get attributes (%s)", path, code, "RunTime::PinnedPath::pin",
+                     __LINE__);
     }
     if (now.isLink() || !now.isDirectory()) {
-        RunTime::throwForPath(L"Unable to open directory (%s), which is a link or a file now", path,
-                              ERROR_DIRECTORY, "PinnedPath::pin", __LINE__);
+        throwForPath(L"Unable to open directory (%s), which is a link or a file now", path,
+                     ERROR_DIRECTORY, "RunTime::PinnedPath::pin", __LINE__);
     }
     pins_.push_back({length, std::move(handle)});
     return true;
 }
+
+} // namespace RunTime

@@ -1,0 +1,347 @@
+#include "security/hosting/undo_log.h"
+
+#include "runtime/files/file.h"
+#include "runtime/files/path.h"
+#include "runtime/format_string.h"
+#include "runtime/registry/config_values.h"
+#include "security/acl.h"
+#include "security/disk/path_variables.h"
+#include "security/sddl.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace HostingSecurity {
+
+namespace {
+
+constexpr DWORD kindHead = 0x4F44'4E55; // "UNDO"
+constexpr DWORD kindItem = 0x4D45'5449; // "ITEM"
+constexpr DWORD kindEnd = 0x2144'4E45;  // "END!"
+constexpr DWORD version = 1;
+
+constexpr std::size_t before = 2 * sizeof(DWORD);                    // of a record, its content
+constexpr std::size_t after = sizeof(std::uint64_t) + sizeof(DWORD); // and behind it
+constexpr std::size_t maxPathBytes = 32'767 * sizeof(wchar_t);
+constexpr std::size_t maxDescriptor = 4 * 65'536;
+constexpr std::size_t maxRecord = before + after + 64 + maxPathBytes + maxDescriptor;
+
+// System and Administrators, and what is made in a directory likewise.
+constexpr wchar_t fileSddl[] = L"D:P(A;;FA;;;SY)(A;;FA;;;BA)";
+constexpr wchar_t directorySddl[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+
+std::uint64_t checksumOf(std::uint64_t seed, std::span<const unsigned char> bytes) {
+    std::uint64_t sum = seed ^ 0xCBF2'9CE4'8422'2325;
+    for (const unsigned char byte : bytes) {
+        sum = (sum ^ byte) * 0x0000'0100'0000'01B3;
+    }
+    return sum;
+}
+
+template <class Number>
+void put(std::vector<unsigned char>& to, Number number) {
+    const std::size_t at = to.size();
+    to.resize(at + sizeof(number));
+    std::memcpy(&to[at], &number, sizeof(number));
+}
+
+void putText(std::vector<unsigned char>& to, const std::wstring& text) {
+    put(to, static_cast<DWORD>(text.size() * sizeof(wchar_t)));
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    to.insert(to.end(), bytes, bytes + text.size() * sizeof(wchar_t));
+}
+
+[[noreturn]] void refuse(const wchar_t* why, int line) {
+    throw UndoFileException(why, {L"", "HostingSecurity::UndoReader", line});
+}
+
+constexpr wchar_t damaged[] = L"The undo file is damaged, or no undo file";
+
+// Takes content apart; what does not fit is damage.
+class Content {
+public:
+    explicit Content(std::span<const unsigned char> bytes) : bytes_(bytes) {}
+
+    template <class Number>
+    Number number() {
+        Number value;
+        const auto bytes = take(sizeof(value));
+        std::memcpy(&value, bytes.data(), sizeof(value));
+        return value;
+    }
+    std::span<const unsigned char> block(std::size_t limit) {
+        const auto size = number<DWORD>();
+        if (size > limit) {
+            refuse(damaged, __LINE__);
+        }
+        return take(size);
+    }
+    std::wstring text() {
+        const auto bytes = block(maxPathBytes);
+        std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
+        std::memcpy(text.data(), bytes.data(), text.size() * sizeof(wchar_t));
+        if (bytes.size() % sizeof(wchar_t) != 0 || text.find(L'\0') != text.npos) {
+            refuse(damaged, __LINE__);
+        }
+        return text;
+    }
+    void end() const {
+        if (!bytes_.empty()) {
+            refuse(damaged, __LINE__);
+        }
+    }
+
+private:
+    std::span<const unsigned char> take(std::size_t count) {
+        if (count > bytes_.size()) {
+            refuse(damaged, __LINE__);
+        }
+        const auto taken = bytes_.first(count);
+        bytes_ = bytes_.subspan(count);
+        return taken;
+    }
+
+    std::span<const unsigned char> bytes_;
+};
+
+UndoHead headOf(std::span<const unsigned char> bytes) {
+    Content content(bytes);
+    if (content.number<DWORD>() != version) {
+        refuse(L"The undo file was written by another version", __LINE__);
+    }
+    UndoHead head;
+    head.identity.volume = content.number<DWORD>();
+    head.identity.file = content.number<std::uint64_t>();
+    head.root = content.text();
+    content.end();
+    if (!head.root.starts_with(RunTime::longPrefix) || RunTime::isRoot(head.root)) {
+        refuse(damaged, __LINE__);
+    }
+    return head;
+}
+
+UndoItem itemOf(std::span<const unsigned char> bytes, const std::wstring& root) {
+    Content content(bytes);
+    UndoItem item;
+    item.identity.volume = content.number<DWORD>();
+    item.identity.file = content.number<std::uint64_t>();
+    item.path = content.text();
+    const auto descriptor = content.block(maxDescriptor);
+    item.descriptor.assign(descriptor.begin(), descriptor.end());
+    content.end();
+    // No stream, and no way out of the root.
+    if (!item.path.empty() &&
+        (item.path.find_first_of(L":/") != item.path.npos ||
+         !RunTime::isStrictlyInside(RunTime::combine(root, item.path), root))) {
+        refuse(damaged, __LINE__);
+    }
+    if (!RunTime::isWholeDescriptor(item.descriptor.data(), item.descriptor.size())) {
+        refuse(damaged, __LINE__);
+    }
+    const auto dacl = RunTime::partsOf(item.descriptor).dacl;
+    if (dacl.data() != nullptr && RunTime::aclLength(dacl) == 0) {
+        refuse(damaged, __LINE__);
+    }
+    return item;
+}
+
+std::wstring undoDirectory() {
+    std::wstring directory =
+        RunTime::longPath(DiskSecurity::PathVariables().value(config::name::productData));
+    directory = RunTime::combine(directory, L"logs");
+    RunTime::createDirectory(directory);
+    directory = RunTime::combine(directory, L"hosting-security");
+    const auto descriptor = RunTime::descriptorFromSddl(directorySddl);
+    SECURITY_ATTRIBUTES security = {sizeof(security), descriptor.get(), FALSE};
+    RunTime::createDirectory(directory, &security);
+    return directory;
+}
+
+// "d1.example-20261121-185144-": the time is UTC.
+std::wstring stemOf(const std::wstring& domain) {
+    SYSTEMTIME now;
+    ::GetSystemTime(&now);
+    return domain + formatString(L"-%04d%02d%02d-%02d%02d%02d-", now.wYear, now.wMonth, now.wDay,
+                                 now.wHour, now.wMinute, now.wSecond);
+}
+
+} // namespace
+
+UndoLog::UndoLog(const UndoHead& head, const std::wstring& domain) {
+    const std::wstring directory = undoDirectory();
+    const auto descriptor = RunTime::descriptorFromSddl(fileSddl);
+    SECURITY_ATTRIBUTES security = {sizeof(security), descriptor.get(), FALSE};
+    for (int left = RunTime::defaultTryCount; !file_; --left) {
+        path_ = RunTime::temporaryName(directory, stemOf(domain)) + L".undo";
+        file_.reset(::CreateFileW(path_.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &security,
+                                  CREATE_NEW, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+        const DWORD code = ::GetLastError();
+        if (!file_ && (code != ERROR_FILE_EXISTS || left <= 1)) {
+            RunTime::throwForPath(L"Unable to create file (%s)", path_, code,
+                                  "HostingSecurity::UndoLog::UndoLog", __LINE__);
+        }
+    }
+    std::vector<unsigned char> content;
+    put(content, version);
+    put(content, head.identity.volume);
+    put(content, head.identity.file);
+    putText(content, head.root);
+    append(kindHead, content);
+}
+
+UndoLog::~UndoLog() {
+    try {
+        if (!broken_) {
+            std::vector<unsigned char> content;
+            put(content, count_);
+            append(kindEnd, content);
+            sync();
+        }
+    } catch (const vexception&) { // the file is one without its end, and undo() says so
+        broken_ = true;
+    } catch (const std::bad_alloc&) {
+        broken_ = true;
+    }
+}
+
+void UndoLog::add(const UndoItem& item) {
+    std::vector<unsigned char> content;
+    put(content, item.identity.volume);
+    put(content, item.identity.file);
+    putText(content, item.path);
+    put(content, static_cast<DWORD>(item.descriptor.size()));
+    content.insert(content.end(), item.descriptor.begin(), item.descriptor.end());
+    append(kindItem, content);
+    ++count_;
+}
+
+void UndoLog::append(DWORD kind, const std::vector<unsigned char>& content) {
+    const std::size_t begin = waiting_.size();
+    const auto size = static_cast<DWORD>(before + content.size() + after);
+    put(waiting_, size);
+    put(waiting_, kind);
+    waiting_.insert(waiting_.end(), content.begin(), content.end());
+    checksum_ = checksumOf(checksum_, std::span(waiting_).subspan(begin));
+    put(waiting_, checksum_);
+    put(waiting_, size);
+}
+
+void UndoLog::sync() {
+    constexpr const char* function = "HostingSecurity::UndoLog::sync";
+    DWORD written = 0;
+    broken_ = true;
+    if (!::WriteFile(file_.get(), waiting_.data(), static_cast<DWORD>(waiting_.size()), &written,
+                     nullptr)) {
+        const DWORD code = ::GetLastError();
+        RunTime::throwForPath(L"Unable to write file (%s)", path_, code, function, __LINE__);
+    }
+    if (written != waiting_.size()) {
+        RunTime::throwForPath(L"Unable to write file (%s)", path_, ERROR_DISK_FULL, function,
+                              __LINE__);
+    }
+    waiting_.clear();
+    if (!::FlushFileBuffers(file_.get())) {
+        const DWORD code = ::GetLastError();
+        RunTime::throwForPath(L"Unable to write file (%s)", path_, code, function, __LINE__);
+    }
+    broken_ = false;
+}
+
+UndoReader::UndoReader(IUndoBytes& bytes, bool unfinished) : bytes_(bytes) {
+    const std::uint64_t size = bytes_.size();
+    std::uint64_t checksum = 0;
+    std::uint64_t items = 0;
+    bool ended = false;
+    for (std::uint64_t offset = 0; offset < size && !ended;) {
+        Record record;
+        if (!readRecord(offset, record)) {
+            // A record that was cut off was not acted on.
+            if (firstItem_ == 0 || !unfinished) {
+                refuse(firstItem_ == 0 ? damaged : L"The undo file is truncated", __LINE__);
+            }
+            break;
+        }
+        checksum = checksumOf(checksum, std::span(buffer_).first(before + record.content.size()));
+        if (checksum != record.checksum || (record.kind == kindHead) != (offset == 0)) {
+            refuse(damaged, __LINE__);
+        }
+        offset += record.size;
+        switch (record.kind) {
+        case kindHead:
+            head_ = headOf(record.content);
+            firstItem_ = offset;
+            at_ = offset;
+            break;
+        case kindItem:
+            itemOf(record.content, head_.root);
+            ++items;
+            at_ = offset;
+            break;
+        case kindEnd: {
+            Content content(record.content);
+            ended = content.number<std::uint64_t>() == items && offset == size;
+            content.end();
+            if (!ended) {
+                refuse(damaged, __LINE__);
+            }
+            break;
+        }
+        default:
+            refuse(damaged, __LINE__);
+        }
+    }
+    if (firstItem_ == 0) {
+        refuse(damaged, __LINE__);
+    }
+    if (!ended && !unfinished) {
+        refuse(L"The undo file has no end: the repair that wrote it was cut off", __LINE__);
+    }
+}
+
+// False when the file ends before the record does.
+bool UndoReader::readRecord(std::uint64_t offset, Record& record) {
+    const std::uint64_t left = bytes_.size() - offset;
+    if (left < before) {
+        return false;
+    }
+    buffer_.resize(before);
+    bytes_.read(offset, buffer_);
+    std::memcpy(&record.size, buffer_.data(), sizeof(record.size));
+    std::memcpy(&record.kind, buffer_.data() + sizeof(record.size), sizeof(record.kind));
+    if (record.size < before + after || record.size > maxRecord) {
+        refuse(damaged, __LINE__);
+    }
+    if (left < record.size) {
+        return false;
+    }
+    buffer_.resize(record.size);
+    bytes_.read(offset + before, std::span(buffer_).subspan(before));
+    const std::size_t contentSize = record.size - before - after;
+    record.content = std::span(buffer_).subspan(before, contentSize);
+    std::memcpy(&record.checksum, buffer_.data() + before + contentSize, sizeof(record.checksum));
+    DWORD again = 0;
+    std::memcpy(&again, buffer_.data() + record.size - sizeof(again), sizeof(again));
+    if (again != record.size) {
+        refuse(damaged, __LINE__);
+    }
+    return true;
+}
+
+bool UndoReader::previous(UndoItem& item) {
+    if (at_ <= firstItem_) {
+        return false;
+    }
+    unsigned char bytes[sizeof(DWORD)];
+    bytes_.read(at_ - sizeof(bytes), bytes);
+    DWORD size = 0;
+    std::memcpy(&size, bytes, sizeof(size));
+    Record record;
+    if (size > at_ - firstItem_ || !readRecord(at_ - size, record) || record.size != size) {
+        refuse(damaged, __LINE__);
+    }
+    item = itemOf(record.content, head_.root);
+    at_ -= size;
+    return true;
+}
+
+} // namespace HostingSecurity
