@@ -1,11 +1,11 @@
 #include "relocation/vhosts/link_relink.h"
 
 #include "relocation/failure.h"
-#include "relocation/pinned_path.h"
 #include "runtime/accounts/privilege_scope.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/files/path.h"
+#include "runtime/files/pinned_path.h"
 #include "runtime/native_span.h"
 #include "runtime/thread_cancelation.h"
 
@@ -101,7 +101,7 @@ void LinkRelink::change(const std::wstring& newRoot) {
         {SE_BACKUP_NAME, SE_RESTORE_NAME, SE_CREATE_SYMBOLIC_LINK_NAME});
     bool cancel = false;
     progressEvent_Total.raise(static_cast<std::int32_t>(links_.size()), cancel);
-    PinnedPath pinned(newRoot_);
+    RunTime::PinnedPath pinned(newRoot_);
     for (const Link& link : links_) {
         ThreadCancelation::check();
         if (!cancel) {
@@ -126,7 +126,7 @@ void LinkRelink::rollback() {
     const NativeSpan span("LinkRelink::rollback", __LINE__);
     const RunTime::PrivilegeScope privileges(
         {SE_BACKUP_NAME, SE_RESTORE_NAME, SE_CREATE_SYMBOLIC_LINK_NAME});
-    PinnedPath pinned(newRoot_);
+    RunTime::PinnedPath pinned(newRoot_);
     changed_ = 0;
     for (; !done_.empty(); done_.pop_back()) {
         const Done& done = done_.back();
@@ -160,7 +160,7 @@ std::size_t LinkRelink::lengthInOldRoot(const std::wstring& path) const {
     return 0;
 }
 
-void LinkRelink::changeOne(const Link& link, PinnedPath& pinned) {
+void LinkRelink::changeOne(const Link& link, RunTime::PinnedPath& pinned) {
     const std::wstring path = newRoot_ + link.path;
     if (!pinned.hold(RunTime::parentPath(path))) {
         RunTime::throwForPath(L"Unable to find the link (%s)", path, ERROR_PATH_NOT_FOUND,

@@ -23,7 +23,9 @@
 #include <vector>
 #include <windows.h>
 
+namespace RunTime {
 class PinnedPath;
+}
 
 class LinkRelink {
 public:
@@ -71,7 +73,7 @@ private:
     };
 
     std::size_t lengthInOldRoot(const std::wstring& path) const;
-    void changeOne(const Link& link, PinnedPath& pinned);
+    void changeOne(const Link& link, RunTime::PinnedPath& pinned);
 
     std::vector<std::wstring> oldForms_; // nice, without backslash at the end
     std::size_t topLength_;              // of the old root in long form
