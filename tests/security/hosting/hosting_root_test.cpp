@@ -1,6 +1,5 @@
-#include "security/hosting/host_root.h"
+#include "security/hosting/hosting_root.h"
 
-#include "security/hosting/security_manager.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/ntfs_fake.h"
 #include "tests/support/recycle_bin.h"
@@ -11,9 +10,9 @@ namespace HostingSecurity {
 
 namespace {
 
-class HostRootTest : public ::testing::Test {
+class HostingRootTest : public ::testing::Test {
 protected:
-    HostRootTest() {
+    HostingRootTest() {
         temp.makeDirectory(L"vhosts\\d1\\web users");
         temp.makeDirectory(L"vhosts2\\d1");
         RegistryOverride::setString(L"HTTPD_VHOSTS_D", temp.nice() + L"/vhosts\\");
@@ -29,7 +28,7 @@ protected:
 
 } // namespace
 
-TEST_F(HostRootTest, NothingIsTouchedThatIsNotBelowTheVirtualHosts) {
+TEST_F(HostingRootTest, NothingIsTouchedThatIsNotBelowTheVirtualHosts) {
     temp.writeFile(L"vhosts2\\file");
     temp.writeFile(L"vhosts\\d1\\file");
     const std::vector<std::wstring> before = temp.list();
@@ -38,8 +37,7 @@ TEST_F(HostRootTest, NothingIsTouchedThatIsNotBelowTheVirtualHosts) {
           L"vhosts2\\new", L"vhosts\\..\\vhosts2\\file", L"vhosts\\d1\\file:stream", L"", L"..\\..",
           L"vhosts\\d1\\..\\..\\vhosts2\\file"}) {
         EXPECT_THROW(checkHostRoot(nice(outside)), RootCorrelationException) << toUtf8(outside);
-        EXPECT_THROW(checkHostRoot(L"\\\\?\\" + nice(outside)), RootCorrelationException)
-            << toUtf8(outside);
+        EXPECT_THROW(checkHostRoot(L"\\\\?\\" + nice(outside)), vexception) << toUtf8(outside);
     }
     EXPECT_EQ(temp.list(), before);
     RegistryOverride::remove(L"HTTPD_VHOSTS_D");
@@ -48,7 +46,7 @@ TEST_F(HostRootTest, NothingIsTouchedThatIsNotBelowTheVirtualHosts) {
     EXPECT_TRUE(bin.taken().empty());
 }
 
-TEST_F(HostRootTest, ARootIsMadeAndAFileInItsPlaceRemoved) {
+TEST_F(HostingRootTest, ARootIsMadeAndAFileInItsPlaceRemoved) {
     for (const wchar_t* root : {L"vhosts\\new", L"vhosts\\d1\\web users\\w1", L"vhosts\\D1"}) {
         checkHostRoot(nice(root));
         EXPECT_TRUE(temp.has(root)) << toUtf8(root);
@@ -74,7 +72,7 @@ TEST_F(HostRootTest, ARootIsMadeAndAFileInItsPlaceRemoved) {
     }
 }
 
-TEST_F(HostRootTest, LinksAreNeverFollowed) {
+TEST_F(HostingRootTest, LinksAreNeverFollowed) {
     temp.writeFile(L"vhosts2\\secret", "secret");
     const auto link = [this](const wchar_t* at, const wchar_t* to, DWORD tag, bool directory) {
         ntfs.makeLink(nice(at), nice(to), tag, directory);
@@ -88,21 +86,32 @@ TEST_F(HostRootTest, LinksAreNeverFollowed) {
     EXPECT_EQ(temp.list(L"vhosts\\file"), std::vector<std::wstring>());
     EXPECT_TRUE(bin.taken().empty()) << "the shell was given a link";
     for (const wchar_t* root : {L"vhosts\\junction", L"vhosts\\symlink"}) {
-        expectError<vexception>(L"The hosting root (" + nice(root) +
-                                    L") is a link to a directory. Give that directory, or remove "
-                                    L"the link",
+        expectError<vexception>(L"The root (" + nice(root) +
+                                    L") is a link to a directory: remove the link, or give that "
+                                    L"directory",
                                 [&] { checkHostRoot(nice(root)); });
         EXPECT_TRUE(temp.has(root));
     }
     for (const wchar_t* root : {L"vhosts\\junction\\secret", L"vhosts\\junction\\d1\\new"}) {
-        expectError<RootCorrelationException>(
-            L"The way to the hosting root leads through a link or a file (" +
-                nice(L"vhosts\\junction") + L")",
-            [&] { checkHostRoot(nice(root)); });
+        EXPECT_THROW(checkHostRoot(nice(root)), RootCorrelationException) << toUtf8(root);
     }
+    // To another's hosting: a web user named as a directory there would be given its content.
+    temp.makeDirectory(L"vhosts\\d2\\wwwroot");
+    link(L"vhosts\\d1\\webusers", L"vhosts\\d2", IO_REPARSE_TAG_MOUNT_POINT, true);
+    for (const auto& look : {+[](const std::wstring& at) { checkHostRoot(at); },
+                             +[](const std::wstring& at) { HostingRoot::find(at); }}) {
+        EXPECT_THROW(look(nice(L"vhosts\\d1\\webusers\\wwwroot")), RootCorrelationException);
+    }
+    // What leads to the virtual hosts is the administrator's, links and all.
+    link(L"alias", L"vhosts", IO_REPARSE_TAG_MOUNT_POINT, true);
+    EXPECT_EQ(HostingRoot::find(nice(L"alias\\d2\\wwwroot")).domainName(), L"d2");
+    EXPECT_EQ(HostingRoot::findPlace(nice(L"alias\\d3")).domainName(), L"d3");
+    RegistryOverride::setString(L"HTTPD_VHOSTS_D", nice(L"alias"));
+    EXPECT_EQ(HostingRoot::find(nice(L"vhosts\\d2")).path, temp / L"vhosts\\d2");
+
     EXPECT_EQ(temp.list(L"vhosts2"), outside);
     EXPECT_EQ(temp.readFile(L"vhosts2\\secret"), "secret");
-    EXPECT_THROW(checkHostRoot(nice(L"vhosts\\none\\w1")), VPathNotFoundException);
+    EXPECT_THROW(checkHostRoot(nice(L"vhosts\\none\\w1")), vosexception);
 
     // The owner of the domain puts a link above the root once it has been looked at.
     temp.writeFile(L"vhosts\\d1\\web users\\w1");
