@@ -116,6 +116,19 @@ std::wstring AccountCheck::getAppPoolUser(const std::wstring& domain) {
     return database().getAppPoolUser(domain);
 }
 
+std::wstring AccountCheck::findPoolUser(const std::wstring& domain) {
+    std::wstring poolUser;
+    try {
+        poolUser = getAppPoolUser(domain);
+    } catch (const VDatabase::StatementException&) {
+        throw;
+    } catch (const VDatabase::ConnectException&) {
+        throw;
+    } catch (const vexception&) { // the domain has no pool
+    }
+    return poolUser.empty() || !information_->userExists(poolUser) ? std::wstring() : poolUser;
+}
+
 // What every account of a hosting gets, new or old.
 void AccountCheck::finishAccount(const std::wstring& user, bool isThere) {
     complete_ = complete_ && isThere;

@@ -47,6 +47,8 @@ public:
 
     // The application pool's account, by the database.
     std::wstring getAppPoolUser(const std::wstring& domain);
+    // The same where the database knows it and the account is there; empty otherwise.
+    std::wstring findPoolUser(const std::wstring& domain);
 
     // Whether every account looked for was there or has been made.
     bool isComplete() const noexcept { return complete_; }

@@ -47,6 +47,7 @@ struct SecurityManager::State {
     HostingAccounts accounts;
     std::optional<HostingTemplate> loaded; // in place of the installed one
     std::wstring undoFile;
+    std::uint64_t replaced = 0;
 
     // For getSecurityInformation(), while the template stays the same.
     struct Asked {
@@ -96,19 +97,24 @@ void SecurityManager::commit(ICommitCallback& callback, CommitMode mode, bool de
     log(LogType::Information, L"Commiting file system security changes for root path %s",
         state_->root.path);
     state_->undoFile.clear();
+    state_->replaced = 0;
     const TemplateTree tree(_expandTemplate());
     const FilePrivileges privileges;
     const SecurityWalk::Options options = {.repair = mode != CommitMode::Report,
                                            .everything = descend && mode != CommitMode::Fast,
                                            .reportAll = reportAll};
     SecurityWalk walk(state_->root, tree, callback, options);
+    const auto keep = [&] {
+        state_->undoFile = RunTime::nicePath(walk.undoFile());
+        state_->replaced = walk.replaced();
+    };
     try {
         walk.run();
     } catch (...) {
-        state_->undoFile = RunTime::nicePath(walk.undoFile());
+        keep();
         throw;
     }
-    state_->undoFile = RunTime::nicePath(walk.undoFile());
+    keep();
     if (walk.failures() != 0) {
         LogManager::getInstance().vAddLog(
             LogType::Warning, formatString(L"%llu items below %s were passed over",
@@ -160,6 +166,10 @@ std::wstring SecurityManager::getDomainName() const {
 
 const std::wstring& SecurityManager::getUndoFile() const noexcept {
     return state_->undoFile;
+}
+
+std::uint64_t SecurityManager::getReplacedCount() const noexcept {
+    return state_->replaced;
 }
 
 } // namespace HostingSecurity

@@ -14,6 +14,7 @@
 #include "security/hosting/hosting_root.h"
 #include "security/hosting/hosting_template.h"
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -72,6 +73,8 @@ public:
     // The file in which the last commit kept the descriptors that it replaced, in nice form, for
     // undo() (security/hosting/undo.h); empty when it replaced none.
     const std::wstring& getUndoFile() const noexcept;
+    // How many items the last commit gave other permissions, also when it ended by a failure.
+    std::uint64_t getReplacedCount() const noexcept;
 
 private:
     struct State;

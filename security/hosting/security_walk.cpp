@@ -282,6 +282,8 @@ void SecurityWalk::applyPending() {
                                          : RunTime::combine(root_.path, pending.before.path));
             reportCode(L"Unable to change the permissions of (%s)", code, __LINE__);
             path_ = here;
+        } else {
+            ++replaced_;
         }
     }
 }

@@ -49,6 +49,7 @@ public:
     void run();
 
     std::uint64_t failures() const noexcept { return failures_; } // items passed over
+    std::uint64_t replaced() const noexcept { return replaced_; } // lists of access
     // In long form; empty when nothing was replaced.
     const std::wstring& undoFile() const noexcept { return undoFile_; }
 
@@ -100,6 +101,7 @@ private:
     std::unique_ptr<UndoLog> undo_;
     std::wstring undoFile_;
     std::uint64_t failures_ = 0;
+    std::uint64_t replaced_ = 0;
 };
 
 } // namespace HostingSecurity
