@@ -4,6 +4,7 @@
 #include "tests/support/import_patch.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/tree_image.h"
+#include "tests/tools/pressing_clock.h"
 #include "tests/tools/recording_console.h"
 
 #include <algorithm>
@@ -14,23 +15,6 @@
 namespace zopctl {
 
 namespace {
-
-PHANDLER_ROUTINE ctrlHandler;
-BOOL WINAPI keepHandler(PHANDLER_ROUTINE handler, BOOL add) {
-    ctrlHandler = add ? handler : nullptr;
-    return TRUE;
-}
-
-// Ctrl+C at the n-th look at the clock: every step of a move takes one.
-long pressAt;
-long looks;
-decltype(&::GetTickCount64) realTickCount;
-ULONGLONG WINAPI pressingTickCount() {
-    if (++looks == pressAt && ctrlHandler != nullptr) {
-        ctrlHandler(CTRL_C_EVENT);
-    }
-    return realTickCount();
-}
 
 class DataMoveTest : public ::testing::Test {
 protected:
@@ -244,9 +228,7 @@ TEST_F(DataMoveTest, ARenameThatIsBlockedNamesWhatIsOpen) {
 
 // Whenever Ctrl+C comes, the tree is whole in one place and nothing is in the other.
 TEST_F(DataMoveTest, CtrlCAtAnyMomentLeavesOneWholeTree) {
-    ImportPatch handler("SetConsoleCtrlHandler", &keepHandler);
-    ImportPatch clock("GetTickCount64", &pressingTickCount);
-    realTickCount = clock.original<decltype(&::GetTickCount64)>();
+    PressingClock clock;
     for (const bool copies : {false, true}) {
         std::vector<std::wstring> options{L"--yes", L"--json"};
         if (copies) {
@@ -254,11 +236,11 @@ TEST_F(DataMoveTest, CtrlCAtAnyMomentLeavesOneWholeTree) {
         }
         const TreeImage before = image(L"data");
         int cancelled = 0;
-        for (pressAt = 1;; ++pressAt) {
+        for (long pressAt = 1;; ++pressAt) {
             SCOPED_TRACE("pressed at " + std::to_string(pressAt));
-            looks = 0;
+            clock.pressAt(pressAt);
             const ExitCode code = move(options);
-            const bool pressed = looks >= pressAt;
+            const bool pressed = clock.wasPressed();
             if (code == ExitCode::Cancelled) {
                 ++cancelled;
                 EXPECT_TRUE(sameTree(before, image(L"data")));
@@ -276,7 +258,6 @@ TEST_F(DataMoveTest, CtrlCAtAnyMomentLeavesOneWholeTree) {
         }
         EXPECT_GT(cancelled, copies ? 10 : 3);
     }
-    pressAt = 0;
 }
 
 } // namespace zopctl

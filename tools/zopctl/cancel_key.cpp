@@ -63,9 +63,11 @@ bool CancelKey::press() {
             break;
         case Stage::Looking:
         case Stage::Working:
+        case Stage::Repairing:
             if (!requested_.exchange(true)) {
-                text = stage_ == Stage::Looking ? L"Cancelling..."
-                                                : L"Cancelling; what was done is undone next...";
+                text = stage_ == Stage::Looking   ? L"Cancelling..."
+                       : stage_ == Stage::Working ? L"Cancelling; what was done is undone next..."
+                                                  : L"Cancelling; what was done stays...";
             } else {
                 text = L"Cancelling already; the current step ends first.";
             }

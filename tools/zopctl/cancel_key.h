@@ -16,6 +16,7 @@ public:
         Looking,     // nothing has been changed
         Asking,      // nor here; a read of the console may not end by itself, so the process does
         Working,     // a cancel is rolled back
+        Repairing,   // what was done before a cancel stays
         RollingBack, // goes on to its end
         Committing,  // goes on to its end
     };

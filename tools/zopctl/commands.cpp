@@ -5,6 +5,7 @@
 #include "tools/zopctl/acl_show_command.h"
 #include "tools/zopctl/config_command.h"
 #include "tools/zopctl/data_move_command.h"
+#include "tools/zopctl/hosting_command.h"
 #include "tools/zopctl/policy_command.h"
 #include "tools/zopctl/text_format.h"
 #include "tools/zopctl/tree_compare_command.h"
@@ -121,6 +122,10 @@ const std::vector<Command>& commands() {
         {L"config", L"get", L"NAME", L"prints a configuration value", runConfigGet},
         {L"config", L"set", L"NAME [VALUE]", L"sets a configuration value", runConfigSet},
         {L"config", L"list", L"", L"lists the configuration values", runConfigList},
+        {L"hosting", L"check", L"ROOT --user U", L"checks and repairs a hosting's permissions",
+         runHostingCheck},
+        {L"hosting", L"undo", L"FILE", L"puts permissions back that a check replaced",
+         runHostingUndo},
         {L"policy", L"show", L"FILE", L"lists the entries of a disk security policy",
          runPolicyShow},
         {L"policy", L"check", L"FILE", L"finds every error in a disk security policy",
