@@ -2,7 +2,7 @@
 # [--rounds N] [--quick] [--only NAME]: times our move against xcopy, a bare CopyFileW loop and
 # cmd's rd under the same Wine, and against cp, rsync and rm outside of it; prints medians, ratios
 # and whether each target is met. Everything lies in memory (/dev/shm) and is gone afterwards.
-# NAME: small, large, empty, deep, rename, memory, calls, micro, config
+# NAME: small, large, empty, deep, rename, memory, calls, micro, config, vhosts
 set -euo pipefail
 rounds=5 quick= only=
 usage() {
@@ -21,7 +21,7 @@ while [ $# != 0 ]; do
     shift || usage 2 >&2
 done
 [[ $rounds =~ ^[1-9][0-9]*$ ]] || usage 2 >&2
-[[ $only =~ ^(|small|large|empty|deep|rename|memory|calls|micro|config)$ ]] || usage 2 >&2
+[[ $only =~ ^(|small|large|empty|deep|rename|memory|calls|micro|config|vhosts)$ ]] || usage 2 >&2
 
 # Wine's server and the program on one core, as is everything they are compared with: a round trip
 # between two cores takes 8 to 50 us at random. Before others where that is allowed.
@@ -35,7 +35,7 @@ fi
 . "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 bench=$root/bench
 [ -w /dev/shm ] || fail "/dev/shm is not to be had here." "The comparison needs a file system in memory there."
-for program in move_bench copyfile_loop call_counts micro_bench config_bench; do
+for program in move_bench copyfile_loop call_counts micro_bench config_bench zopctl zopconfigsvc panelctl; do
     [ -f "$root/build/release/bin/$program.exe" ] || fail "$program.exe has not been built." \
         "Run: cmake --preset release -DZOP_BENCH=ON && cmake --build --preset release -j2"
 done
@@ -140,13 +140,13 @@ if [ -n "$quick" ]; then
     compare large 1 2 $((64 << 20))
     compare empty 80 2000 0
     compare deep 100 100 100 chain
-    sizes="100 1000" many="400 10000"
+    sizes="100 1000" many="400 10000" panel="30 14"
 else
     compare small 800 20000 4096
     compare large 1 4 $((512 << 20))
     compare empty 2000 50000 0
     compare deep 200 200 100 chain
-    sizes="100 10000 50000" many="8000 200000"
+    sizes="100 10000 50000" many="8000 200000" panel="1000 44"
 fi
 ! wanted rename || measure_rename $sizes
 ! wanted memory || measure_memory $many
@@ -166,5 +166,9 @@ fi
 if wanted config; then
     printf '\nConfiguration reads\n'
     program config_bench
+fi
+if wanted vhosts; then # with a prefix and a database of its own
+    "$root/scripts/sandbox.sh" --database "$bench/vhosts_move.sh" "$rounds" $panel >> "$results" ||
+        fail "The move of virtual hosts could not be measured (see above)."
 fi
 python3 "$bench/summary.py" "$results"

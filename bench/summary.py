@@ -58,5 +58,12 @@ for item, calls in results["backup"].items():
 for files, peaks in results["memory"].items():
     print(f"memory  {files} files: {max(peaks) / 1024:.1f} MiB at the peak")
     target(f"memory with {files} files", max(peaks) / 1024, 64, " MiB")
+if results["vhosts"]:
+    domains, files, utilities = (int(results["vhosts"][what][0]) for what in ("domains", "files", "utilities"))
+    whole = statistics.median(results["vhosts"]["whole"])
+    copy, removal = (statistics.median(results["vhosts"][what]) for what in ("copy", "removal"))
+    print(f"vhosts  {domains} domains, {files} files: the whole move {whole:.0f} ms, {whole / (copy + removal):.2f} times "
+          f"the bare one of the tree (copy {copy:.0f}, removal {removal:.0f}); the rest takes "
+          f"{(whole - copy - removal) / domains:.1f} ms a domain, with {utilities} starts of utilities")
 if targets:
     print("\n" + "\n".join(targets))

@@ -420,7 +420,11 @@ std::vector<Setting> Panel::settings() const {
     if (const std::wstring redirected = redirectedRegistry(); !redirected.empty()) {
         made.insert(made.begin(), {L"registry", {}, {}, redirected});
     }
+    int withoutHosting = 0;
     for (const Domain& domain : domains_) {
+        if (!domain.hosted && ++withoutHosting > 1) { // the first has a left-over site
+            continue;
+        }
         std::wstring site = domain.name;
         ::CharUpperBuffW(site.data(), 1); // IIS keeps names as they were typed
         made.push_back({L"iis", site, L"root", domain.www});

@@ -71,8 +71,9 @@ int Utility::run(const std::function<void(const Utility&)>& work) const {
     store_.addCall(call);
     try {
         const std::vector<Words> calls = store_.calls();
+        const std::vector<Words> orders = store_.control();
         std::function<void()> atEnd = [] {};
-        for (const Words& order : store_.control()) {
+        for (const Words& order : orders) {
             const auto counts = [&](const Words& words) {
                 std::wstring line = Store::line(words);
                 std::replace(line.begin(), line.end(), L'\t', L' ');
