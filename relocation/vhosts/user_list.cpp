@@ -184,7 +184,9 @@ bool UserList::rollback() {
     std::erase_if(users_,
                   [](const UserInfo& info) { return info.homeRestored && !info.quotaMoved; });
     rollbackMovers(span);
-    removeMade(span);
+    if (movers_.empty()) { // else homes are left in what was made above them
+        removeMade(span);
+    }
     if (!isPending()) {
         clear();
     }
@@ -406,19 +408,26 @@ void UserList::rollbackMovers(const NativeSpan& span) {
     movers_ = std::move(failed);
 }
 
-// Innermost first. What others have put something into stays.
+// Innermost first. What others have put something into stays; what holds one that could not be
+// removed is kept for the next time as well.
 void UserList::removeMade(const NativeSpan& span) {
     std::vector<std::wstring> failed;
-    for (auto directory = made_.rbegin(); directory != made_.rend(); ++directory) {
-        if (!attempt(span, formatString(L"Remove (%s)", nicePath(*directory).c_str()), [&] {
-                constexpr int tries = 3;
-                try {
-                    RunTime::removeDirectory(*directory, tries);
-                } catch (const VDirectoryNotEmptyException&) {
-                    leftBehind_.push_back(nicePath(*directory));
+    while (!made_.empty()) {
+        const std::wstring directory = std::move(made_.back());
+        made_.pop_back();
+        const auto remove = [&] {
+            constexpr int tries = 3;
+            try {
+                RunTime::removeDirectory(directory, tries);
+            } catch (const VDirectoryNotEmptyException&) {
+                if (!failed.empty()) {
+                    throw;
                 }
-            })) {
-            failed.insert(failed.begin(), *directory);
+                leftBehind_.push_back(nicePath(directory));
+            }
+        };
+        if (!attempt(span, formatString(L"Remove (%s)", nicePath(directory).c_str()), remove)) {
+            failed.insert(failed.begin(), directory);
         }
     }
     made_ = std::move(failed);

@@ -13,7 +13,9 @@
 #include "tests/support/tree_image.h"
 
 #include <chrono>
+#include <deque>
 #include <optional>
+#include <winsock2.h>
 
 namespace {
 
@@ -55,8 +57,9 @@ protected:
         }
         registry.emplace();
         configure(*registry);
-        oldPlace.emplace(otherDrive());
-        newPlace.emplace();
+        oldPlace.emplace();
+        newPlace.emplace(otherDrive());
+        newDrive = newPlace->nice().substr(0, 2);
         from = oldPlace->nice() + L"\\vhosts";
         to = newPlace->nice() + L"\\new vhosts";
         makeWorld();
@@ -90,8 +93,8 @@ protected:
             addRow(login, from + home, quota);
             addAccount(login, from + home);
         }
-        accounts.state.users[L"w1"].quotas[L"C:"] = 5;
-        accounts.state.users[L"d1"].quotas[oldPlace->nice().substr(0, 2)] = 7000;
+        accounts.state.users[L"w1"].quotas[newDrive] = 5;
+        accounts.state.users[L"d1"].quotas[L"C:"] = 7000;
         TreeBuilder(oldPlace->path())
             .file(L"vhosts\\d1\\index.html", "one")
             .file(L"vhosts\\d1\\web\\sub\\a.txt", "two")
@@ -139,6 +142,7 @@ protected:
     std::optional<TempDirectory> newPlace;
     std::wstring from;
     std::wstring to;
+    std::wstring newDrive;
 };
 
 // Everything that a list tells, a line each; cancels at an event of its own choice.
@@ -152,17 +156,12 @@ public:
             [this](const std::wstring& name, bool& cancel) { add(name, cancel); }));
         hooks_.push_back(
             list.progressEvent_MoveUserHomeStart.hook([this](bool& cancel) { add(L"(", cancel); }));
-        hooks_.push_back(list.progressEvent_MoveUserHomeEnd.hook([this](bool& cancel) {
-            bool ignored = false; // the end of a home is no place to cancel at
-            add(L")", ignored);
-            cancel = false;
-        }));
+        hooks_.push_back( // the end of a home is no place to cancel at
+            list.progressEvent_MoveUserHomeEnd.hook([this](bool&) { text += L")\n"; }));
         hooks_.push_back(list.progressEvent_MoveUserHomeName.hook(
             [this](const std::wstring&, bool, std::int64_t, bool& cancel) { add(L".", cancel); }));
-        hooks_.push_back(list.errorEvent.hook([this](const std::wstring& message) {
-            bool ignored = false;
-            add(message, ignored);
-        }));
+        hooks_.push_back(
+            list.errorEvent.hook([this](const std::wstring& message) { text += message + L"\n"; }));
     }
 
     std::wstring text;
@@ -196,9 +195,9 @@ TEST_F(UserListTest, AccountsRowsAndQuotasFollowTheirHomesAndCommitLeavesNothing
         EXPECT_EQ(accounts.state.users[login].home, to + path);
     }
     EXPECT_EQ(accounts.state.users[L"d1"].quotas.size(), 2U);
-    EXPECT_EQ(accounts.state.users[L"d1"].quotas[L"C:"], 7000U);
+    EXPECT_EQ(accounts.state.users[L"d1"].quotas[newDrive], 7000U);
     EXPECT_EQ(accounts.state.users[L"sub"].quotas.size(), 0U);
-    EXPECT_EQ(accounts.state.users[L"w1"].quotas[L"C:"], 9000U);
+    EXPECT_EQ(accounts.state.users[L"w1"].quotas[newDrive], 9000U);
     EXPECT_TRUE(sameTree(before.oldTree, world().oldTree)); // usable until the end
     EXPECT_TRUE(newPlace->has(L"new vhosts\\d1\\web\\sub\\a.txt"));
     EXPECT_EQ(list->get_movers().size(), 2U);
@@ -316,4 +315,148 @@ TEST_F(UserListTest, HomesAreRecognizedHoweverTheyAreWritten) {
                                          L"some long name.example.com\\x\\a.txt"}));
     list->rollback();
     expectWorld(before);
+}
+
+namespace {
+
+class UserListFaultTest : public UserListTest {
+protected:
+    // The connection to the database breaks before a statement is sent, or before its answer comes.
+    enum class Kind { AccountCall, Send, Receive, SystemCall, Cancel };
+
+    // Runs the operation with its n-th step of a kind failing; false when it has not so many.
+    bool runWith(Kind kind, long n, Recorder& recorder, const std::function<void()>& operation) {
+        if (kind == Kind::SystemCall) {
+            const FaultOutcome outcome = runWithFault(n, ERROR_DISK_FULL, operation);
+            failed = outcome.text();
+            return outcome.fired;
+        }
+        FaultPoint connection(kind == Kind::Send ? "send" : "recv");
+        connection.result = static_cast<std::uintptr_t>(SOCKET_ERROR);
+        connection.code = WSAECONNRESET;
+        connection.failAt = kind == Kind::Send || kind == Kind::Receive ? n - 1 : -1;
+        accounts.failAt = kind == Kind::AccountCall ? n : 0;
+        recorder.cancelAt = kind == Kind::Cancel ? n : 0;
+        failed.clear();
+        try {
+            operation();
+        } catch (const vexception& error) {
+            failed = toUtf8(error.what());
+        }
+        accounts.failAt.left = 0;
+        recorder.cancelAt = 0;
+        return connection.fired() || accounts.failAt.fired || recorder.canceled;
+    }
+
+    // Tries a fault at every step that the operation has; returns how many there are.
+    long sweep(Kind kind, const World& before, bool inMove) {
+        // The movers' own system calls are all tried in the tests of the mover.
+        const long stride = kind != Kind::SystemCall ? 1 : inMove ? 11 : 3;
+        long n = 1;
+        for (bool fired = true; fired && !HasFailure(); n += stride) {
+            const auto list = newList();
+            Recorder recorder(*list);
+            const auto move = [&] { list->move(from, to); };
+            const auto rollback = [&] { list->rollback(); };
+            if (!inMove) {
+                move();
+            }
+            fired =
+                inMove ? runWith(kind, n, recorder, move) : runWith(kind, n, recorder, rollback);
+            SCOPED_TRACE("step " + std::to_string(n) + ", kind " +
+                         std::to_string(static_cast<int>(kind)) + ": " + failed);
+            const bool mayPass =
+                kind == Kind::SystemCall || kind == Kind::Send; // such as a goodbye
+            EXPECT_TRUE(!inMove || !fired || mayPass || !failed.empty());
+            if (inMove || list->isPending()) {
+                list->rollback();
+            }
+            if (!list->get_pendingRestart().empty()) { // the copy that cannot be removed now
+                newPlace.emplace(otherDrive());
+                to = newPlace->nice() + L"\\new vhosts";
+                TreeBuilder(newPlace->path()).file(L"older.txt", "older");
+            }
+            EXPECT_FALSE(list->isPending());
+            expectWorld(before);
+        }
+        return n - 1 - stride;
+    }
+
+    std::string failed;
+};
+
+} // namespace
+
+// Whatever fails, and wherever a handler cancels, rollback() puts accounts, rows and trees back;
+// and whatever fails in rollback(), the next one puts back the rest.
+TEST_F(UserListFaultTest, RollbackRestoresEverythingWhateverFails) {
+    const World before = world();
+    for (const Kind kind :
+         {Kind::AccountCall, Kind::Send, Kind::Receive, Kind::SystemCall, Kind::Cancel}) {
+        for (const bool inMove : {true, false}) {
+            EXPECT_GE(sweep(kind, before, inMove), 6) << static_cast<int>(kind) << inMove;
+        }
+    }
+}
+
+TEST_F(UserListFaultTest, ACommitThatFailedGoesOnAndIsNotUndone) {
+    const auto list = newList();
+    Recorder recorder(*list);
+    accounts.failAt = 5;
+    EXPECT_THROW(list->move(from, to), vexception);
+    EXPECT_THROW(list->commit(), vexception); // it was not completed
+    list->rollback();
+    list->move(from, to);
+    const Hook hook = list->progressEvent_MoveUserHomeEnd.hook([&, homes = 0](bool&) mutable {
+        if (++homes == 2) {
+            throw vexception(L"a handler's failure");
+        }
+    });
+    EXPECT_THROW(list->commit(), vexception);
+    EXPECT_TRUE(list->isPending());
+    EXPECT_THROW(list->rollback(), vexception);
+    accounts.failCall = L"removeQuota"; // no reason not to make the move final
+    accounts.failAt = 1;
+    recorder.cancelAt = 1; // no more than this
+    list->commit();
+    EXPECT_TRUE(accounts.failAt.fired);
+    EXPECT_FALSE(list->isPending());
+    EXPECT_EQ(oldPlace->list(L"vhosts"), (std::vector<std::wstring>{L"stays.txt", L"users\\"}));
+    EXPECT_TRUE(newPlace->has(L"new vhosts\\users\\w1\\b.txt"));
+}
+
+// Each account costs what it costs by itself, however many there are.
+TEST_F(UserListTest, ThousandsOfAccountsAreMovedInSeconds) {
+    clear();
+    std::wstring statement = L"insert into sys_users (login, password, home, quota) values ";
+    std::deque<std::wstring> texts; // values only refer to them
+    VDatabase::Values values;
+    for (int i = 0; i < 4000; ++i) {
+        const std::wstring& login = texts.emplace_back(L"user" + std::to_wstring(i));
+        // Of each ten, nine lie in the home of the tenth, and one in thirty of those exists.
+        const std::wstring& home =
+            texts.emplace_back(from + L"\\user" + std::to_wstring(i / 10 * 10) +
+                               (i % 10 != 0 ? L"\\web\\" + login : L""));
+        addAccount(login, home);
+        statement += i == 0 ? L"(?, '', ?, 1)" : L", (?, '', ?, 1)";
+        values.insert(values.end(), {login, home});
+        if (i % 300 < 2) {
+            oldPlace->makeDirectory(home.substr(oldPlace->nice().size() + 1));
+        }
+    }
+    database->execute(statement, values);
+    const AccountFake::State before = accounts.state;
+    const std::string rowsBefore = rows();
+    const auto list = newList();
+    const auto begin = std::chrono::steady_clock::now();
+    list->move(from, to);
+    EXPECT_EQ(list->get_movers().size(), 14U);
+    EXPECT_EQ(one(L"select count(*) from sys_users where substr(home, 1, ?) = ?",
+                  {std::to_wstring(to.size()), to}),
+              "4000");
+    list->rollback();
+    const auto time = std::chrono::steady_clock::now() - begin;
+    EXPECT_LT(time, std::chrono::minutes(3)); // an idle machine takes seconds
+    EXPECT_EQ(accounts.state, before);
+    EXPECT_EQ(rows(), rowsBefore);
 }
