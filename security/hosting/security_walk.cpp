@@ -25,6 +25,8 @@ constexpr int openTries = 4;
 constexpr std::size_t mostChildren = 1000;
 constexpr std::size_t mostPending = 64;
 
+constexpr wchar_t replaced[] = L"Something else has come in the place of (%s)";
+
 } // namespace
 
 SecurityWalk::SecurityWalk(const HostingRoot& root, const TemplateTree& tree,
@@ -100,12 +102,16 @@ void SecurityWalk::enter(std::wstring_view name) {
     AutoHandle handle;
     try {
         handle = RunTime::openPinnedDirectory(path_, openTries, access());
+        if (!handle && RunTime::exists(path_)) {
+            RunTime::throwForPath(replaced, path_, ERROR_DIRECTORY,
+                                  "HostingSecurity::SecurityWalk::enter", __LINE__);
+        }
     } catch (const vosexception& error) {
         report(error);
         return;
     }
     if (!handle) {
-        return; // it has gone, or something that was not listed stands there
+        return; // it has gone
     }
     if (options_.everything || TemplateTree::areNamed(nodes)) {
         check(handle, *wanted, true);
@@ -237,7 +243,7 @@ void SecurityWalk::repair(AutoHandle& handle, const ItemAccess& wanted, bool hel
     }
     const bool directory = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     if (directory != (wanted.kind() == AceSubject::Directory)) {
-        reportCode(L"Something else has come in the place of (%s)", ERROR_DIRECTORY, __LINE__);
+        reportCode(replaced, ERROR_DIRECTORY, __LINE__);
         return;
     }
     // Directories have one name, whatever some file systems count.

@@ -84,6 +84,7 @@ HANDLE WINAPI createFile(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATT
                 .first->second;
         if (!existed && stream.empty()) {
             created(file.file, flags);
+            setSecurityAtBirth(file.file, security);
         }
     }
     fail(code);
@@ -95,7 +96,9 @@ BOOL WINAPI createDirectory(LPCWSTR name, LPSECURITY_ATTRIBUTES security) {
     if (!REAL(CreateDirectoryW)(name, security)) {
         return FALSE;
     }
-    created(UnixFile(unixPath(name)), 0);
+    const UnixFile file(unixPath(name));
+    created(file, 0);
+    setSecurityAtBirth(file, security);
     return TRUE;
 }
 

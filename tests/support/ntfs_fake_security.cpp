@@ -231,6 +231,18 @@ Descriptor& securityOf(const UnixFile& file) {
     return *extra->security;
 }
 
+void setSecurityAtBirth(const UnixFile& file, const SECURITY_ATTRIBUTES* given) {
+    if (given == nullptr || given->lpSecurityDescriptor == nullptr) {
+        return;
+    }
+    const Descriptor wanted = parse(given->lpSecurityDescriptor);
+    if (wanted.dacl) {
+        Descriptor& kept = securityOf(file);
+        kept.dacl = wanted.dacl;
+        setControl(kept.control, wanted.control, 0, true);
+    }
+}
+
 void inheritSecurity(const UnixFile& file, bool directory) {
     extraOf(file, true)->security = inheritedFrom(file, directory);
 }

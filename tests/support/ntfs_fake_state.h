@@ -172,6 +172,8 @@ std::string linkData(const std::wstring& target, DWORD tag, bool relative);
 // security
 void inheritSecurity(const UnixFile& file, bool directory);
 Descriptor& securityOf(const UnixFile& file);
+// The list of access that whoever makes a file gives it, where one is given.
+void setSecurityAtBirth(const UnixFile& file, const SECURITY_ATTRIBUTES* given);
 
 // streams
 UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create, DWORD& code);

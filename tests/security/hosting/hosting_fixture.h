@@ -65,10 +65,17 @@ protected:
 
     RegistryOverride registry;
     NtfsFake ntfs;
-    TempDirectory place;
+    TempDirectory place{memoryDrive()};
     std::wstring root;
 
 private:
+    // Undo files are flushed to the disk, which takes its time where there is one.
+    static std::wstring memoryDrive() {
+        wchar_t drive[8] = {};
+        ::GetEnvironmentVariableW(L"ZOP_TEST_TMPFS_DRIVE", drive, 8);
+        return drive;
+    }
+
     LookupProvider before_;
     int templates_ = 0;
 };
