@@ -25,7 +25,7 @@ constexpr int openTries = 4;
 constexpr std::size_t mostChildren = 1000;
 constexpr std::size_t mostPending = 64;
 
-constexpr wchar_t replaced[] = L"Something else has come in the place of (%s)";
+constexpr wchar_t cameInPlace[] = L"Something else has come in the place of (%s)";
 
 } // namespace
 
@@ -103,7 +103,7 @@ void SecurityWalk::enter(std::wstring_view name) {
     try {
         handle = RunTime::openPinnedDirectory(path_, openTries, access());
         if (!handle && RunTime::exists(path_)) {
-            RunTime::throwForPath(replaced, path_, ERROR_DIRECTORY,
+            RunTime::throwForPath(cameInPlace, path_, ERROR_DIRECTORY,
                                   "HostingSecurity::SecurityWalk::enter", __LINE__);
         }
     } catch (const vosexception& error) {
@@ -243,7 +243,7 @@ void SecurityWalk::repair(AutoHandle& handle, const ItemAccess& wanted, bool hel
     }
     const bool directory = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     if (directory != (wanted.kind() == AceSubject::Directory)) {
-        reportCode(replaced, ERROR_DIRECTORY, __LINE__);
+        reportCode(cameInPlace, ERROR_DIRECTORY, __LINE__);
         return;
     }
     // Directories have one name, whatever some file systems count.
