@@ -4,52 +4,23 @@
 #include <memory>
 
 using namespace zopobsolete::flat;
-using zopobsolete::BackupCopyErrorEvent;
 using zopobsolete::DataLocation;
 using zopobsolete::StreamType;
 
 namespace {
 
-struct Location {
-    Location(StreamType streams, bool copyOwner, const zop_data_location_events& callbacks);
-
-    zop_data_location_events events;
-    DataLocation native;
-    std::vector<Hook> hooks;
+struct Location : Hooked<DataLocation, zop_data_location_events> {
+    template <class... Args>
+    explicit Location(const zop_data_location_events* callbacks, Args... args)
+        : Hooked(callbacks, args...) {
+        hookFlag(native.ProgressEvent_Cost, events.progress_cost);
+        hookFlag(native.ProgressEvent_Name, events.progress_name);
+        hookFlag(native.ErrorEvent, events.error);
+    }
 };
-
-Location::Location(StreamType streams, bool copyOwner, const zop_data_location_events& callbacks)
-    : events(callbacks), native(streams, copyOwner) {
-    if (events.progress_cost != nullptr) {
-        hooks.push_back(native.ProgressEvent_Cost.hook(
-            [this](std::int32_t count, std::int64_t cost, bool& cancel) {
-                cancel = callBack([&](zop_call* call) {
-                             return events.progress_cost(events.context, count, cost, call);
-                         }) != 0;
-            }));
-    }
-    if (events.progress_name != nullptr) {
-        hooks.push_back(native.ProgressEvent_Name.hook(
-            [this](const std::wstring& name, bool isFile, std::int64_t cost, bool& cancel) {
-                cancel = callBack([&](zop_call* call) {
-                             return events.progress_name(events.context, name.c_str(),
-                                                         isFile ? 1 : 0, cost, call);
-                         }) != 0;
-            }));
-    }
-    if (events.error != nullptr) {
-        hooks.push_back(native.ErrorEvent.hook([this](BackupCopyErrorEvent& error) {
-            error.ignore = callBack([&](zop_call* call) {
-                               return events.error(events.context, error.message.c_str(),
-                                                   error.ignore ? 1 : 0, call);
-                           }) != 0;
-        }));
-    }
-}
 
 } // namespace
 
-// A running operation holds the object too: a callback may free the handle.
 struct zop_data_location {
     std::shared_ptr<Location> shared;
 };
@@ -71,8 +42,8 @@ zop_data_location* ZOP_CALL zop_data_location_create(std::int32_t streams, std::
                                                      const zop_data_location_events* events,
                                                      zop_error** error) {
     return guarded(error, [&] {
-        return new zop_data_location{std::make_shared<Location>(static_cast<StreamType>(streams),
-                                                                copy_owner != 0, copyOf(events))};
+        return new zop_data_location{
+            std::make_shared<Location>(events, static_cast<StreamType>(streams), copy_owner != 0)};
     });
 }
 

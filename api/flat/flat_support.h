@@ -3,13 +3,16 @@
 #pragma once
 
 #include "api/argument_null_exception.h"
+#include "api/backup_copy_error_event.h"
 #include "api/flat/zopnative.h"
+#include "runtime/event.h"
 #include "runtime/wipe.h"
 
 #include <algorithm>
 #include <cstring>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -83,17 +86,6 @@ inline zop_text* newText(std::wstring text) {
     return new zop_text(text);
 }
 
-// Runs a callback, which takes a zop_call*. Throws what it reported as its failure.
-template <class Callback>
-std::int32_t callBack(Callback&& callback) {
-    zop_call call;
-    const std::int32_t result = callback(&call);
-    if (call.failure) {
-        throw Exception(*call.failure);
-    }
-    return result;
-}
-
 // The callbacks of a caller that may have an older, shorter structure: those it does not know are
 // null.
 template <class Events>
@@ -104,5 +96,83 @@ Events copyOf(const Events* events) {
     }
     return copy;
 }
+
+// How the argument of an event goes to a callback.
+inline const wchar_t* passed(const std::wstring& text) noexcept {
+    return text.c_str();
+}
+inline std::int32_t passed(bool value) noexcept {
+    return value ? 1 : 0;
+}
+inline std::int32_t passed(std::int32_t value) noexcept {
+    return value;
+}
+inline std::int64_t passed(std::int64_t value) noexcept {
+    return value;
+}
+
+// A native object with a caller's callbacks hooked to its events. Each operation holds it, so that
+// a callback may free the handle. A callback that is null is not hooked.
+template <class Native, class Callbacks>
+class Hooked {
+public:
+    template <class... Args>
+    explicit Hooked(const Callbacks* callbacks, Args&&... args)
+        : events(copyOf(callbacks)), native(std::forward<Args>(args)...) {}
+
+    // The callback's result goes into the event's last argument, a flag.
+    template <class... Args, class Callback>
+    void hookFlag(Event<Args...>& event, Callback callback) {
+        if (callback != nullptr) {
+            hooks_.push_back(event.hook([this, callback](Args... args) {
+                const auto all = std::tie(args...);
+                constexpr std::size_t last = sizeof...(Args) - 1;
+                std::get<last>(all) = run(callback, all, std::make_index_sequence<last>()) != 0;
+            }));
+        }
+    }
+    void hookFlag(Event<BackupCopyErrorEvent&>& event,
+                  decltype(zop_data_location_events::error) callback) {
+        if (callback != nullptr) {
+            hooks_.push_back(event.hook([this, callback](BackupCopyErrorEvent& error) {
+                const auto all = std::tie(error.message, error.ignore);
+                error.ignore = run(callback, all, std::make_index_sequence<2>()) != 0;
+            }));
+        }
+    }
+    // The callback has no result.
+    template <class... Args, class Callback>
+    void hook(Event<Args...>& event, Callback callback) {
+        if (callback != nullptr) {
+            hooks_.push_back(event.hook([this, callback](Args... args) {
+                run(callback, std::tie(args...), std::index_sequence_for<Args...>());
+            }));
+        }
+    }
+
+    const Callbacks events;
+    Native native;
+
+private:
+    template <class Callback, class Tuple, std::size_t... index>
+    std::int32_t run(Callback callback, const Tuple& arguments, std::index_sequence<index...>) {
+        zop_call call;
+        std::int32_t result = 0;
+        const auto invoke = [&] {
+            return callback(events.context, passed(std::get<index>(arguments))..., &call);
+        };
+        if constexpr (std::is_void_v<std::invoke_result_t<decltype(invoke)>>) {
+            invoke();
+        } else {
+            result = invoke();
+        }
+        if (call.failure) {
+            throw Exception(*call.failure);
+        }
+        return result;
+    }
+
+    std::vector<Hook> hooks_;
+};
 
 } // namespace zopobsolete::flat

@@ -156,6 +156,84 @@ ZOP_C_API zop_list* ZOP_CALL zop_data_location_left_behind(zop_data_location* lo
 ZOP_C_API zop_list* ZOP_CALL zop_data_location_pending_restart(zop_data_location* location,
                                                                zop_error** error);
 
+/* ---- moving the directory of virtual hosts ---- */
+
+/* As zopobsolete::VirtualHostsLocation in api/virtual_hosts_location.h. The callbacks return
+   whether to cancel; ignorable_error returns whether to pass over the failed item. */
+typedef struct zop_vhosts_location zop_vhosts_location;
+typedef struct zop_vhosts_location_events {
+    size_t size; /* of this structure */
+    void* context;
+    int32_t(ZOP_CALL* progress_cost)(void* context, int64_t cost, zop_call* call);
+    int32_t(ZOP_CALL* progress_name)(void* context, const wchar_t* name, int64_t val,
+                                     int32_t complete_count, int64_t item_size, zop_call* call);
+    int32_t(ZOP_CALL* sub_progress_start)(void* context, zop_call* call);
+    int32_t(ZOP_CALL* sub_progress_end)(void* context, zop_call* call);
+    void(ZOP_CALL* error)(void* context, const wchar_t* message, zop_call* call);
+    int32_t(ZOP_CALL* ignorable_error)(void* context, const wchar_t* message, int32_t ignore,
+                                       zop_call* call);
+    void(ZOP_CALL* step)(void* context, int32_t number, const wchar_t* name, zop_call* call);
+} zop_vhosts_location_events;
+
+/* streams, copy_owner, events: as for zop_data_location_create. */
+ZOP_C_API zop_vhosts_location* ZOP_CALL
+zop_vhosts_location_create(int32_t streams, int32_t copy_owner,
+                           const zop_vhosts_location_events* events, zop_error** error);
+/* Inside a callback: takes effect when the running operation has ended. */
+ZOP_C_API void ZOP_CALL zop_vhosts_location_free(zop_vhosts_location* location);
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_location_get_copy_streams(zop_vhosts_location* location,
+                                                                int32_t* streams,
+                                                                zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_location_set_copy_streams(zop_vhosts_location* location,
+                                                                int32_t streams, zop_error** error);
+/* source: NULL for the configured place. Fails also when a callback cancels; cancelled, which may
+   be NULL, tells that from other failures. */
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_location_change(zop_vhosts_location* location,
+                                                      const wchar_t* source, const wchar_t* dest,
+                                                      int32_t* cancelled, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_location_commit(zop_vhosts_location* location,
+                                                      zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_location_rollback(zop_vhosts_location* location,
+                                                        zop_error** error);
+ZOP_C_API zop_list* ZOP_CALL zop_vhosts_location_failed(zop_vhosts_location* location,
+                                                        zop_error** error);
+ZOP_C_API zop_list* ZOP_CALL zop_vhosts_location_left_behind(zop_vhosts_location* location,
+                                                             zop_error** error);
+ZOP_C_API zop_list* ZOP_CALL zop_vhosts_location_pending_restart(zop_vhosts_location* location,
+                                                                 zop_error** error);
+
+/* ---- permissions of a hosting ---- */
+
+/* As zopobsolete::VHostsSecurity in api/vhosts_security.h. */
+typedef struct zop_vhosts_security zop_vhosts_security;
+typedef struct zop_vhosts_security_events {
+    size_t size; /* of this structure */
+    void* context;
+    void(ZOP_CALL* progress)(void* context, const wchar_t* path, zop_call* call);
+    void(ZOP_CALL* security_exception)(void* context, const wchar_t* path, const wchar_t* text,
+                                       zop_call* call);
+    void(ZOP_CALL* warning)(void* context, const wchar_t* text, zop_call* call);
+    void(ZOP_CALL* error)(void* context, const wchar_t* path, const wchar_t* text, zop_call* call);
+} zop_vhosts_security_events;
+
+enum { ZOP_HOSTING_DOMAIN = 1, ZOP_HOSTING_WEBUSER = 2 };
+enum { ZOP_CHECK_NONE = 0, ZOP_CHECK_READ_ONLY = 1, ZOP_CHECK_FAST = 2 };
+
+ZOP_C_API zop_vhosts_security* ZOP_CALL zop_vhosts_security_create(
+    const wchar_t* root, const zop_vhosts_security_events* events, zop_error** error);
+/* Inside a callback: takes effect when the running call has ended. */
+ZOP_C_API void ZOP_CALL zop_vhosts_security_free(zop_vhosts_security* security);
+/* parent may be NULL. */
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_security_check(zop_vhosts_security* security, int32_t hosting,
+                                                     const wchar_t* user, const wchar_t* parent,
+                                                     int32_t flags, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_security_check_frame_forwarding(zop_vhosts_security* security,
+                                                                      int32_t flags,
+                                                                      zop_error** error);
+/* The file with what the last repair replaced; empty when it replaced nothing. */
+ZOP_C_API zop_text* ZOP_CALL zop_vhosts_security_undo_file(zop_vhosts_security* security,
+                                                           zop_error** error);
+
 /* ---- the panel's database ---- */
 
 /* As zopobsolete::ZOPMySQLDatabase and ZOPMySQLRecordSet in api/. Errors are of the kind

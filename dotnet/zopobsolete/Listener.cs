@@ -23,6 +23,15 @@ namespace zopobsolete
             }
         }
 
+        internal void Run(IntPtr call, Action raise)
+        {
+            Run(call, () =>
+            {
+                raise();
+                return false;
+            });
+        }
+
         // After the native call.
         internal void Check(IntPtr error)
         {

@@ -97,6 +97,84 @@ namespace zopobsolete
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern IntPtr zop_data_location_pending_restart(NativeObject location, out IntPtr error);
 
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate int VHostsLocationCost(IntPtr context, long cost, IntPtr call);
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate int VHostsLocationName(
+            IntPtr context, IntPtr name, long val, int completeCount, long itemSize, IntPtr call);
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate int SubProgress(IntPtr context, IntPtr call);
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate void Message(IntPtr context, IntPtr text, IntPtr call);
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate void PathMessage(IntPtr context, IntPtr path, IntPtr text, IntPtr call);
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate void Step(IntPtr context, int number, IntPtr name, IntPtr call);
+
+        [StructLayout(LayoutKind.Sequential)]
+        internal struct VHostsLocationEvents
+        {
+            internal UIntPtr Size;
+            internal IntPtr Context;
+            internal VHostsLocationCost Cost;
+            internal VHostsLocationName Name;
+            internal SubProgress SubStart;
+            internal SubProgress SubEnd;
+            internal Message Error;
+            internal ErrorMessage IgnorableError;
+            internal Step Step;
+        }
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_vhosts_location_create(
+            int streams, int copyOwner, ref VHostsLocationEvents events, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void zop_vhosts_location_free(IntPtr location);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_vhosts_location_get_copy_streams(
+            NativeObject location, out int streams, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_vhosts_location_set_copy_streams(
+            NativeObject location, int streams, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_vhosts_location_change(
+            NativeObject location, string source, string dest, out int cancelled, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_vhosts_location_commit(NativeObject location, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_vhosts_location_rollback(NativeObject location, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_vhosts_location_failed(NativeObject location, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_vhosts_location_left_behind(NativeObject location, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_vhosts_location_pending_restart(NativeObject location, out IntPtr error);
+
+        [StructLayout(LayoutKind.Sequential)]
+        internal struct VHostsSecurityEvents
+        {
+            internal UIntPtr Size;
+            internal IntPtr Context;
+            internal Message Progress;
+            internal PathMessage SecurityException;
+            internal Message Warning;
+            internal PathMessage Error;
+        }
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern IntPtr zop_vhosts_security_create(
+            string root, ref VHostsSecurityEvents events, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void zop_vhosts_security_free(IntPtr security);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_vhosts_security_check(
+            NativeObject security, int hosting, string user, string parent, int flags, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_vhosts_security_check_frame_forwarding(
+            NativeObject security, int flags, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr zop_vhosts_security_undo_file(NativeObject security, out IntPtr error);
+
         [StructLayout(LayoutKind.Sequential)]
         internal struct DatabaseParameters
         {
