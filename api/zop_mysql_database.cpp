@@ -4,6 +4,8 @@
 #include "api/utils.h"
 #include "api/zop_database_exception.h"
 #include "api/zop_database_parameters_native.h"
+#include "runtime/database/database_export.h"
+#include "runtime/database/database_import.h"
 #include "runtime/database/mysql_record_set.h"
 #include "runtime/exception.h"
 
@@ -24,6 +26,16 @@ VDatabase::Values toNative(const ZOPMySQLDatabase::Values& values) {
         std::visit([&result](const auto& held) { result.emplace_back(held); }, value);
     }
     return result;
+}
+
+template <class Work>
+bool unlessCancelled(Work&& work) {
+    try {
+        work();
+    } catch (const CanceledException&) {
+        return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -95,6 +107,23 @@ void ZOPMySQLDatabase::lockTables(const std::vector<LockedTable>& tables) {
 void ZOPMySQLDatabase::unlockTables() {
     databaseFrame({"zopobsolete::ZOPMySQLDatabase::unlockTables", __LINE__, __LINE__ + 1},
                   [&] { native()->unlockTables(); });
+}
+
+bool ZOPMySQLDatabase::exportTo(const std::wstring& file) {
+    return databaseFrame({"zopobsolete::ZOPMySQLDatabase::exportTo", __LINE__, __LINE__ + 1}, [&] {
+        VDatabaseExport exporter(native()->parameters());
+        const Hook forwarded = forwardEvent(exporter.progressEvent, progressEvent);
+        return unlessCancelled([&] { exporter.run(Utils::toUnmanagedString(file)); });
+    });
+}
+
+bool ZOPMySQLDatabase::importFrom(const std::wstring& file) {
+    return databaseFrame(
+        {"zopobsolete::ZOPMySQLDatabase::importFrom", __LINE__, __LINE__ + 1}, [&] {
+            VDatabaseImport importer(native()->parameters(), Utils::toUnmanagedString(file));
+            const Hook forwarded = forwardEvent(importer.progressEvent, progressEvent);
+            return unlessCancelled([&] { importer.run(); });
+        });
 }
 
 void ZOPMySQLDatabase::Dispose() {

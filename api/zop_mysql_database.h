@@ -70,6 +70,17 @@ public:
     void lockTables(const std::vector<LockedTable>& tables);
     void unlockTables();
 
+    // Writes all tables of the database into one file, which only System and Administrators may
+    // read, and makes the database what such a file says: its tables are replaced all at once, and
+    // those that the file does not have are removed. Both work on a connection of their own and
+    // raise progressEvent. False when a handler cancelled, or the thread was asked to; then, and
+    // after a failure, the file or the database is as it was.
+    bool exportTo(const std::wstring& file);
+    bool importFrom(const std::wstring& file);
+
+    // progress, cancel
+    Event<const DatabaseProgress&, bool&> progressEvent;
+
     // Releases the connection and rolls back a transaction that is open; later calls fail. Record
     // sets live on.
     void Dispose();

@@ -23,7 +23,7 @@ start_database() {
         "FLUSH PRIVILEGES" \
         "CREATE DATABASE zop_test CHARACTER SET utf8mb4 COLLATE utf8mb4_general_ci" \
         "CREATE USER zop@'%' IDENTIFIED BY '$password'" \
-        "GRANT ALL ON zop_test.* TO zop@'%'"
+        "GRANT ALL ON \`zop\_test%\`.* TO zop@'%'"
     for attempt in 1 2 3 4 5; do # a port may be taken
         ZOP_TEST_DB_PORT=$((RANDOM % 10000 + 20000))
         "${as_user[@]}" setpriv --pdeathsig KILL mariadbd --no-defaults --datadir="$data/files" \

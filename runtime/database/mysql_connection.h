@@ -22,7 +22,7 @@ public:
     // Connects and sets the session up. Throws ConnectException.
     void open();
     void close() noexcept { handle_.reset(); }
-    bool mayReconnect() const noexcept { return parameters_.reconnect; }
+    const VMySQLDatabase::Parameters& parameters() const noexcept { return parameters_; }
     bool isOpen() const noexcept { return handle_ != nullptr; }
     // Whether the server has neither closed the idle connection nor said why it will.
     bool isAlive() const noexcept;

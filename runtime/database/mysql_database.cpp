@@ -75,6 +75,10 @@ VMySQLDatabase::~VMySQLDatabase() {
     }
 }
 
+const VMySQLDatabase::Parameters& VMySQLDatabase::parameters() const noexcept {
+    return connection_->parameters();
+}
+
 std::unique_ptr<VRecordSet> VMySQLDatabase::query(const std::wstring& sql, const Values& values) {
     return queryRows(sql, values);
 }
@@ -191,7 +195,7 @@ void VMySQLDatabase::ready() {
     }
     // What would follow a transaction that the server has ended would take effect at once.
     connection_->close();
-    if (!connection_->mayReconnect()) {
+    if (!connection_->parameters().reconnect) {
         throw StatementException(L"The connection to the database was lost", 0,
                                  {L"", "VMySQLDatabase::ready", __LINE__});
     }

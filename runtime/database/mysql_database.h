@@ -58,6 +58,9 @@ public:
     explicit VMySQLDatabase(Parameters parameters);
     ~VMySQLDatabase() override;
 
+    // What it was made with; the password is in it.
+    const Parameters& parameters() const noexcept;
+
     std::unique_ptr<VRecordSet> query(const std::wstring& sql, const Values& values = {}) override;
     // The same, for those who read columns by their place, or bytes.
     std::unique_ptr<VMySQLRecordSet> queryRows(const std::wstring& sql, const Values& values = {});

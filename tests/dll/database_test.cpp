@@ -3,6 +3,7 @@
 #include "api/zop_mysql_database.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <optional>
 
@@ -117,6 +118,40 @@ TEST_F(PublicDatabaseTest, TransactionsAndLocksEndWithTheObject) {
     EXPECT_EQ(count(), L"1");
     EXPECT_TRUE(contains(errorOf([&] { database->query(L"select 1 from domains"); }), L"1100"));
     database->unlockTables();
+}
+
+TEST_F(PublicDatabaseTest, ADatabaseGoesIntoAFileAndComesBack) {
+    database->execute(L"set foreign_key_checks = 0");
+    database->execute(L"create or replace database zop_test_public character set utf8mb4");
+    parameters.setDatabase(L"zop_test_public");
+    database.emplace(parameters);
+    database->execute(L"create table t (a text)");
+    database->execute(L"insert into t values ('\u0416')");
+    const std::wstring file = std::filesystem::temp_directory_path() / L"zop public.sql";
+    bool cancel = true;
+    int turns = 0;
+    const Hook hook =
+        database->progressEvent.hook([&](const DatabaseProgress& progress, bool& stop) {
+            EXPECT_LE(progress.table.size(), 1u);
+            ++turns;
+            stop = cancel;
+        });
+    EXPECT_FALSE(database->exportTo(file));
+    EXPECT_FALSE(std::filesystem::exists(file));
+    cancel = false;
+    EXPECT_TRUE(database->exportTo(file));
+    database->execute(L"drop table t");
+    cancel = true;
+    EXPECT_FALSE(database->importFrom(file));
+    EXPECT_TRUE(contains(errorOf([&] { database->query(L"select a from t"); }), L"1146"));
+    cancel = false;
+    EXPECT_TRUE(database->importFrom(file));
+    ZOPMySQLRecordSet rows = database->query(L"select a from t");
+    EXPECT_TRUE(rows.next());
+    EXPECT_EQ(rows.text(L"a"), L"\u0416");
+    EXPECT_GT(turns, 4);
+    std::filesystem::remove(file);
+    EXPECT_TRUE(contains(errorOf([&] { database->importFrom(file); }), L"Unable to open file"));
 }
 
 TEST_F(PublicDatabaseTest, ErrorsNameWhatFailedAndNeverThePassword) {
