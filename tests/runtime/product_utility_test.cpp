@@ -2,7 +2,8 @@
 
 #include "tests/support/child_program.h"
 #include "tests/support/expect_error.h"
-#include "tests/support/panel_utilities.h"
+#include "tests/support/registry_override.h"
+#include "tests/support/temp_directory.h"
 
 namespace {
 
@@ -82,28 +83,26 @@ TEST_F(ProductUtilityTest, OnlyAFileOfTheFolderIsStarted) {
     EXPECT_THROW(execUtil(L"tool.exe", {}), vosexception) << "a root that is no whole path";
 }
 
-TEST(ScriptTest, TheInterpreterGetsTheScriptsWholePathAndItsArguments) {
-    const PanelUtilities panel({L"php.exe"}, {});
-    const std::wstring script = panel.root().writeFile(L"a b\\repair.php");
-    const std::wstring nice = panel.root().nice() + L"\\a b\\repair.php";
-    panel.answer(L"php.exe", "\xC3\xA4");
-    const auto run = [](const std::wstring& path) {
-        return RunTime::execScript(path, {L"--all", L"50 %\\"});
+TEST_F(ProductUtilityTest, TheInterpreterGetsAScriptsWholePathAndItsArguments) {
+    RegistryOverride::setString(L"PRODUCT_ROOT_D", product_.nice());
+    const std::wstring php = product_.nice() + L"\\admin\\bin64\\php.exe";
+    EXPECT_TRUE(::CopyFileW(childProgram().c_str(), php.c_str(), TRUE));
+    const std::wstring script = product_.writeFile(L"a b\\repair.php");
+    const std::wstring nice = product_.nice() + L"\\a b\\repair.php";
+    const auto run = [](const std::wstring& path, std::vector<std::wstring> words) {
+        return startingAgain([&] { return RunTime::execScript(path, childWords(words)); });
     };
-    EXPECT_EQ(run(script).output, L"\xE4");
-    panel.refuse(2);
-    const RunTime::Execute::Result failed = run(nice);
-    EXPECT_EQ(failed.exitStatus, 3U);
-    EXPECT_EQ(failed.output, L"php.exe has refused\r\n");
-    const std::string call = "php.exe|" + toUtf8(nice) + "|--all|50 %\\";
-    EXPECT_EQ(panel.calls(), std::vector<std::string>(2, call));
-
-    expectError<VFileNotFoundException>(ERROR_FILE_NOT_FOUND,
-                                        L"Unable to execute (" + panel.root().nice() + L"\\a b)",
-                                        [&] { run(panel.root() / L"a b"); });
-    expectError<VFileNotFoundException>(ERROR_FILE_NOT_FOUND, L"Unable to execute (" + nice + L"x)",
-                                        [&] { run(script + L"x"); });
+    EXPECT_EQ(run(script, {L"line", L"50 %\\"}).output,
+              L"\"" + php + L"\" \"" + nice + L"\" --child line \"50 %\\\\\"");
+    const RunTime::Execute::Result failed = run(nice, {L"exit", L"3", L"\xE4", L"\x65E5"});
+    EXPECT_EQ(failed.exitStatus, 3U) << "not thrown: the caller judges it";
+    EXPECT_EQ(failed.output, L"\xE4\x65E5");
+    for (const wchar_t* missing : {L"a b", L"none.php"}) {
+        expectError<VFileNotFoundException>(
+            ERROR_FILE_NOT_FOUND, L"Unable to execute (" + product_.nice() + L"\\" + missing + L")",
+            [&] { run(product_ / missing, {}); });
+    }
     expectError<vosexception>(ERROR_INVALID_PARAMETER,
                               L"Unable to execute (repair.php): the whole path is needed",
-                              [&] { run(L"repair.php"); });
+                              [&] { run(L"repair.php", {}); });
 }

@@ -5,7 +5,7 @@
 #include "runtime/text.h"
 #include "tests/support/unix_call.h"
 
-#include <algorithm>
+#include <cwchar>
 #include <shellapi.h>
 #include <stdexcept>
 #include <string_view>
@@ -100,6 +100,8 @@ int run(const std::vector<std::wstring>& words) {
     } else if (what == L"directory") {
         wchar_t path[MAX_PATH];
         print(toUtf8(std::wstring(path, ::GetCurrentDirectoryW(MAX_PATH, path))));
+    } else if (what == L"line") {
+        print(toUtf8(::GetCommandLineW()));
     } else if (what == L"signal") {
         print(::SetEvent(reinterpret_cast<HANDLE>(std::stoull(words.at(1)))) ? "set" : "no");
     } else if (what == L"hold") {
@@ -110,56 +112,14 @@ int run(const std::vector<std::wstring>& words) {
     return 0;
 }
 
-// Reads a whole file; empty when it is not there.
-std::string contentOf(const std::wstring& path) {
-    std::string bytes;
-    const AutoHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                        0, nullptr));
-    char buffer[65536];
-    DWORD count = 0;
-    while (file && ::ReadFile(file.get(), buffer, sizeof buffer, &count, nullptr) && count > 0) {
-        bytes.append(buffer, count);
-    }
-    return bytes;
-}
-
-// A utility of the panel (panel_utilities.h): the directory two above its own has what it knows.
-int runAsUtility(const std::wstring& name, const std::vector<std::wstring>& words) {
-    const std::wstring root = besideTests(L"..\\..\\");
-    std::wstring call = name;
-    for (const std::wstring& word : words) {
-        call += L"|" + word;
-    }
-    const std::string line = toUtf8(call) + "\n";
-    const AutoHandle log(::CreateFileW((root + L"calls").c_str(), FILE_APPEND_DATA,
-                                       FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, 0,
-                                       nullptr));
-    DWORD written = 0;
-    if (!::WriteFile(log.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr)) {
-        return 97;
-    }
-    const std::string calls = contentOf(root + L"calls");
-    const std::string refused = contentOf(root + L"refuse");
-    if (!refused.empty() && std::count(calls.begin(), calls.end(), '\n') == std::stol(refused)) {
-        print(toUtf8(name) + " has refused\r\n", STD_ERROR_HANDLE);
-        return 3;
-    }
-    print(contentOf(root + name + L".answer"));
-    return 0;
-}
-
 // Before main, which would run tests.
 const bool isChild = [] {
     int count = 0;
     wchar_t** arguments = ::CommandLineToArgvW(::GetCommandLineW(), &count);
-    if (count > 2 && std::wstring(arguments[1]) == L"--child") {
-        ::ExitProcess(static_cast<UINT>(run({arguments + 2, arguments + count})));
-    }
-    const std::wstring folder = besideTests(L"");
-    if (folder.ends_with(L"\\admin\\bin\\") || folder.ends_with(L"\\admin\\bin64\\")) {
-        const std::wstring name = childProgram().substr(folder.size());
-        ::ExitProcess(static_cast<UINT>(runAsUtility(name, {arguments + 1, arguments + count})));
+    for (int at = 1; at <= 2 && at + 1 < count; ++at) { // behind a script's path, too
+        if (std::wcscmp(arguments[at], L"--child") == 0) {
+            ::ExitProcess(static_cast<UINT>(run({arguments + at + 1, arguments + count})));
+        }
     }
     ::LocalFree(arguments);
     return false;

@@ -1,5 +1,5 @@
 // A program for tests to start: the test program itself, which does one of these things instead of
-// running its tests when its first argument is "--child".
+// running its tests when its first argument, or the second, is "--child".
 //
 //     args WORD...       prints the code units of each word, a line each, as two parsers see them
 //     bytes HEX          prints these bytes
@@ -8,6 +8,7 @@
 //     echo               prints what it reads
 //     exit STATUS O E    prints O and E to the two streams and ends with STATUS
 //     directory          prints the current directory
+//     line               prints its command line
 //     signal HANDLE      prints whether this number is an event that can be set
 //     hold FILE EVENT    keeps FILE open and undeletable; sets EVENT; ends when EVENT + "-end" is
 //     set parent FILE EVENT  starts "hold", prints its process id and waits for its end leave FILE

@@ -1,31 +1,51 @@
-// A panel for one test: its utilities, its database, and the configuration that leads to both.
+// A test with a panel of four domains: the first and the last are hosted in the directory of
+// virtual hosts, the second is hosted elsewhere, the third is there without being hosted.
 #pragma once
 
 #include "runtime/event.h"
+#include "tests/panel/panel.h"
 #include "tests/support/database_fixture.h"
-#include "tests/support/panel_utilities.h"
+#include "tests/support/registry_override.h"
+#include "tests/support/temp_directory.h"
 
 class PanelFixture : public DatabaseFixture {
 protected:
+    using Lines = std::vector<std::string>;
+
     void SetUp() override {
         DatabaseFixture::SetUp();
-        if (!database) {
-            return;
+        if (database) {
+            panel_.build();
         }
-        const Parameters server = parameters();
-        RegistryOverride::setString(L"MySQLHost", server.host);
-        RegistryOverride::setDword(L"MySQLPort", server.port);
-        RegistryOverride::setString(L"MySQLLogin", server.user);
-        RegistryOverride::setString(L"MySQLPassword", server.password);
-        RegistryOverride::setString(L"MySQLDatabase", server.database);
-        for (const wchar_t* table : {L"hosting", L"domains", L"ftp_users", L"sys_users"}) {
-            database->execute(std::wstring(L"delete from ") + table);
-        }
-        database->execute(L"insert into sys_users (id, login, password, home) "
-                          L"values (1, 'd1', '', '')");
     }
 
-    PanelUtilities panel{{L"webhostctl.exe"}, {L"relink_tool.exe"}};
+    // The calls of utilities since the last time: their words with blanks between them.
+    Lines takeCalls() const {
+        Lines lines;
+        for (const panel::Words& words : panel_.store().calls()) {
+            std::wstring line;
+            for (const std::wstring& word : words) {
+                line += (line.empty() ? L"" : L" ") + word;
+            }
+            lines.push_back(toUtf8(line));
+        }
+        panel_.store().forgetCalls();
+        return lines;
+    }
+
+    // The n-th call from now that has the text in it fails, with what it should have done done or
+    // not; 0: none.
+    void failCall(int n, const wchar_t* text, bool isDone) const {
+        panel_.store().forgetCalls();
+        panel_.store().setControl({{isDone ? L"half" : L"fail", std::to_wstring(n == 0 ? 9999 : n),
+                                    text, L"3", L"it has refused"}});
+    }
+
+    const TempDirectory directory_;
+    const RegistryOverride registry_;
+    const panel::Panel panel_{directory_.nice(), {.domains = 4, .files = 0}};
+    const std::wstring from_ = panel_.vhosts();
+    const std::wstring to_ = directory_.nice() + L"\\new place";
 };
 
 // What a component of a move raises, in order: totals as numbers, names as they are. One of them

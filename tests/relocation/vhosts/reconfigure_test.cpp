@@ -7,14 +7,12 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 class ReconfigureTest : public PanelFixture {
 protected:
     // Its number in the list is the domain's.
     void addHostings(const std::vector<std::wstring>& roots) {
         for (const std::wstring& root : roots) {
-            const std::wstring name = std::to_wstring(++hostings_);
+            const std::wstring name = std::to_wstring(100 + ++hostings_);
             database->execute(L"insert into domains (id, name, htype) values (?, ?, 'vrt_hst')",
                               {name, name});
             database->execute(L"insert into hosting values (?, 1, ?, NULL)", {name, root});
@@ -23,7 +21,8 @@ protected:
 
     std::vector<std::wstring> roots() {
         std::vector<std::wstring> result;
-        const auto rows = database->query(L"select www_root from hosting order by dom_id");
+        const auto rows =
+            database->query(L"select www_root from hosting where dom_id > 100 order by dom_id");
         while (rows->next()) {
             result.push_back(rows->value(L"www_root"));
         }
@@ -112,7 +111,7 @@ TEST_F(ReconfigureTest, AFailureInTheMiddleLeavesAllRootsAsTheyWere) {
                                            L"E:\\new\\x"};
     addHostings(before);
     database->execute(L"create trigger refuse before update on hosting for each row "
-                      L"if old.dom_id = 3 then signal sqlstate '45000' set message_text = 'no'; "
+                      L"if old.dom_id = 103 then signal sqlstate '45000' set message_text = 'no'; "
                       L"end if");
     WwwRootReconfigure roots;
     Watch watch(roots);
@@ -159,46 +158,48 @@ TEST_F(ReconfigureTest, AListenerStopsAStepBeforeItsWork) {
 }
 
 TEST_F(ReconfigureTest, TheUtilityReconfiguresAspNetAndPhp) {
-    const auto steps = [&](int refuse) {
-        panel.forget();
-        panel.refuse(refuse);
-    };
+    const std::string before = panel_.statements();
+    const std::string from = toUtf8(from_);
+    const std::string to = toUtf8(to_);
+    const std::string aspNetCall = "relink_tool.exe --reconfigure-aspnet-settings --old-path=";
+    const std::string phpCall = "relink_tool.exe --reconfigure-php-settings --old-path=";
     AspNetReconfigure aspNet;
+    PHPSettingsReconfigure php(L"", L"");
     Watch watch(aspNet);
-    const std::string aspNetCall = "relink_tool.exe|--reconfigure-aspnet-settings|--old-path=";
-    const std::string phpCall = "relink_tool.exe|--reconfigure-php-settings|--old-path=";
-    {
-        steps(0);
-        EXPECT_FALSE(aspNet.reconfigure(L"\\\\?\\D:\\v hosts\\", L"E:\\new", true));
-        EXPECT_FALSE(aspNet.reconfigure(aspNet.get_toPath(), aspNet.get_fromPath(), false));
-        AspNetReconfigure never;
-        EXPECT_FALSE(never.reconfigure(L"", L"", false));
-        PHPSettingsReconfigure php(L"", L"");
-        php.rollback();
-        php.reconfigure(L"\\\\?\\D:\\v hosts\\", L"\\\\?\\E:\\new");
-        php.rollback();
-        EXPECT_EQ(panel.calls(), (Lines{aspNetCall + "D:\\v hosts\\", aspNetCall + "E:\\new",
-                                        phpCall + "D:\\v hosts\\", phpCall + "E:\\new"}));
-    }
+    aspNet.reconfigure(L"", L"", false); // a step that has never run
+    php.rollback();
+    EXPECT_EQ(takeCalls(), Lines{});
+    watch.events.clear();
+
+    RegistryOverride::setString(L"HTTPD_VHOSTS_D", to_);
+    EXPECT_FALSE(aspNet.reconfigure(L"\\\\?\\" + from_, L"\\\\?\\" + to_, true));
+    php.reconfigure(L"\\\\?\\" + from_, L"\\\\?\\" + to_);
+    EXPECT_EQ(takeCalls(), (Lines{aspNetCall + from, phpCall + from}));
+    EXPECT_NE(panel_.statements().find("open_basedir | " + to), std::string::npos);
+    RegistryOverride::setString(L"HTTPD_VHOSTS_D", from_);
+    EXPECT_FALSE(aspNet.reconfigure(aspNet.get_toPath(), aspNet.get_fromPath(), false));
+    php.rollback();
+    EXPECT_EQ(takeCalls(), (Lines{aspNetCall + to, phpCall + to}));
+    EXPECT_EQ(panel_.statements(), before);
     const std::string step = "Reconfigure ASP.NET settings";
     EXPECT_EQ(watch.events, (Lines{"1", step, "1", step}));
 
-    const std::string refused = "relink_tool.exe has refused";
+    const std::wstring refused = L"it has refused";
     for (const bool forward : {true, false}) {
-        steps(1);
         watch.events.clear();
-        EXPECT_FALSE(aspNet.reconfigure(L"D:\\vhosts", L"E:\\new", forward));
+        failCall(1, L"", false);
+        EXPECT_FALSE(aspNet.reconfigure(from_, to_, forward));
         Lines events{"1", step};
         if (forward) {
-            events.push_back("Failed to reconfigure ASP.NET settings: " + refused);
+            events.push_back("Failed to reconfigure ASP.NET settings: it has refused");
         }
         EXPECT_EQ(watch.events, events);
+        EXPECT_EQ(aspNet.get_failure(), L"Failed to reconfigure ASP.NET settings: " + refused);
     }
-    PHPSettingsReconfigure php(L"", L"");
-    steps(1);
-    expectError<vexception>(L"Unable to reconfigure PHP settings: " + toWide(refused),
-                            [&] { php.reconfigure(L"D:\\vhosts", L"E:\\new"); });
-    steps(1);
-    expectError<vexception>(L"Unable to rollback PHP settings reconfiguration: " + toWide(refused),
+    failCall(1, L"", false);
+    expectError<vexception>(L"Unable to reconfigure PHP settings: " + refused,
+                            [&] { php.reconfigure(from_, to_); });
+    failCall(1, L"", false);
+    expectError<vexception>(L"Unable to rollback PHP settings reconfiguration: " + refused,
                             [&] { php.rollback(); });
 }

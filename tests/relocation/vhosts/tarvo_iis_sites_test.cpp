@@ -2,33 +2,18 @@
 
 #include "relocation/vhosts/site_list.h"
 #include "runtime/com.h"
+#include "runtime/files/path.h"
 #include "runtime/process/product_utility.h"
 #include "tests/relocation/vhosts/panel_fixture.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 class TarvoIIsSitesTest : public PanelFixture {
 protected:
-    void addDomain(const wchar_t* name, const wchar_t* hosting) {
-        database->execute(L"insert into domains (name, htype) values (?, ?)", {name, hosting});
-    }
-
-    // The two calls that follow one site.
-    static Lines updateOf(const std::string& site, const std::string& from, const std::string& to) {
-        const auto call = [&](const char* utility, std::size_t skipFrom, std::size_t skipTo) {
-            return utility + ("|--update-site-paths|--site-name=" + site) +
-                   "|--old-path=" + from.substr(skipFrom) + "|--new-path=" + to.substr(skipTo);
-        };
-        const auto prefix = [](const std::string& path) {
-            return path.starts_with("\\\\?\\") ? 4U : 0U;
-        };
-        return {call("webhostctl.exe", 0, 0), call("relink_tool.exe", prefix(from), prefix(to))};
-    }
-
-    static void append(Lines& lines, const Lines& more) {
-        lines.insert(lines.end(), more.begin(), more.end());
+    void addSite(const wchar_t* name, const std::wstring& root) const {
+        std::vector<panel::Setting> settings = panel_.store().settings();
+        settings.push_back({L"iis", name, L"root", root});
+        panel_.store().write(settings);
     }
 };
 
@@ -79,131 +64,114 @@ TEST(SiteListTest, OnlyPlainDocumentsAreRead) {
     EXPECT_EQ(parseSiteList(many + L"</sites>").at(4999).path, L"D:\\vhosts\\4999");
 }
 
-TEST_F(TarvoIIsSitesTest, SitesOfDomainsAndThoseInTheDirectoryFollowAndAreRestored) {
-    addDomain(L"A.example", L"vrt_hst");
-    addDomain(L"\x411\x430\x43D\x43A.example", L"VRT_HST");
-    addDomain(L"elsewhere.example", L"std_fwd");
-    addDomain(L"forwarded.example", L"None");
-    addDomain(L"without-site.example", L"vrt_hst");
-    panel.answer(L"webhostctl.exe",
-                 "<sites><site name='a.EXAMPLE' path='D:\\vhosts\\a\\httpdocs'/>"
-                 "<site name='\xD0\xB1\xD0\x90\xD0\x9D\xD0\x9A.example' path='D:\\vhosts\\b'/>"
-                 "<site name='elsewhere.example' path='E:\\sites\\x'/>"
-                 "<site name='forwarded.example' path='D:\\vhosts\\forwarded'/>"
-                 "<site name='Webmail &quot;50 %&quot;' path='d:/VHosts/webmail'/>"
-                 "<site name='default\\' path='\\\\?\\D:\\vhosts'/>"
-                 "<site name='beside' path='D:\\vhosts2\\x'/><site name='above' path='D:\\'/>"
-                 "<site name='out' path='D:\\vhosts\\..\\x'/>"
-                 "<site name='no path'/><site path='D:\\vhosts\\no-name'/></sites>");
-    const std::string bank = "\xD0\xB1\xD0\xB0\xD0\xBD\xD0\xBA.example";
-    const std::pair<std::string, std::string> expected[] = {
-        {"a.example", "D:\\vhosts\\a\\httpdocs"},
-        {"default\\", "\\\\?\\D:\\vhosts"},
-        {"elsewhere.example", "E:\\sites\\x"},
-        {"webmail \"50 %\"", "\\\\?\\D:\\vhosts"},
-        {bank, "D:\\vhosts\\b"},
+TEST_F(TarvoIIsSitesTest, SitesOfDomainsAndThoseInTheDirectoryFollowAndComeBack) {
+    std::wstring slashes = from_;
+    std::replace(slashes.begin(), slashes.end(), L'\\', L'/');
+    addSite(L"Typed \"50 %\"\\", slashes + L"/typed");
+    addSite(L"beside", from_ + L"2\\x");
+    addSite(L"above", directory_.nice());
+    addSite(L"out", from_ + L"\\..\\x");
+    addSite(L"no path", L"");
+    addSite(L"", from_ + L"\\no name");
+    const std::string before = panel_.statements();
+    const std::wstring oldRoot = RunTime::longPath(from_);
+    const std::wstring newRoot = RunTime::longPath(to_);
+    const std::pair<std::wstring, std::wstring> expected[] = {
+        // A domain's site has its own path, any other the directory's.
+        {L"b\xFC"
+         L"cher2.example",
+         panel_.elsewhere() + L"\\b\xFC"
+                              L"cher2.example\\www"},
+        {L"shop1.example", from_ + L"\\Shop1.example\\www"},
+        {L"sites preview", oldRoot},
+        {L"typed \"50 %\"\\", oldRoot},
+        {L"webmail", oldRoot},
+        {L"\x43F\x440\x438\x43C\x435\x440"
+         L"4.example",
+         from_ + L"\\\x43F\x440\x438\x43C\x435\x440"
+                 L"4.example\\www"},
     };
     TarvoIIsSites sites;
     StepWatch watch(sites);
-    EXPECT_FALSE(sites.change(L"\\\\?\\D:\\vhosts", L"\\\\?\\E:\\new hosts\\"));
+    EXPECT_FALSE(sites.change(oldRoot, newRoot));
     EXPECT_TRUE(sites.isPending());
-    Lines calls{"webhostctl.exe|--get-sites-root-path"};
-    Lines events{"5"};
+    Lines calls{"webhostctl.exe --get-sites-root-path"};
+    Lines undoCalls;
+    Lines events{"6"};
+    Lines undoEvents{"6"};
     for (const auto& [name, path] : expected) {
-        append(calls, updateOf(name, "\\\\?\\D:\\vhosts", "\\\\?\\E:\\new hosts\\"));
-        events.push_back("Configure IIS site: " + name);
-        EXPECT_EQ(toUtf8(sites.get_sites().at(toWide(name))), path);
+        EXPECT_EQ(toUtf8(sites.get_sites().at(name)), toUtf8(path));
+        const auto add = [&, site = name](Lines& to, const std::wstring& old,
+                                          const std::wstring& now) {
+            const std::wstring words = L" --update-site-paths --site-name=" + site;
+            to.push_back(
+                toUtf8(L"webhostctl.exe" + words + L" --old-path=" + old + L" --new-path=" + now));
+            to.push_back(toUtf8(L"relink_tool.exe" + words + L" --old-path=" +
+                                RunTime::nicePath(old) + L" --new-path=" + RunTime::nicePath(now)));
+        };
+        add(calls, oldRoot, newRoot);
+        add(undoCalls, newRoot, path);
+        events.push_back("Configure IIS site: " + toUtf8(name));
+        undoEvents.push_back("Restore: " + toUtf8(name));
     }
-    EXPECT_EQ(panel.calls(), calls);
+    EXPECT_EQ(sites.get_sites().size(), std::size(expected));
+    EXPECT_EQ(takeCalls(), calls);
     EXPECT_EQ(watch.events, events);
-
-    panel.forget();
     watch.events.clear();
-    watch.cancelAt = 1;
+    watch.cancelAt = 1; // which a rollback does not heed
     EXPECT_FALSE(sites.rollback());
-    calls.clear();
-    events = {"5"};
-    for (const auto& [name, path] : expected) {
-        append(calls, updateOf(name, "\\\\?\\E:\\new hosts\\", path));
-        events.push_back("Restore: " + name);
-    }
-    EXPECT_EQ(panel.calls(), calls);
-    EXPECT_EQ(watch.events, events);
+    EXPECT_EQ(takeCalls(), undoCalls);
+    EXPECT_EQ(watch.events, undoEvents);
+    EXPECT_EQ(panel_.statements(), before);
+
     EXPECT_FALSE(sites.isPending());
+    watch.events.clear();
+    EXPECT_FALSE(sites.rollback());
+    EXPECT_EQ(watch.events, Lines{"0"});
+    EXPECT_EQ(takeCalls(), Lines{});
 }
 
-TEST_F(TarvoIIsSitesTest, WithoutSitesNothingIsRunAndNothingIsRestored) {
-    panel.answer(L"webhostctl.exe", "<sites/>");
-    TarvoIIsSites sites;
-    StepWatch watch(sites);
-    EXPECT_FALSE(sites.rollback());
-    EXPECT_FALSE(sites.change(L"D:\\vhosts", L"E:\\vhosts"));
-    EXPECT_FALSE(sites.rollback());
-    EXPECT_EQ(watch.events, (Lines{"0", "0", "0"}));
-    EXPECT_EQ(panel.calls(), Lines{"webhostctl.exe|--get-sites-root-path"});
-}
-
-TEST_F(TarvoIIsSitesTest, AListenerStopsTheChangeAtAnyEvent) {
-    panel.answer(L"webhostctl.exe", "<sites><site name='a' path='D:\\vhosts\\a'/>"
-                                    "<site name='b' path='D:\\vhosts\\b'/></sites>");
-    for (std::size_t at = 1; at <= 3; ++at) {
-        panel.forget();
+// Whatever ends a change, and whatever ends the first rollback, everything comes back.
+TEST_F(TarvoIIsSitesTest, AFailureOrAListenerLeavesWhatRollbackNeeds) {
+    const std::string before = panel_.statements();
+    struct Case {
+        int call;          // of updates that fails, forward and then back
+        std::size_t event; // that cancels
+        std::size_t left;  // sites for the last rollback
+    };
+    for (const Case& c : {Case{1, 0, 5}, {4, 0, 4}, {0, 4, 5}}) {
+        SCOPED_TRACE(std::to_string(c.call) + " " + std::to_string(c.event));
         TarvoIIsSites sites;
         StepWatch watch(sites);
-        watch.cancelAt = at;
+        watch.cancelAt = c.event;
+        failCall(c.call, L"--update-site-paths", true);
         try {
-            sites.change(L"D:\\vhosts", L"E:\\vhosts");
-            ADD_FAILURE() << "not cancelled at event " << at;
+            sites.change(from_, to_);
+            ADD_FAILURE() << "nothing was thrown";
         } catch (const CanceledException& e) {
             EXPECT_EQ(e.message(), L"Canceled!");
             EXPECT_EQ(e.frames().front().function, "TarvoIIsSites::change");
-        }
-        EXPECT_EQ(panel.calls().size(), at == 3 ? 3U : 1U);
-        EXPECT_TRUE(sites.isPending());
-        sites.commit();
-        EXPECT_FALSE(sites.isPending());
-        EXPECT_TRUE(sites.get_sites().empty());
-    }
-}
-
-// Whichever call of a utility fails, forward or back, one more rollback points every site back.
-TEST_F(TarvoIIsSitesTest, AFailingUtilityLeavesWhatRollbackNeeds) {
-    panel.answer(L"webhostctl.exe", "<sites><site name='a' path='D:\\vhosts\\a'/>"
-                                    "<site name='b' path='D:\\vhosts\\b'/></sites>");
-    const std::wstring refused[] = {L"webhostctl.exe has refused", L"relink_tool.exe has refused"};
-    for (const int n : {1, 2, 5, 6, 9}) { // 1: the list; 2 to 5: forward; 6 to 9: back
-        SCOPED_TRACE("failing call " + std::to_string(n));
-        panel.forget();
-        panel.refuse(n);
-        TarvoIIsSites sites;
-        bool failed = false;
-        try {
-            sites.change(L"D:\\vhosts", L"E:\\vhosts");
-            sites.rollback();
+            EXPECT_EQ(takeCalls().size(), 5U);
         } catch (const RunTime::UtilityException& e) {
-            failed = true;
-            EXPECT_EQ(e.message(), refused[n == 1 ? 0 : n % 2]);
+            EXPECT_EQ(e.message(), L"it has refused");
+            EXPECT_EQ(takeCalls().size(), 1 + static_cast<std::size_t>(c.call));
         }
-        EXPECT_TRUE(failed);
-        EXPECT_EQ(sites.isPending(), n > 1);
-        const std::size_t left = n == 1 ? 0 : n < 8 ? 2 : 1;
-        EXPECT_EQ(sites.get_sites().size(), left);
-        panel.refuse(0);
-        panel.forget();
-        sites.rollback();
-        Lines calls;
-        for (const char* site : {"a", "b"}) {
-            if (left == 2 || (left == 1 && *site == 'b')) {
-                append(calls, updateOf(site, "E:\\vhosts", "D:\\vhosts"));
-            }
+        failCall(c.call, L"--update-site-paths", false);
+        if (c.call != 0) {
+            EXPECT_THROW(sites.rollback(), RunTime::UtilityException);
         }
-        EXPECT_EQ(panel.calls(), calls);
+        EXPECT_EQ(sites.get_sites().size(), c.left);
+        failCall(0, L"", false);
+        EXPECT_FALSE(sites.rollback());
+        EXPECT_EQ(takeCalls().size(), 2 * c.left);
+        EXPECT_EQ(panel_.statements(), before);
     }
-    // The panel's database does not answer: no site is known, none is changed.
-    database->execute(L"rename table domains to domains_away");
+    // Without the list or the panel's database no site is known, and none is changed.
     TarvoIIsSites sites;
-    EXPECT_THROW(sites.change(L"D:\\vhosts", L"E:\\vhosts"), VDatabase::StatementException);
-    database->execute(L"rename table domains_away to domains");
+    failCall(1, L"--get-sites", false);
+    EXPECT_THROW(sites.change(from_, to_), RunTime::UtilityException);
+    RegistryOverride::setDword(L"MySQLPort", 1);
+    EXPECT_THROW(sites.change(from_, to_), VDatabase::ConnectException);
     EXPECT_TRUE(sites.get_sites().empty());
     EXPECT_FALSE(sites.isPending());
 }
