@@ -27,9 +27,10 @@ namespace zopobsolete {
 
 // A public method, as spans and error texts name it.
 struct CallSite {
-    const char* function;   // "zopobsolete::" + class + "::" + member; an accessor ends in "::get"
-    std::int32_t line;      // where the method begins: the line of its span
-    std::int32_t catchLine; // the line of its handlers: the one in error texts
+    // "zopobsolete::" + class + "::" + member; an accessor ends in "::get"
+    const char* function = nullptr;
+    std::int32_t line = 0;      // where the method begins: the line of its span
+    std::int32_t catchLine = 0; // the line of its handlers: the one in error texts
     // What error texts say of the call beside its place. The payload may set it: it is read when
     // the payload has thrown.
     const std::wstring* text = nullptr;

@@ -46,6 +46,12 @@ TEST_F(CancelKeyTest, CancelsTheWorkByFlagAndByRequest) {
     EXPECT_TRUE(press().starts_with("Cancelling already"));
 }
 
+TEST_F(CancelKeyTest, ARepairIsCancelledAndKeepsWhatItDid) {
+    key_.enter(Stage::Repairing);
+    EXPECT_EQ(press(), "Cancelling; what was done stays...");
+    EXPECT_TRUE(isHeard());
+}
+
 TEST_F(CancelKeyTest, ARequestThatNobodyHeardDoesNotReachTheRollback) {
     key_.enter(Stage::Working);
     press();

@@ -5,7 +5,9 @@
 #include "runtime/accounts/user_information.h"
 #include "runtime/database/zop_database.h"
 #include "runtime/files/file.h"
+#include "runtime/registry/config_values.h"
 #include "runtime/thread_cancelation.h"
+#include "security/disk/path_variables.h"
 #include "security/hosting/hosting_root.h"
 #include "security/hosting/security_manager.h"
 #include "security/hosting/undo.h"
@@ -112,7 +114,7 @@ private:
     void look() {
         const std::wstring root = options_.root;
         try {
-            HostingSecurity::HostingRoot::findPlace(root);
+            domain_ = HostingSecurity::HostingRoot::findPlace(root).domainName();
             isThere_ = RunTime::isDirectory(root);
             isFile_ = !isThere_ && RunTime::exists(root);
         } catch (const HostingSecurity::RootCorrelationException& e) {
@@ -129,8 +131,21 @@ private:
                                : L"There is no directory " + quoted(root) + L".",
                        L"Without --read-only it is made."};
         }
+        if (!options_.readOnly) {
+            requirePlaceForOldPermissions();
+        }
         if (!options_.forwarding) {
             askPanel();
+        }
+    }
+
+    static void requirePlaceForOldPermissions() {
+        try {
+            DiskSecurity::PathVariables().value(config::name::productData);
+        } catch (const vexception& e) {
+            throw Stop{ExitCode::Failed, e.message(),
+                       L"The configuration value PRODUCT_DATA_D must name the panel's data "
+                       L"directory, where replaced permissions are kept."};
         }
     }
 
@@ -149,6 +164,9 @@ private:
                 throw Stop{ExitCode::Refused, e.message(),
                            L"Give the login of the hosting's account as the panel has it."};
             }
+            if (!options_.webuser) {
+                askForPool(panel);
+            }
         } catch (const VDatabase::ConnectException& e) {
             throw Stop{ExitCode::Failed, e.message(),
                        L"Start the panel's database server; the configuration values MySQLHost, "
@@ -163,6 +181,18 @@ private:
             }
         } catch (const vexception& e) {
             throw Stop{ExitCode::Failed, e.message(), {}};
+        }
+    }
+
+    void askForPool(ZOPDatabase& panel) const {
+        try {
+            panel.getAppPoolUser(domain_);
+        } catch (const VDatabase::StatementException&) {
+            throw;
+        } catch (const vexception& e) {
+            throw Stop{ExitCode::Refused, e.message(),
+                       L"ROOT must be that of a domain with a web site. For a domain that only "
+                       L"forwards there is --forwarding, for a web user --webuser."};
         }
     }
 
@@ -376,6 +406,7 @@ private:
     const HostingCheckOptions& options_;
     Console& console_;
     CancelKey key_;
+    std::wstring domain_;
     bool isThere_ = false; // the root, as a directory
     bool isFile_ = false;
     bool madeRoot_ = false;
@@ -481,9 +512,9 @@ ExitCode runHostingCheck(const std::vector<std::wstring>& arguments, Console& co
 }
 
 ExitCode runHostingUndo(const std::vector<std::wstring>& arguments, Console& console) {
-    return runParsed(
-        parseHostingUndo(arguments), console,
-        [&](const HostingUndoOptions& options) { return HostingUndo(options, console).run(); });
+    return runParsed(parseHostingUndo(arguments), console, [&](const HostingUndoOptions& options) {
+        return HostingUndo(options, console).run();
+    });
 }
 
 } // namespace zopctl
