@@ -113,6 +113,8 @@ public:
     void Dispose();
 
 private:
+    template <class Move>
+    bool change(Move&& move);
     std::shared_ptr<VirtualHostsLocationProxy> native();
 
     std::shared_ptr<VirtualHostsLocationProxy> proxy_; // shared with the operation that runs

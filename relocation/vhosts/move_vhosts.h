@@ -15,6 +15,7 @@
 #include "relocation/vhosts/folded_progress.h"
 #include "relocation/vhosts/multiple_key_value_change.h"
 #include "relocation/vhosts/php_settings_reconfigure.h"
+#include "relocation/vhosts/saved_file.h"
 #include "relocation/vhosts/tarvo_iis_sites.h"
 #include "relocation/vhosts/user_list.h"
 #include "relocation/vhosts/www_root_reconfigure.h"
@@ -23,6 +24,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,12 +60,16 @@ public:
     // Of the tree's mover, with the homes that it leaves to theirs.
     using backupmove::get_copyOwner;
     using backupmove::get_failed;
-    using backupmove::get_leftBehind;
-    using backupmove::get_pendingRestart;
     using backupmove::get_report;
     using backupmove::get_streams;
     using backupmove::set_copyOwner;
     using backupmove::set_streams;
+
+    // Whether a completed move waits for commit() or rollback().
+    bool isMoved() const noexcept { return !oldPath_.empty(); }
+    // Of the last commit(), rollback() or undo(), the homes included (backupmove).
+    const std::vector<std::wstring>& get_leftBehind() const noexcept { return leftBehind_; }
+    const std::vector<std::wstring>& get_pendingRestart() const noexcept { return pendingRestart_; }
 
     FoldedProgress::Cost progressEvent_Cost; // amount of work, cancel
     FoldedProgress::Name progressEvent_Name; // name, position, names so far, delta, cancel
@@ -71,4 +78,83 @@ public:
     Event<const std::wstring&> errorEvent;                 // message
     Event<const std::wstring&, bool&> ignorebleErrorEvent; // message, ignore
     Event<std::int32_t, const std::wstring&> stepEvent;    // number from 1 to 19, its log line
+
+private:
+    // What may have to be put back. Each is noted before it is touched.
+    enum class Part {
+        FtpSites,
+        Setting, // "HTTPD_VHOSTS_D"
+        Installer,
+        Servers,
+        Webmail,
+        Tree,
+        Sites,
+        Users,
+        WwwRoot,
+        AppVault,
+        AspNet,
+        Php,
+        Target, // directories made for it
+    };
+    // What undo() goes by. It outlives clearVars().
+    struct Record {
+        std::set<Part> begun;
+        std::wstring from; // as step 3 made them
+        std::wstring to;
+        std::wstring setting;
+        bool renamed = false; // a rename moved the tree
+        std::optional<InstallerPaths> installer;
+        std::wstring serversAside; // where the directory of the FTP server waits for commit()
+        std::optional<SavedFile> webmail;
+        std::vector<std::wstring> made; // outermost first
+    };
+    class PuttingBack;
+
+    void registerHooks();
+    void saveVars();
+    void clearVars() noexcept;
+    bool start(const std::wstring* from, const std::wstring& to);
+    bool moveInternal(const std::wstring& from, const std::wstring& to);
+    void begin(Part part) { record_.begun.insert(part); }
+    bool isBegun(Part part) const { return record_.begun.contains(part); }
+
+    void makeTarget();
+    void moveTree();
+    void reconfigure(int number, const wchar_t* logLine, Part part, Reconfigure* what);
+    static std::wstring webmailFile(const std::wstring& vhosts);
+    void fixWebmail();
+    void setServersAside();
+    void removeServersAside();
+
+    bool putBack(bool ftpMayFail);
+    void restoreSetting();
+    void restoreWebmail();
+    void restoreUsers(bool& canceled);
+    void removeTarget();
+    bool treeIsAway() const;
+    void gatherLeftovers();
+
+    void enterStep(std::int32_t number, const wchar_t* logLine);
+    void checkCanceled();
+    void nameStep(const wchar_t* name);
+    void runUtil(const std::vector<std::wstring>& arguments, const std::wstring& program,
+                 bool is64Bit);
+    void runCreationUtil(const std::wstring& script, const std::vector<std::wstring>& arguments);
+
+    std::shared_ptr<UserManagement::IUserInformation> information_;
+    UserList users_;
+    TarvoIIsSites sites_;
+    FoldedProgress progress_;
+    // Null: the step is passed by.
+    std::unique_ptr<AppVaultReconfigure> appVault_;
+    std::unique_ptr<WwwRootReconfigure> wwwRoot_;
+    std::unique_ptr<AspNetReconfigure> aspNet_;
+    std::unique_ptr<PHPSettingsReconfigure> phpSettings_;
+    std::wstring oldPath_;
+    InstallerPaths installerPaths_;
+    Record record_;
+    bool committing_ = false;
+    std::vector<std::wstring> leftBehind_;
+    std::vector<std::wstring> pendingRestart_;
+    std::vector<Hook> hooks_; // after the events they hook, so they go first
 };

@@ -42,8 +42,8 @@ public:
     void change(const Text& newPath);
 
     // Writes the saved text of every record back, changed or not. One that cannot be written is
-    // reported (log, tracing span) and passed by.
-    void restore();
+    // reported (log, tracing span) and passed by; the result is whether there was none.
+    bool restore();
 
     // Forgets the records and the old path; the registry stays as it is.
     void clear() noexcept {
@@ -100,16 +100,19 @@ void MultipleKeyValueChange<Text, type, Traits>::change(const Text& newPath) {
 }
 
 template <class Text, DWORD type, class Traits>
-void MultipleKeyValueChange<Text, type, Traits>::restore() {
+bool MultipleKeyValueChange<Text, type, Traits>::restore() {
     const NativeSpan span("MultipleKeyValueChange::restore", __LINE__);
+    bool whole = true;
     for (Traits& entry : entries_) {
         try {
             entry.restore();
         } catch (...) { // the others must still be put back
             reportFailure(span, L"Unable to restore old value (" + entry.getKeyName() + L"\\" +
                                     entry.getValueName() + L")");
+            whole = false;
         }
     }
+    return whole;
 }
 
 template <class Text, DWORD type, class Traits>

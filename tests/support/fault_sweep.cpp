@@ -213,6 +213,12 @@ std::map<std::string, long> countCalls(const std::function<void()>& fn) {
     return counts;
 }
 
+FaultPause::FaultPause() : thread_(sweep.thread.exchange(0)) {}
+
+FaultPause::~FaultPause() {
+    sweep.thread = thread_;
+}
+
 FaultExclusion::FaultExclusion(std::set<std::string> functions) : before_(excludedByTest) {
     excludedByTest.merge(functions);
 }

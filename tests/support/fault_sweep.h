@@ -46,6 +46,18 @@ inline FaultOutcome runWithFault(long n, DWORD code, const std::function<void()>
 // How often fn calls which function: what a fault could hit. Exceptions pass.
 std::map<std::string, long> countCalls(const std::function<void()>& fn);
 
+// While it lives nothing counts and nothing fails: for what stands in another program's place.
+class FaultPause {
+public:
+    FaultPause();
+    ~FaultPause();
+    FaultPause(const FaultPause&) = delete;
+    FaultPause& operator=(const FaultPause&) = delete;
+
+private:
+    DWORD thread_;
+};
+
 // Functions that are left out besides, for as long as the object lives.
 class FaultExclusion {
 public:

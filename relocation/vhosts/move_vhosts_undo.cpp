@@ -1,0 +1,214 @@
+// How MoveVHosts puts back what a move has changed.
+#include "relocation/vhosts/move_vhosts.h"
+
+#include "config/tarvo_srv_client.h"
+#include "relocation/failure.h"
+#include "runtime/exception.h"
+#include "runtime/files/file.h"
+#include "runtime/log_manager.h"
+#include "runtime/native_span.h"
+#include "runtime/thread_cancelation.h"
+
+// Attempts one part after another and gathers what fails.
+class MoveVHosts::PuttingBack {
+public:
+    PuttingBack(MoveVHosts& owner, const NativeSpan& span) : owner_(owner), span_(span) {}
+
+    // A part that succeeds, or was not begun, has nothing left to do.
+    template <class Action>
+    void attempt(Part part, const wchar_t* name, Action&& action) {
+        if (!owner_.isBegun(part)) {
+            return;
+        }
+        try {
+            action();
+            owner_.record_.begun.erase(part);
+        } catch (...) {
+            report(name);
+            failures_ +=
+                (failures_.empty() ? L"" : L"; ") + std::wstring(name) + L": " + currentCause();
+        }
+    }
+
+    // For what may fail: it is said, and no more.
+    template <class Action>
+    void attemptAside(const wchar_t* name, Action&& action) {
+        try {
+            action();
+        } catch (...) {
+            report(name);
+        }
+    }
+
+    const std::wstring& failures() const noexcept { return failures_; }
+
+private:
+    void report(const wchar_t* name) const {
+        reportFailure(span_, name);
+        try {
+            owner_.errorEvent.raise(std::wstring(name) + L": " + currentCause());
+        } catch (...) { // a listener; the parts that follow must still be put back
+            logFailure(name);
+        }
+    }
+
+    MoveVHosts& owner_;
+    const NativeSpan& span_;
+    std::wstring failures_;
+};
+
+bool MoveVHosts::rollback() {
+    return isMoved() && putBack(true);
+}
+
+bool MoveVHosts::undo() {
+    return putBack(false);
+}
+
+bool MoveVHosts::putBack(bool ftpMayFail) {
+    const NativeSpan span("MoveVHosts::rollback", __LINE__);
+    const ThreadCancelation::CancelationPoint shielded(false);
+    const FoldedProgress::Shield shield(progress_);
+    if (record_.begun.empty()) {
+        clearVars();
+        return false;
+    }
+    if (committing_) { // old copies are gone
+        throw vexception(L"Unable to rollback: the commit has begun and must be repeated",
+                         {L"", "MoveVHosts::rollback", __LINE__});
+    }
+    leftBehind_.clear();
+    pendingRestart_.clear();
+    progress_.clear(); // a failure may have left frames of homes
+    progress_.push();
+
+    PuttingBack parts(*this, span);
+    bool canceled = false;
+    // What the utilities do follows the setting.
+    const auto needSetting = [&] {
+        if (isBegun(Part::Setting)) {
+            throw vexception(L"HTTPD_VHOSTS_D has not been put back",
+                             {L"", "MoveVHosts::rollback", __LINE__});
+        }
+    };
+    const auto reconfigureBack = [&](Part part, const wchar_t* name, Reconfigure* what) {
+        parts.attempt(part, name, [&] {
+            needSetting();
+            what->reconfigure(record_.to, record_.from, false);
+            if (!what->get_failure().empty()) {
+                throw vexception(what->get_failure(), {L"", "MoveVHosts::rollback", __LINE__});
+            }
+        });
+    };
+    constexpr const wchar_t* ftpFailure = L"Unable to restore IIS FTP settings";
+
+    parts.attemptAside(ftpFailure, [&] {
+        checkCanceled();
+        nameStep(L"Reconfigure FTP server: first stage");
+        runUtil({L"--remove-all"}, L"ftphostctl.exe", true);
+    });
+    parts.attempt(Part::Setting, L"Unable to restore HTTPD_VHOSTS_D", [&] { restoreSetting(); });
+    parts.attempt(Part::Installer, L"Unable to restore the installer's values", [&] {
+        if (!record_.installer->restore()) {
+            throw vexception(L"the log says which", {L"", "MoveVHosts::rollback", __LINE__});
+        }
+    });
+    parts.attempt(Part::Servers, L"Unable to restore the directory of the FTP server", [&] {
+        RunTime::moveEx(record_.serversAside, RunTime::combine(record_.from, L"Servers"));
+    });
+    parts.attempt(Part::Webmail, L"Unable to restore the webmail settings",
+                  [&] { restoreWebmail(); });
+    parts.attempt(Part::Tree, L"Unable to restore the directory of virtual hosts",
+                  [&] { backupmove::rollback(); });
+    parts.attempt(Part::Sites, L"Unable to restore IIS sites", [&] {
+        const bool stopped = sites_.rollback();
+        canceled = canceled || stopped;
+    });
+    parts.attempt(Part::Users, L"Unable to restore users", [&] { restoreUsers(canceled); });
+    reconfigureBack(Part::WwwRoot, L"Unable to restore www roots", wwwRoot_.get());
+    reconfigureBack(Part::AppVault, L"Unable to restore application vaults", appVault_.get());
+    reconfigureBack(Part::AspNet, L"Unable to restore ASP.NET settings", aspNet_.get());
+    parts.attempt(Part::Php, L"Unable to restore PHP settings", [&] {
+        needSetting();
+        phpSettings_->rollback();
+    });
+    parts.attempt(Part::Target, L"Unable to remove the directory made for the move",
+                  [&] { removeTarget(); });
+
+    const bool othersAreBack = parts.failures().empty();
+    const auto secondStage = [&] {
+        checkCanceled();
+        nameStep(L"Reconfigure FTP server: second stage");
+        needSetting();
+        runCreationUtil(L"repair.php", {L"--reconfigure-ftp-sites"});
+    };
+    if (ftpMayFail) {
+        parts.attemptAside(ftpFailure, secondStage);
+    } else {
+        parts.attempt(Part::FtpSites, ftpFailure, secondStage);
+    }
+    gatherLeftovers();
+    if (!parts.failures().empty()) {
+        if (!othersAreBack) {
+            begin(Part::FtpSites); // to be made anew when the others are
+        }
+        throw vexception(L"Unable to put everything back. Remove the cause and roll back again. " +
+                             parts.failures(),
+                         {L"", "MoveVHosts::rollback", __LINE__});
+    }
+    clearVars();
+    progress_.clear();
+    record_ = {};
+    return canceled;
+}
+
+void MoveVHosts::restoreSetting() {
+    LogManager::getInstance().vAddLog(LogType::Information,
+                                      L"HTTPD_VHOSTS_D: back to (" + record_.setting + L")");
+    TarvoSrvClient::getInstance().setString(L"HTTPD_VHOSTS_D", record_.setting);
+}
+
+// A copy goes away as it is; a tree that was renamed takes its file with it.
+void MoveVHosts::restoreWebmail() {
+    if (record_.renamed) {
+        record_.webmail->restore(webmailFile(treeIsAway() ? record_.to : record_.from));
+    }
+}
+
+void MoveVHosts::restoreUsers(bool& canceled) {
+    if (treeIsAway()) { // the homes would be looked for where they are not
+        throw vexception(L"the directory of virtual hosts has not been put back",
+                         {L"", "MoveVHosts::rollback", __LINE__});
+    }
+    const bool stopped = users_.rollback();
+    canceled = canceled || stopped;
+    if (users_.isPending()) {
+        throw vexception(L"the log says which", {L"", "MoveVHosts::rollback", __LINE__});
+    }
+}
+
+void MoveVHosts::removeTarget() {
+    for (; !record_.made.empty(); record_.made.pop_back()) {
+        try {
+            RunTime::removeDirectory(record_.made.back());
+        } catch (const VDirectoryNotEmptyException&) { // it holds what is not ours
+            leftBehind_.push_back(RunTime::nicePath(record_.made.back()));
+            record_.made.clear();
+            return;
+        }
+    }
+}
+
+bool MoveVHosts::treeIsAway() const {
+    return isBegun(Part::Tree) && !RunTime::exists(record_.from);
+}
+
+void MoveVHosts::gatherLeftovers() {
+    const auto add = [](std::vector<std::wstring>& to, const std::vector<std::wstring>& more) {
+        to.insert(to.end(), more.begin(), more.end());
+    };
+    add(leftBehind_, backupmove::get_leftBehind());
+    add(leftBehind_, users_.get_leftBehind());
+    add(pendingRestart_, backupmove::get_pendingRestart());
+    add(pendingRestart_, users_.get_pendingRestart());
+}
