@@ -14,7 +14,8 @@
 namespace RunTime {
 
 // COM, for the thread that makes the object and for the object's life. A thread that uses it
-// already, in whichever apartment, goes on as it was.
+// already, in whichever apartment, goes on as it was. When another thread destroys the object, as a
+// finaliser may, COM stays initialised for the first: the other's is not ours to end.
 class ComScope {
 public:
     // Throws vosexception "Unable to initialize COM" with the result as its code.
@@ -25,7 +26,7 @@ public:
         }
     }
     ~ComScope() {
-        if (SUCCEEDED(result_)) {
+        if (SUCCEEDED(result_) && thread_ == ::GetCurrentThreadId()) {
             ::CoUninitialize();
         }
     }
@@ -34,6 +35,7 @@ public:
 
 private:
     HRESULT result_;
+    DWORD thread_ = ::GetCurrentThreadId();
 };
 
 // Owns one reference to an interface.

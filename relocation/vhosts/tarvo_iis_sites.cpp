@@ -40,6 +40,7 @@ SiteMap allSites() {
 
 void TarvoIIsSites::getSites(const std::wstring& oldRoot) {
     const NativeSpan span("TarvoIIsSites::getSites", __LINE__);
+    const RunTime::ComScope com; // the object may have been made on another thread
     SiteMap others = allSites();
     SiteMap found;
     ZOPDatabase database = ZOPDatabase::connect();

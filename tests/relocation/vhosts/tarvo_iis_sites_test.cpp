@@ -6,6 +6,8 @@
 #include "runtime/process/product_utility.h"
 #include "tests/relocation/vhosts/panel_fixture.h"
 
+#include <thread>
+
 namespace {
 
 class TarvoIIsSitesTest : public PanelFixture {
@@ -62,6 +64,14 @@ TEST(SiteListTest, OnlyPlainDocumentsAreRead) {
                 std::to_wstring(i) + L"'/>";
     }
     EXPECT_EQ(parseSiteList(many + L"</sites>").at(4999).path, L"D:\\vhosts\\4999");
+}
+
+TEST(SiteListTest, AnObjectOfAnotherThreadLeavesTheUseOfComToUs) {
+    const RunTime::ComScope com;
+    std::unique_ptr<TarvoIIsSites> sites;
+    std::thread([&] { sites = std::make_unique<TarvoIIsSites>(); }).join();
+    sites.reset();
+    EXPECT_EQ(sitesOf(L"<sites/>"), "");
 }
 
 TEST_F(TarvoIIsSitesTest, SitesOfDomainsAndThoseInTheDirectoryFollowAndComeBack) {
