@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <utility>
+#include <winternl.h>
 
 namespace HostingSecurity {
 
@@ -20,10 +21,10 @@ constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELET
 // The user may hold any number of directories open for deletion, so patience is short.
 constexpr int openTries = 4;
 
-// Directories noted of one listing before they are entered, and files held open until the disk has
-// their old descriptors.
-constexpr std::size_t mostChildren = 1000;
-constexpr std::size_t mostPending = 64;
+// Directories held of one listing before they are entered (one, far down), and items held until the
+// disk has their old descriptors.
+constexpr std::size_t mostChildren = 64;
+constexpr std::size_t mostPending = 256;
 
 constexpr wchar_t cameInPlace[] = L"Something else has come in the place of (%s)";
 
@@ -51,9 +52,11 @@ void SecurityWalk::run() {
         } else if (level.children.empty()) {
             levels_.pop_back();
         } else {
-            const std::wstring name = std::move(level.children.back());
+            applyPending(); // what is made in a directory from now on is to inherit the new entries
+            Child child = std::move(level.children.back());
             level.children.pop_back();
-            enter(name);
+            path_ = RunTime::combine(path_.substr(0, level.pathLength), child.name);
+            enter(std::move(child));
         }
     }
     applyPending();
@@ -87,46 +90,19 @@ void SecurityWalk::enterRoot() {
     }
     const auto wanted = TemplateTree::accessOf(
         rootNodes_, std::make_shared<const ItemAccess>(present_), AceSubject::Directory);
-    check(handle, *wanted, true);
-    push(std::move(handle), rootNodes_, wanted);
+    check(handle, Opened::Directory, *wanted);
+    applyPending();
+    enter({{}, std::move(handle), rootNodes_, wanted});
 }
 
-// The child directory of the lowest level.
-void SecurityWalk::enter(std::wstring_view name) {
-    ThreadCancelation::check();
-    const Level& above = levels_.back();
-    path_.resize(above.pathLength);
-    path_ = RunTime::combine(path_, name);
-    TemplateNodes nodes = TemplateTree::below(above.nodes, name);
-    const auto wanted = TemplateTree::accessOf(nodes, above.access, AceSubject::Directory);
-    AutoHandle handle;
-    try {
-        handle = RunTime::openPinnedDirectory(path_, openTries, access());
-        if (!handle && RunTime::exists(path_)) {
-            RunTime::throwForPath(cameInPlace, path_, ERROR_DIRECTORY,
-                                  "HostingSecurity::SecurityWalk::enter", __LINE__);
-        }
-    } catch (const vosexception& error) {
-        report(error);
-        return;
-    }
-    if (!handle) {
-        return; // it has gone
-    }
-    if (options_.everything || TemplateTree::areNamed(nodes)) {
-        check(handle, *wanted, true);
-    }
-    push(std::move(handle), std::move(nodes), wanted);
-}
-
-void SecurityWalk::push(AutoHandle handle, TemplateNodes nodes,
-                        std::shared_ptr<const ItemAccess> wanted) {
-    auto lister = std::make_unique<RunTime::DirectoryLister>(handle.get(), path_);
-    levels_.push_back({std::move(handle),
+// The directory at path_.
+void SecurityWalk::enter(Child child) {
+    auto lister = std::make_unique<RunTime::DirectoryLister>(child.handle.get(), path_);
+    levels_.push_back({std::move(child.handle),
                        std::move(lister),
                        path_.size(),
-                       std::move(nodes),
-                       std::move(wanted),
+                       std::move(child.nodes),
+                       std::move(child.access),
                        {}});
 }
 
@@ -140,7 +116,8 @@ void SecurityWalk::list() {
         level.lister.reset();
         return;
     }
-    while (level.children.size() < mostChildren) {
+    const std::size_t most = levels_.size() <= mostChildren ? mostChildren : 1;
+    while (level.children.size() < most) {
         FileInformation entry;
         bool found = false;
         try {
@@ -166,8 +143,8 @@ void SecurityWalk::listNamed() {
             entry = RunTime::fileInformation(RunTime::combine(path_, name));
             entry.name = name;
         } catch (const vosexception& error) {
-            if (!RunTime::meansMissing(
-                    error.get_errorCode())) { // a template names what may be there
+            // A template names what may be there.
+            if (!RunTime::meansMissing(error.get_errorCode())) {
                 report(error);
             }
             continue;
@@ -177,23 +154,50 @@ void SecurityWalk::listNamed() {
 }
 
 void SecurityWalk::take(const FileInformation& entry) {
-    Level& level = levels_.back();
-    const TemplateNodes nodes = TemplateTree::below(level.nodes, entry.name);
-    if (TemplateTree::areForeign(nodes) || (!options_.everything && !TemplateTree::leadOn(nodes))) {
+    ThreadCancelation::check();
+    const Level& level = levels_.back();
+    TemplateNodes nodes = TemplateTree::below(level.nodes, entry.name);
+    if (TemplateTree::areForeign(nodes) || (!options_.everything && nodes.empty())) {
         return;
     }
+    path_ = RunTime::combine(path_, entry.name);
     if (entry.isDirectory() && !entry.isLink()) {
-        level.children.push_back(entry.name);
-    } else if (options_.everything || TemplateTree::areNamed(nodes)) {
-        path_ = RunTime::combine(path_, entry.name);
+        visitDirectory(entry.name, std::move(nodes));
+    } else if (isWanted(nodes)) {
         visitLeaf(entry, nodes);
-        path_.resize(level.pathLength);
     }
+    path_.resize(level.pathLength);
+}
+
+bool SecurityWalk::isWanted(const TemplateNodes& nodes) const {
+    return options_.everything || TemplateTree::areNamed(nodes);
+}
+
+void SecurityWalk::visitDirectory(const std::wstring& name, TemplateNodes nodes) {
+    Level& level = levels_.back();
+    AutoHandle handle;
+    try {
+        handle = RunTime::openPinnedDirectory(path_, openTries, access());
+        if (!handle && RunTime::exists(path_)) {
+            RunTime::throwForPath(cameInPlace, path_, ERROR_DIRECTORY,
+                                  "HostingSecurity::SecurityWalk::visitDirectory", __LINE__);
+        }
+    } catch (const vosexception& error) {
+        report(error);
+        return;
+    }
+    if (!handle) {
+        return; // it has gone
+    }
+    auto wanted = TemplateTree::accessOf(nodes, level.access, AceSubject::Directory);
+    if (isWanted(nodes)) {
+        check(handle, Opened::Directory, *wanted);
+    }
+    level.children.push_back({name, std::move(handle), std::move(nodes), std::move(wanted)});
 }
 
 // A file, or a link, whose own permissions are looked at like those of what it looks like.
 void SecurityWalk::visitLeaf(const FileInformation& entry, const TemplateNodes& nodes) {
-    ThreadCancelation::check();
     if (entry.isLink() && entry.reparseTag == 0) {
         reportCode(L"Unable to tell what kind of link this is (%s)", ERROR_REPARSE_TAG_INVALID,
                    __LINE__);
@@ -210,10 +214,10 @@ void SecurityWalk::visitLeaf(const FileInformation& entry, const TemplateNodes& 
     const Level& level = levels_.back();
     const AceSubject kind = entry.isDirectory() ? AceSubject::Directory : AceSubject::File;
     const auto wanted = TemplateTree::accessOf(nodes, level.access, kind);
-    check(handle, *wanted, false);
+    check(handle, entry.isLink() ? Opened::Link : Opened::File, *wanted);
 }
 
-void SecurityWalk::check(AutoHandle& handle, const ItemAccess& wanted, bool heldByLevel) {
+void SecurityWalk::check(AutoHandle& handle, Opened as, const ItemAccess& wanted) {
     if (options_.reportAll) {
         callback_.onItem(RunTime::nicePath(path_));
     }
@@ -230,40 +234,60 @@ void SecurityWalk::check(AutoHandle& handle, const ItemAccess& wanted, bool held
     }
     callback_.onSecurityException(nice, difference_.describe(wanted, present_));
     if (options_.repair) {
-        repair(handle, wanted, heldByLevel);
+        repair(handle, as, wanted);
     }
 }
 
-void SecurityWalk::repair(AutoHandle& handle, const ItemAccess& wanted, bool heldByLevel) {
-    BY_HANDLE_FILE_INFORMATION information;
-    if (!::GetFileInformationByHandle(handle.get(), &information)) {
-        const DWORD code = ::GetLastError();
+void SecurityWalk::repair(AutoHandle& handle, Opened as, const ItemAccess& wanted) {
+    ItemIdentity identity;
+    FILE_STANDARD_INFO standard;
+    if (const DWORD code = identify(handle.get(), as, identity, standard)) {
         reportCode(L"Unable to get file information (%s)", code, __LINE__);
         return;
     }
-    const bool directory = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    const bool directory = standard.Directory != FALSE;
     if (directory != (wanted.kind() == AceSubject::Directory)) {
         reportCode(cameInPlace, ERROR_DIRECTORY, __LINE__);
         return;
     }
     // Directories have one name, whatever some file systems count.
-    if (!directory && information.nNumberOfLinks > 1) {
+    if (!directory && standard.NumberOfLinks > 1) {
         reportCode(L"The file (%s) has more names than this, and its permissions are left alone",
                    ERROR_TOO_MANY_LINKS, __LINE__);
         return;
     }
-    Pending pending{{},
-                    handle.get(),
-                    {relative(), ItemIdentity(information), present_},
-                    wanted.wanted(present_)};
-    if (!heldByLevel) {
+    Pending pending{{}, handle.get(), {relative(), identity, present_}, wanted.wanted(present_)};
+    if (as != Opened::Directory) {
         pending.owned = std::move(handle);
     }
     pending_.push_back(std::move(pending));
-    // What is made in a directory from now on is to inherit the new entries.
-    if (heldByLevel || pending_.size() >= mostPending) {
+    if (pending_.size() >= mostPending) {
         applyPending();
     }
+}
+
+// The volume is the root's, since folders with others are links. Asking the system for volume and
+// file together takes longer than all else that an item needs, so that is done for links alone,
+// whose own number not every file system tells the short way.
+DWORD SecurityWalk::identify(HANDLE handle, Opened as, ItemIdentity& identity,
+                             FILE_STANDARD_INFO& standard) const {
+    if (!::GetFileInformationByHandleEx(handle, FileStandardInfo, &standard, sizeof(standard))) {
+        return ::GetLastError();
+    }
+    IO_STATUS_BLOCK status;
+    FILE_INTERNAL_INFORMATION number;
+    if (as != Opened::Link && ::NtQueryInformationFile(handle, &status, &number, sizeof(number),
+                                                       FileInternalInformation) == 0) {
+        identity.volume = head_.identity.volume;
+        identity.file = static_cast<std::uint64_t>(number.IndexNumber.QuadPart);
+        return ERROR_SUCCESS;
+    }
+    BY_HANDLE_FILE_INFORMATION information;
+    if (!::GetFileInformationByHandle(handle, &information)) {
+        return ::GetLastError();
+    }
+    identity = ItemIdentity(information);
+    return ERROR_SUCCESS;
 }
 
 void SecurityWalk::applyPending() {

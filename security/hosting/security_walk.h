@@ -7,8 +7,9 @@
 //   Handles are opened on links themselves, and a directory is held open without delete sharing
 //   while the walk is in it: nobody can put a link in its place.
 //   An item changes in one step from what it had to what it is to have. A directory comes before
-//   what is in it, so that what is made meanwhile inherits the new entries.
-//   What is replaced is on the disk, in the undo file, before it is replaced.
+//   what is in it is listed, so that what is made meanwhile inherits the new entries.
+//   What is replaced is on the disk, in the undo file, before it is replaced; many items at once,
+//   as flushing takes its time.
 //   A file with several names is not written: one of them may be outside, and the file somebody
 //   else's.
 //
@@ -54,6 +55,13 @@ public:
     const std::wstring& undoFile() const noexcept { return undoFile_; }
 
 private:
+    // A directory that has been checked, and is entered later.
+    struct Child {
+        std::wstring name;
+        RunTime::AutoHandle handle;
+        TemplateNodes nodes;
+        std::shared_ptr<const ItemAccess> access;
+    };
     // A directory on the way down. A tree may be deeper than the stack allows, so the way is a
     // list.
     struct Level {
@@ -62,26 +70,30 @@ private:
         std::size_t pathLength;
         TemplateNodes nodes;
         std::shared_ptr<const ItemAccess> access;
-        std::vector<std::wstring> children; // directories to enter
+        std::vector<Child> children; // to enter
     };
     // An item whose new list waits for the old one to be on the disk.
     struct Pending {
-        RunTime::AutoHandle owned; // empty for a directory, which its level holds
+        RunTime::AutoHandle owned; // empty for a directory, which is held to be entered
         HANDLE handle;
         UndoItem before;
         RunTime::DescriptorBytes wanted;
     };
 
     void enterRoot();
-    void enter(std::wstring_view name);
-    void push(RunTime::AutoHandle handle, TemplateNodes nodes,
-              std::shared_ptr<const ItemAccess> wanted);
+    void enter(Child child);
     void list();
     void listNamed();
     void take(const RunTime::FileInformation& entry);
+    void visitDirectory(const std::wstring& name, TemplateNodes nodes);
     void visitLeaf(const RunTime::FileInformation& entry, const TemplateNodes& nodes);
-    void check(RunTime::AutoHandle& handle, const ItemAccess& wanted, bool heldByLevel);
-    void repair(RunTime::AutoHandle& handle, const ItemAccess& wanted, bool heldByLevel);
+    bool isWanted(const TemplateNodes& nodes) const;
+    // Of the item at path_; a directory's handle is left where it is.
+    enum class Opened { Directory, File, Link };
+    void check(RunTime::AutoHandle& handle, Opened as, const ItemAccess& wanted);
+    void repair(RunTime::AutoHandle& handle, Opened as, const ItemAccess& wanted);
+    DWORD identify(HANDLE handle, Opened as, ItemIdentity& identity,
+                   FILE_STANDARD_INFO& standard) const;
     void applyPending();
     void report(const vexception& error);
     void reportCode(const wchar_t* format, DWORD code, int line);

@@ -78,10 +78,6 @@ bool TemplateTree::areNamed(const TemplateNodes& nodes) {
     return std::ranges::any_of(nodes, &TemplateNode::named);
 }
 
-bool TemplateTree::leadOn(const TemplateNodes& nodes) {
-    return !nodes.empty(); // every node is named, or leads to one that is
-}
-
 std::vector<std::wstring> TemplateTree::namesBelow(const TemplateNodes& nodes) {
     std::vector<std::wstring> names;
     for (const TemplateNode* node : nodes) {

@@ -35,8 +35,6 @@ public:
     static TemplateNodes below(const TemplateNodes& directory, std::wstring_view name);
 
     static bool areNamed(const TemplateNodes& nodes);
-    // Whether the template names the item or something below it.
-    static bool leadOn(const TemplateNodes& nodes);
     // What is named directly below: by names, and whether by a star.
     static std::vector<std::wstring> namesBelow(const TemplateNodes& nodes);
     static bool haveStars(const TemplateNodes& nodes);
