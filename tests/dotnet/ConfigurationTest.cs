@@ -5,20 +5,12 @@ using zopobsolete;
 
 public sealed class ConfigurationTest : IDisposable
 {
-    readonly Process service;
+    readonly ConfigurationService service = new ConfigurationService();
     readonly zop panel = zop.getInstance();
-
-    public ConfigurationTest()
-    {
-        string program = Path.Combine(AppContext.BaseDirectory, "zopconfigsvc.exe");
-        service = Process.Start(new ProcessStartInfo(program, "--console") { UseShellExecute = false, RedirectStandardOutput = true });
-        service.StandardOutput.ReadLine(); // it serves from then on
-    }
 
     public void Dispose()
     {
-        service.Kill();
-        service.WaitForExit();
+        service.Dispose();
     }
 
     [Test]

@@ -1,5 +1,7 @@
 #include <api/data_location.h>
 #include <api/exception.h>
+#include <api/vhosts_security.h>
+#include <api/virtual_hosts_location.h>
 
 #include <api/zop.h>
 #include <api/zop_mysql_database.h>
