@@ -43,6 +43,7 @@ if(ZOP_DOTNET_ASSEMBLY)
 endif()
 install(FILES README.md DESTINATION doc)
 install(DIRECTORY docs/ DESTINATION doc)
+install(DIRECTORY security/hosting/templates/ DESTINATION etc/HostingSecurity)
 
 set(CPACK_GENERATOR ZIP)
 set(CPACK_PACKAGE_FILE_NAME "zopnative-${PROJECT_VERSION}-win64")
