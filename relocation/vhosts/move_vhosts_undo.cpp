@@ -188,6 +188,10 @@ void MoveVHosts::restoreUsers(bool& canceled) {
 }
 
 void MoveVHosts::removeTarget() {
+    if (isBegun(Part::Tree) || isBegun(Part::Users)) {
+        throw vexception(L"what was moved there has not been put back",
+                         {L"", "MoveVHosts::rollback", __LINE__});
+    }
     for (; !record_.made.empty(); record_.made.pop_back()) {
         try {
             RunTime::removeDirectory(record_.made.back());

@@ -3,8 +3,10 @@
 #include "runtime/files/file.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/fault_sweep.h"
+#include "tests/support/tree_image.h"
 
 #include <gtest/gtest.h>
+#include <winsock2.h>
 
 namespace {
 
@@ -106,6 +108,208 @@ TEST_F(MoveVHostsUndoTest, RestoresTheMachineWhicheverCallFails) {
             return Round{outcome.fired, outcome.text()};
         },
         5);
+}
+
+// A call of a utility is done, and then reported as failed.
+TEST_F(MoveVHostsUndoTest, RestoresTheMachineWhicheverUtilityFails) {
+    sweep([&](MoveVHosts&, int n, const std::function<void()>& move) {
+        panel_.store().forgetCalls();
+        panel_.store().setControl({{L"half", std::to_wstring(n), L"", L"1", L"half done"}});
+        const std::string error = errorOf(move);
+        const bool disturbed = panel_.store().calls().size() >= static_cast<std::size_t>(n);
+        panel_.store().setControl({});
+        return Round{disturbed, error};
+    });
+}
+
+// What is sent to the database's server gets lost, for our own statements and for the script's.
+TEST_F(MoveVHostsUndoTest, RestoresTheMachineWhicheverAccountOrStatementFails) {
+    FaultPoint sending("send");
+    sending.code = WSAECONNRESET;
+    sending.result = static_cast<std::uintptr_t>(SOCKET_ERROR);
+    sweep(
+        [&](MoveVHosts&, int n, const std::function<void()>& move) {
+            sending.calls = 0;
+            sending.failAt = n - 1;
+            accounts_.failAt = n;
+            const std::string error = errorOf(move);
+            const bool disturbed = sending.fired();
+            sending.failAt = -1;
+            return Round{disturbed, error};
+        },
+        2);
+}
+
+TEST_F(MoveVHostsUndoTest, RestoresTheMachineWhereverAListenerCancels) {
+    sweep(
+        [](MoveVHosts& mover, int n, const std::function<void()>& move) {
+            int left = n;
+            const auto count = [&left](bool& cancel) { cancel = --left <= 0; };
+            const Hook hooks[] = {
+                mover.progressEvent_Cost.hook([&](std::int64_t, bool& cancel) { count(cancel); }),
+                mover.progressEvent_Name.hook([&](const std::wstring&, std::int64_t, std::int32_t,
+                                                  std::int64_t, bool& cancel) { count(cancel); }),
+                mover.subProgressEvent_Start.hook(count), mover.subProgressEvent_End.hook(count)};
+            const std::string error = errorOf(move);
+            EXPECT_TRUE(error.empty() || error.starts_with("Canceled!")) << error;
+            return Round{left <= 0, error};
+        },
+        4);
+}
+
+// What cannot be put back is said and kept; everything else is back already, and the next undo()
+// does the rest.
+TEST_F(MoveVHostsUndoTest, SaysWhatCouldNotBePutBackAndGoesOnWithIt) {
+    const std::wstring to = otherVolume();
+    const std::string before = world({to});
+    const auto refuse = [this](const wchar_t* call) {
+        return [this, call] {
+            panel_.store().setControl({{L"fail", L"0", call, L"1", L"refused"}});
+        };
+    };
+    FaultPoint writing("RegSetValueExW");
+    writing.result = ERROR_DISK_FULL;
+    RunTime::AutoHandle busy;
+    struct Obstacle {
+        const char* part;
+        std::function<void()> raise;
+    };
+    for (const Obstacle& obstacle : {
+             Obstacle{"HTTPD_VHOSTS_D", [&] { service_.reset(); }},
+             {"installer",
+              [&] { writing.failOnwards = true, writing.failAt = writing.calls.load(); }},
+             {"directory of virtual hosts",
+              [&] {
+                  busy = RunTime::openExisting(to + L"\\webmail\\atmail\\index.php", GENERIC_READ,
+                                               FILE_SHARE_READ);
+              }},
+             {"IIS sites", refuse(L"--update-site-paths")},
+             {"restore users",
+              [&] { accounts_.failCall = L"setHomeDirectory", accounts_.failAt = 1; }},
+             {"ASP.NET", refuse(L"--reconfigure-aspnet-settings")},
+             {"PHP", refuse(L"--reconfigure-php-settings")},
+             {"FTP", refuse(L"--reconfigure-ftp-sites")},
+         }) {
+        SCOPED_TRACE(obstacle.part);
+        MoveVHosts mover;
+        panel_.store().setControl({{L"half", L"0", L"--reconfigure-ftp-sites", L"1", L"refused"}});
+        EXPECT_NE("", errorOf([&] { mover.move(to); }));
+        panel_.store().setControl({});
+        EXPECT_FALSE(mover.rollback()); // of a completed move only
+        obstacle.raise();
+        const std::string error = errorOf([&] { mover.undo(); });
+        EXPECT_TRUE(error.starts_with("Unable to put everything back. ") &&
+                    error.find(obstacle.part) != error.npos)
+            << error;
+        EXPECT_NE("", errorOf([&] { mover.move(to); })) << "a second move before the first is back";
+        EXPECT_NE("", errorOf([&] { mover.commit(); }));
+        if (!service_) {
+            service_.emplace();
+        }
+        writing.failAt = -1;
+        busy.reset();
+        accounts_.failCall.clear();
+        panel_.store().setControl({});
+        EXPECT_FALSE(mover.undo());
+        ASSERT_EQ("", difference(before, world({to})));
+        EXPECT_FALSE(mover.undo());
+    }
+}
+
+class MoveVHostsTest : public MoveVHostsUndoTest {};
+
+// To a place that does not exist and to one that does; by a copy and by a rename.
+TEST_F(MoveVHostsTest, CommitLeavesNothingThatNamesTheOldPlace) {
+    const TreeImage tree = imageOf(oldPlace());
+    std::wstring from = oldPlace();
+    for (const std::wstring& to :
+         {otherVolume(), directory_.makeDirectory(L"empty\\vhosts").substr(4), newPlace()}) {
+        SCOPED_TRACE(toUtf8(to));
+        MoveVHosts mover;
+        std::string steps;
+        int homes = 0;
+        const Hook hooks[] = {mover.stepEvent.hook([&](std::int32_t number, const std::wstring&) {
+                                  steps += std::to_string(number) + " ";
+                              }),
+                              mover.subProgressEvent_Start.hook([&](bool&) { ++homes; }),
+                              mover.ignorebleErrorEvent.hook([](const std::wstring& text, bool&) {
+                                  ADD_FAILURE() << toUtf8(text);
+                              })};
+        EXPECT_FALSE(mover.move(to));
+        EXPECT_EQ("2 3 4 5 7 8 9 10 11 12 13 14 15 16 17 ", steps);
+        const bool keepsHomes = accounts_.state.users.empty();
+        EXPECT_EQ(keepsHomes ? 0 : 1, homes); // those of the other accounts lie in it
+        EXPECT_FALSE(RunTime::exists(from + L"\\Servers"));
+        EXPECT_FALSE(mover.commit());
+        EXPECT_FALSE(RunTime::exists(from));
+        EXPECT_TRUE(mover.get_leftBehind().empty() && mover.get_pendingRestart().empty());
+        EXPECT_TRUE(mover.get_failed().empty());
+        TreeImage moved = imageOf(to);
+        EXPECT_EQ(moved.size(), tree.size());
+        for (auto& [name, item] : moved) { // what is made anew, or names the place
+            const ItemImage& old = tree.at(name);
+            if (name.empty() || name.starts_with(L"Servers") || name.ends_with(L"Atmail")) {
+                item.written = old.written;
+                item.created = old.created;
+            } else if (name.ends_with(L"config.php")) {
+                item = old;
+            }
+        }
+        EXPECT_TRUE(sameTree(tree, moved));
+        if (!keepsHomes) { // but for a value of a type that is left alone
+            const std::string references = panel_.references(from);
+            EXPECT_EQ(references.find("Expandable") == references.npos ? 0 : 1,
+                      std::count(references.begin(), references.end(), '\n'))
+                << references;
+        }
+        EXPECT_FALSE(mover.commit());
+        EXPECT_FALSE(mover.rollback());
+        from = to;
+        if (from.ends_with(L"empty\\vhosts")) {
+            accounts_.state.users.clear();
+        }
+    }
+}
+
+TEST_F(MoveVHostsTest, RefusesWhatIsNoDirectoryAndHearsTheFirstCancel) {
+    const std::string before = world();
+    panel_.store().forgetCalls();
+    MoveVHosts mover;
+    EXPECT_FALSE(mover.rollback() || mover.undo() || mover.commit());
+    {
+        const Hook cancelling =
+            mover.progressEvent_Cost.hook([](std::int64_t, bool& cancel) { cancel = true; });
+        expectError<CanceledException>(L"Canceled!", [&] { mover.move(newPlace()); });
+    }
+    EXPECT_TRUE(errorOf([&] { mover.move(L""); }) != "");
+    EXPECT_TRUE(panel_.store().calls().empty());
+    EXPECT_FALSE(mover.rollback() || mover.undo());
+
+    const std::wstring file = directory_.writeFile(L"file", "").substr(4);
+    expectError<vexception>(L"Destinition (" + file + L") is not a directory",
+                            [&] { mover.move(file); });
+    EXPECT_FALSE(mover.undo());
+    panel_.store().setControl({{L"fail", L"0", L"--remove-all", L"3", L""}});
+    expectError<vexception>(
+        L"call (ftphostctl.exe --remove-all) empty message from utilty with exit status 3",
+        [&] { mover.move(newPlace()); });
+    panel_.store().setControl({});
+    EXPECT_FALSE(mover.undo());
+    EXPECT_EQ("", difference(before, world()));
+}
+
+// The same directory by another name: what names it is brought up to date, and nothing is moved.
+TEST_F(MoveVHostsTest, LeavesTheFilesAloneWhenOnlyTheNameDiffers) {
+    const TreeImage before = imageOf(oldPlace());
+    std::wstring shouted = oldPlace();
+    ::CharUpperW(shouted.data());
+    MoveVHosts mover;
+    EXPECT_FALSE(mover.move(shouted));
+    EXPECT_FALSE(mover.commit());
+    TreeImage after = imageOf(oldPlace());
+    after[L"Servers\\users.txt"] = before.at(L"Servers\\users.txt"); // by the panel's script
+    after[L"Servers"] = before.at(L"Servers");
+    EXPECT_TRUE(sameTree(before, after));
 }
 
 } // namespace
