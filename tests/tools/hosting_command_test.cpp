@@ -81,6 +81,9 @@ TEST_F(HostingCommandTest, WhatCannotWorkIsRefusedWithWhatToDo) {
     database->execute(L"update hosting set app_pool_user = NULL");
     refused(root(), {L"--user", L"d1", L"--yes"}, ExitCode::Refused, "pool user", "--forwarding");
     database->execute(L"update hosting set app_pool_user = 'pool1'");
+    database->execute(L"insert into ftp_users (dom_id, sys_user_id) values (1, 4)");
+    refused(root(), {L"--user", L"d1", L"--yes"}, ExitCode::Refused, "\"ftp2\"",
+            "Make the account");
     accounts.state.groups.erase(L"zopcln");
     refused(root(), {L"--user", L"d1", L"--yes"}, ExitCode::Refused, "\"zopcln\"", "install");
     accounts.state = before;
@@ -165,6 +168,7 @@ TEST_F(HostingCommandTest, CtrlCAtAnyMomentTellsWhatWasRepaired) {
             EXPECT_EQ(run({L"hosting", L"undo", undoFile, L"--json"}), ExitCode::Success);
             EXPECT_EQ(console->objects().back()["restored"], result["repaired"]);
         }
+        EXPECT_EQ(code == ExitCode::Cancelled, pressAt == 1) << "the first look is before the work";
         if (code == ExitCode::RollbackIncomplete) {
             ++incomplete;
         } else {

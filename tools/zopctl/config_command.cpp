@@ -81,10 +81,6 @@ const Entry* find(const std::vector<Entry>& all, const std::wstring& name) {
     return found == all.end() ? nullptr : &*found;
 }
 
-std::wstring quoted(const std::wstring& name) {
-    return L"\"" + printable(name) + L"\"";
-}
-
 // The value as JSON has it; null where it is not set, or of a type that the service does not read.
 JsonValue read(const Entry& entry) {
     TarvoSrvClient& client = TarvoSrvClient::getInstance();

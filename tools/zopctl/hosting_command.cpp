@@ -2,18 +2,15 @@
 
 #include "api/exception.h"
 #include "api/vhosts_security.h"
-#include "runtime/accounts/user_information.h"
-#include "runtime/database/zop_database.h"
-#include "runtime/files/file.h"
-#include "runtime/registry/config_values.h"
+#include "runtime/exception.h"
+#include "runtime/files/path.h"
 #include "runtime/thread_cancelation.h"
-#include "security/disk/path_variables.h"
 #include "security/hosting/hosting_root.h"
-#include "security/hosting/security_manager.h"
 #include "security/hosting/undo.h"
 #include "security/hosting/undo_log.h"
 #include "tools/zopctl/cancel_key.h"
 #include "tools/zopctl/hosting_arguments.h"
+#include "tools/zopctl/hosting_look.h"
 #include "tools/zopctl/json_writer.h"
 #include "tools/zopctl/text_format.h"
 #include "tools/zopctl/work_progress.h"
@@ -28,17 +25,6 @@ using zopobsolete::VHostsSecurity;
 
 constexpr std::uint64_t redrawTime = 100; // milliseconds
 constexpr std::uint64_t lineTime = 30'000;
-
-// Ends a command with a message, and what can be done about it.
-struct Stop {
-    ExitCode code;
-    std::wstring message;
-    std::wstring remedy;
-};
-
-std::wstring quoted(const std::wstring& path) {
-    return L"\"" + printable(RunTime::nicePath(path)) + L"\"";
-}
 
 // Texts of several lines, one below another behind the same margin.
 std::wstring indented(const std::wstring& text) {
@@ -70,7 +56,7 @@ void printError(Console& console, bool json, const std::wstring& path, const std
     }
 }
 
-void printMessage(Console& console, const Stop& end) {
+void printMessage(Console& console, const HostingStop& end) {
     if (end.message.empty()) {
         return;
     }
@@ -79,7 +65,7 @@ void printMessage(Console& console, const Stop& end) {
     console.errorLine(begin + printable(end.message) + (end.message.ends_with(L'.') ? L"" : L"."));
 }
 
-void printRemedy(Console& console, const Stop& end) {
+void printRemedy(Console& console, const HostingStop& end) {
     if (!end.remedy.empty()) {
         console.errorLine(end.remedy);
     }
@@ -93,13 +79,13 @@ public:
 
     ExitCode run() {
         start_ = drawn_ = ::GetTickCount64();
-        Stop end{ExitCode::Success, {}, {}};
+        HostingStop end{ExitCode::Success, {}, {}};
         try {
-            look();
+            found_ = lookAtHosting(options_);
             ask();
             check();
             end = outcome();
-        } catch (const Stop& stop) {
+        } catch (const HostingStop& stop) {
             end = stop;
         } catch (const zopobsolete::Exception& e) {
             end = broken(e.message());
@@ -111,106 +97,23 @@ public:
 private:
     // ---- before anything is changed
 
-    void look() {
-        const std::wstring root = options_.root;
-        try {
-            domain_ = HostingSecurity::HostingRoot::findPlace(root).domainName();
-            isThere_ = RunTime::isDirectory(root);
-            isFile_ = !isThere_ && RunTime::exists(root);
-        } catch (const HostingSecurity::RootCorrelationException& e) {
-            throw Stop{ExitCode::Refused, e.message(),
-                       L"\"zopctl config get HTTPD_VHOSTS_D\" prints where virtual hosts are."};
-        } catch (const vexception& e) {
-            throw Stop{ExitCode::Failed, e.message(),
-                       L"The configuration value HTTPD_VHOSTS_D must name the directory of "
-                       L"virtual hosts; \"zopctl config set\" sets it."};
-        }
-        if (options_.readOnly && !isThere_) {
-            throw Stop{ExitCode::Refused,
-                       isFile_ ? quoted(root) + L" is no directory."
-                               : L"There is no directory " + quoted(root) + L".",
-                       L"Without --read-only it is made."};
-        }
-        if (!options_.readOnly) {
-            requirePlaceForOldPermissions();
-        }
-        if (!options_.forwarding) {
-            askPanel();
-        }
-    }
-
-    static void requirePlaceForOldPermissions() {
-        try {
-            DiskSecurity::PathVariables().value(config::name::productData);
-        } catch (const vexception& e) {
-            throw Stop{ExitCode::Failed, e.message(),
-                       L"The configuration value PRODUCT_DATA_D must name the panel's data "
-                       L"directory, where replaced permissions are kept."};
-        }
-    }
-
-    // What the accounts would fail for, in the panel's database and on this machine.
-    void askPanel() {
-        try {
-            ZOPDatabase panel = ZOPDatabase::connect();
-            try {
-                panel.getUserInfo(options_.user);
-                if (!options_.parent.empty()) {
-                    panel.getUserInfo(options_.parent);
-                }
-            } catch (const VDatabase::StatementException&) {
-                throw;
-            } catch (const vexception& e) {
-                throw Stop{ExitCode::Refused, e.message(),
-                           L"Give the login of the hosting's account as the panel has it."};
-            }
-            if (!options_.webuser) {
-                askForPool(panel);
-            }
-        } catch (const VDatabase::ConnectException& e) {
-            throw Stop{ExitCode::Failed, e.message(),
-                       L"Start the panel's database server; the configuration values MySQLHost, "
-                       L"MySQLPort, MySQLLogin, MySQLPassword and MySQLDatabase say where it is."};
-        } catch (const vexception& e) {
-            throw Stop{ExitCode::Failed, e.message(), {}};
-        }
-        try {
-            if (!UserManagement::UserInformation::createInstance()->groupExists(L"zopcln")) {
-                throw Stop{ExitCode::Refused, L"There is no group \"zopcln\".",
-                           L"The panel makes it when it is installed: repair its installation."};
-            }
-        } catch (const vexception& e) {
-            throw Stop{ExitCode::Failed, e.message(), {}};
-        }
-    }
-
-    void askForPool(ZOPDatabase& panel) const {
-        try {
-            panel.getAppPoolUser(domain_);
-        } catch (const VDatabase::StatementException&) {
-            throw;
-        } catch (const vexception& e) {
-            throw Stop{ExitCode::Refused, e.message(),
-                       L"ROOT must be that of a domain with a web site. For a domain that only "
-                       L"forwards there is --forwarding, for a web user --webuser."};
-        }
-    }
-
     void ask() {
         if (options_.readOnly || options_.yes) {
             return;
         }
         if (options_.json || !console_.canAsk()) {
-            throw Stop{ExitCode::Refused,
-                       L"There is nobody to ask whether to repair. Nothing has been changed.",
-                       L"Add --yes to repair without a question, or --read-only to look only."};
+            throw HostingStop{
+                ExitCode::Refused,
+                L"There is nobody to ask whether to repair. Nothing has been changed.",
+                L"Add --yes to repair without a question, or --read-only to look only."};
         }
         std::wstring question;
-        if (isFile_) {
-            question = quoted(options_.root) +
+        if (found_.isFile) {
+            question = quoted(RunTime::nicePath(options_.root)) +
                        L" is no directory: it is removed, and a directory made in its place. ";
-        } else if (!isThere_) {
-            question = L"There is no directory " + quoted(options_.root) + L": it is made. ";
+        } else if (!found_.isThere) {
+            question = L"There is no directory " + quoted(RunTime::nicePath(options_.root)) +
+                       L": it is made. ";
         }
         question += options_.forwarding ? L"Permissions that differ are replaced."
                                         : L"Missing accounts are made, and permissions that differ "
@@ -219,7 +122,7 @@ private:
         const bool yes = console_.ask(question + L" Continue? (y/N) ");
         key_.enter(CancelKey::Stage::Repairing);
         if (!yes || key_.isRequested()) {
-            throw Stop{ExitCode::Cancelled, L"Nothing has been changed.", {}};
+            throw HostingStop{ExitCode::Cancelled, L"Nothing has been changed.", {}};
         }
     }
 
@@ -233,8 +136,11 @@ private:
         const auto type = options_.webuser ? VHostsSecurity::HostingType::Webuser
                                            : VHostsSecurity::HostingType::Domain;
         key_.enter(options_.readOnly ? CancelKey::Stage::Looking : CancelKey::Stage::Repairing);
+        if (key_.isRequested()) { // a stage hears nothing of the one before
+            throw HostingStop{ExitCode::Cancelled, L"Cancelled; nothing has been changed.", {}};
+        }
         VHostsSecurity security(options_.root, !options_.readOnly);
-        madeRoot_ = !isThere_;
+        madeRoot_ = !found_.isThere;
         const Hook hooks[] = {
             security.Progress.hook([this](const std::wstring& path) {
                 ++items_;
@@ -325,7 +231,7 @@ private:
 
     // ---- afterwards
 
-    Stop outcome() const {
+    HostingStop outcome() const {
         if (!isComplete_) {
             return {ExitCode::Different,
                     L"An account is missing; permissions could not be compared without it.",
@@ -341,7 +247,7 @@ private:
     }
 
     // What ended with an error or by Ctrl+C.
-    Stop broken(const std::wstring& text) const {
+    HostingStop broken(const std::wstring& text) const {
         const bool cancelled = text.starts_with(L"Canceled!");
         const bool changed = !options_.readOnly && (madeRoot_ || warnings_ != 0 || repaired_ > 0);
         return {changed     ? ExitCode::RollbackIncomplete
@@ -352,7 +258,7 @@ private:
                         : std::wstring()};
     }
 
-    ExitCode finish(const Stop& end) {
+    ExitCode finish(const HostingStop& end) {
         const bool began = items_ != 0 || warnings_ != 0 || errors_ != 0;
         if (options_.json) {
             const wchar_t* status = end.code == ExitCode::Success && repaired_ + warnings_ > 0
@@ -406,9 +312,7 @@ private:
     const HostingCheckOptions& options_;
     Console& console_;
     CancelKey key_;
-    std::wstring domain_;
-    bool isThere_ = false; // the root, as a directory
-    bool isFile_ = false;
+    HostingFound found_;
     bool madeRoot_ = false;
     bool isComplete_ = true;
     std::int64_t items_ = 0;
@@ -429,7 +333,7 @@ public:
 
     ExitCode run() {
         key_.enter(CancelKey::Stage::Repairing);
-        Stop end{ExitCode::Success, {}, {}};
+        HostingStop end{ExitCode::Success, {}, {}};
         try {
             const HostingSecurity::UndoCounts counts =
                 HostingSecurity::undo(options_.file, *this, options_.unfinished);
@@ -466,7 +370,7 @@ public:
     }
 
 private:
-    ExitCode finish(const Stop& end) {
+    ExitCode finish(const HostingStop& end) {
         if (options_.json) {
             const wchar_t* status =
                 end.code == ExitCode::Success ? L"restored" : statusOf(end.code);

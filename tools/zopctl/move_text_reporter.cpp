@@ -8,10 +8,6 @@ namespace zopctl {
 
 namespace {
 
-std::wstring quoted(const std::wstring& path) {
-    return L"\"" + printable(path) + L"\"";
-}
-
 class MoveTextReporter final : public MoveReporter {
 public:
     MoveTextReporter(const MoveOptions& options, Console& console)

@@ -190,4 +190,8 @@ std::wstring printable(std::wstring_view text) {
     return result;
 }
 
+std::wstring quoted(std::wstring_view text) {
+    return L"\"" + printable(text) + L"\"";
+}
+
 } // namespace zopctl
