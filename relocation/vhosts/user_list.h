@@ -88,8 +88,8 @@ private:
     struct Row {
         std::wstring login;
         std::wstring home;
-        std::uint64_t quota; // bytes; 0: none
-        std::wstring path;   // of the home, in long form; empty where it has none
+        std::uint64_t quota = 0; // bytes; 0: none
+        std::wstring path;       // of the home, in long form; empty where it has none
     };
     struct UserInfo {
         std::shared_ptr<UserManagement::IUser> user;

@@ -203,19 +203,19 @@ struct QuotaFake {
         return failures[3];
     }
     static HRESULT WINAPI create(REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID* made) {
+        userTable[2] = controlTable[2] = slot(release); // places in the interfaces
+        userTable[9] = slot(getLimit);
+        userTable[15] = slot(setLimit);
+        controlTable[5] = slot(initialize);
+        controlTable[16] = controlTable[19] = slot(find);
         if (SUCCEEDED(failures[0])) {
             ++living;
             *made = control;
         }
         return failures[0];
     }
-    static inline Function userTable[16] = {
-        nullptr, nullptr,        slot(release), nullptr, nullptr, nullptr, nullptr, nullptr,
-        nullptr, slot(getLimit), nullptr,       nullptr, nullptr, nullptr, nullptr, slot(setLimit)};
-    static inline Function controlTable[20] = {
-        nullptr, nullptr, slot(release), nullptr, nullptr, slot(initialize), nullptr,
-        nullptr, nullptr, nullptr,       nullptr, nullptr, nullptr,          nullptr,
-        nullptr, nullptr, slot(find),    nullptr, nullptr, slot(find)};
+    static inline Function userTable[16] = {};
+    static inline Function controlTable[20] = {};
     static inline Function* user[1] = {userTable};
     static inline Function* control[1] = {controlTable};
 };
@@ -411,8 +411,8 @@ TEST_F(NetFactoryTest, QuotasAreThoseOfTheUserOnTheVolumeOfThePath) {
     EXPECT_EQ(user->getQuota(L"C:\\"), 0U);
     user->removeQuota(L"C:\\");
     EXPECT_EQ(QuotaFake::limit, -1);
-    for (HRESULT& failure : QuotaFake::failures) {
-        failure = E_ACCESSDENIED;
+    for (HRESULT& step : QuotaFake::failures) {
+        step = E_ACCESSDENIED;
         for (const auto& call : {std::function<void()>([&] { user->getQuota(L"C:\\"); }),
                                  std::function<void()>([&] { user->setQuota(L"C:\\", 1); })}) {
             try {
@@ -423,7 +423,7 @@ TEST_F(NetFactoryTest, QuotasAreThoseOfTheUserOnTheVolumeOfThePath) {
                 EXPECT_NE(error.message().find(L"C:\\)"), std::wstring::npos);
             }
         }
-        failure = S_OK;
+        step = S_OK;
     }
     EXPECT_EQ(QuotaFake::living, 0);
     EXPECT_EQ(liveBuffers(), 0);

@@ -11,8 +11,6 @@
 #include <lm.h>
 #include <vector>
 
-#define EXPORT extern "C" __declspec(dllexport)
-
 using panel::getNumber;
 using panel::getText;
 using panel::groupPath;
@@ -164,19 +162,19 @@ NET_API_STATUS getMembers(bool global, const wchar_t* group, LPBYTE* result, DWO
 
 } // namespace
 
-EXPORT DWORD WINAPI NetApiBufferFree(void* buffer) {
+DWORD WINAPI NetApiBufferFree(void* buffer) {
     buffers -= buffer != nullptr ? 1 : 0;
     std::free(buffer);
     return NERR_Success;
 }
 
 // For tests: how many buffers their owners have not freed.
-EXPORT long WINAPI panelBuffers() {
+extern "C" long WINAPI panelBuffers() {
     return buffers;
 }
 
-EXPORT DWORD WINAPI DsGetDcNameW(LPCWSTR, LPCWSTR, GUID*, LPCWSTR, ULONG,
-                                 PDOMAIN_CONTROLLER_INFOW* result) {
+DWORD WINAPI DsGetDcNameW(LPCWSTR, LPCWSTR, GUID*, LPCWSTR, ULONG,
+                          PDOMAIN_CONTROLLER_INFOW* result) {
     const auto controller = getText(L"", L"controller");
     if (!controller) {
         return ERROR_NO_SUCH_DOMAIN;
@@ -187,7 +185,7 @@ EXPORT DWORD WINAPI DsGetDcNameW(LPCWSTR, LPCWSTR, GUID*, LPCWSTR, ULONG,
     return ERROR_SUCCESS;
 }
 
-EXPORT NET_API_STATUS WINAPI NetUserModalsGet(LPCWSTR, DWORD level, LPBYTE* result) {
+NET_API_STATUS WINAPI NetUserModalsGet(LPCWSTR, DWORD level, LPBYTE* result) {
     if (level != 2) {
         return ERROR_INVALID_LEVEL;
     }
@@ -199,7 +197,7 @@ EXPORT NET_API_STATUS WINAPI NetUserModalsGet(LPCWSTR, DWORD level, LPBYTE* resu
     return NERR_Success;
 }
 
-EXPORT NET_API_STATUS WINAPI NetUserAdd(LPCWSTR, DWORD level, LPBYTE information, LPDWORD) {
+NET_API_STATUS WINAPI NetUserAdd(LPCWSTR, DWORD level, LPBYTE information, LPDWORD) {
     if (level != 2) {
         return ERROR_INVALID_LEVEL;
     }
@@ -228,7 +226,7 @@ EXPORT NET_API_STATUS WINAPI NetUserAdd(LPCWSTR, DWORD level, LPBYTE information
     return NERR_Success;
 }
 
-EXPORT NET_API_STATUS WINAPI NetUserGetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE* result) {
+NET_API_STATUS WINAPI NetUserGetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE* result) {
     if (level != 0 && level != 2 && level != 23) {
         return ERROR_INVALID_LEVEL;
     }
@@ -256,8 +254,8 @@ EXPORT NET_API_STATUS WINAPI NetUserGetInfo(LPCWSTR, LPCWSTR name, DWORD level, 
     return NERR_Success;
 }
 
-EXPORT NET_API_STATUS WINAPI NetUserSetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE information,
-                                            LPDWORD) {
+NET_API_STATUS WINAPI NetUserSetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE information,
+                                     LPDWORD) {
     if (!isUser(name)) {
         return NERR_UserNotFound;
     }
@@ -280,7 +278,7 @@ EXPORT NET_API_STATUS WINAPI NetUserSetInfo(LPCWSTR, LPCWSTR name, DWORD level, 
     return NERR_Success;
 }
 
-EXPORT NET_API_STATUS WINAPI NetUserDel(LPCWSTR, LPCWSTR name) {
+NET_API_STATUS WINAPI NetUserDel(LPCWSTR, LPCWSTR name) {
     if (!isUser(name)) {
         return NERR_UserNotFound;
     }
@@ -289,7 +287,7 @@ EXPORT NET_API_STATUS WINAPI NetUserDel(LPCWSTR, LPCWSTR name) {
     return NERR_Success;
 }
 
-EXPORT NET_API_STATUS WINAPI NetLocalGroupAdd(LPCWSTR, DWORD level, LPBYTE information, LPDWORD) {
+NET_API_STATUS WINAPI NetLocalGroupAdd(LPCWSTR, DWORD level, LPBYTE information, LPDWORD) {
     if (level != 1) {
         return ERROR_INVALID_LEVEL;
     }
@@ -301,35 +299,34 @@ EXPORT NET_API_STATUS WINAPI NetLocalGroupAdd(LPCWSTR, DWORD level, LPBYTE infor
     return NERR_Success;
 }
 
-EXPORT NET_API_STATUS WINAPI NetLocalGroupGetInfo(LPCWSTR, LPCWSTR name, DWORD level,
-                                                  LPBYTE* result) {
+NET_API_STATUS WINAPI NetLocalGroupGetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE* result) {
     return getGroup(false, name, level, result);
 }
 
-EXPORT NET_API_STATUS WINAPI NetLocalGroupSetInfo(LPCWSTR, LPCWSTR name, DWORD level,
-                                                  LPBYTE information, LPDWORD) {
+NET_API_STATUS WINAPI NetLocalGroupSetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE information,
+                                           LPDWORD) {
     return setGroup(false, name, level, information);
 }
 
-EXPORT NET_API_STATUS WINAPI NetLocalGroupDel(LPCWSTR, LPCWSTR name) {
+NET_API_STATUS WINAPI NetLocalGroupDel(LPCWSTR, LPCWSTR name) {
     return deleteGroup(false, name);
 }
 
-EXPORT NET_API_STATUS WINAPI NetLocalGroupAddMembers(LPCWSTR, LPCWSTR group, DWORD level,
-                                                     LPBYTE member, DWORD count) {
+NET_API_STATUS WINAPI NetLocalGroupAddMembers(LPCWSTR, LPCWSTR group, DWORD level, LPBYTE member,
+                                              DWORD count) {
     return level != 0 || count != 1 ? ERROR_INVALID_LEVEL
                                     : setMember(false, group, ridOf(member), true);
 }
 
-EXPORT NET_API_STATUS WINAPI NetLocalGroupDelMembers(LPCWSTR, LPCWSTR group, DWORD level,
-                                                     LPBYTE member, DWORD count) {
+NET_API_STATUS WINAPI NetLocalGroupDelMembers(LPCWSTR, LPCWSTR group, DWORD level, LPBYTE member,
+                                              DWORD count) {
     return level != 0 || count != 1 ? ERROR_INVALID_LEVEL
                                     : setMember(false, group, ridOf(member), false);
 }
 
-EXPORT NET_API_STATUS WINAPI NetLocalGroupGetMembers(LPCWSTR, LPCWSTR group, DWORD level,
-                                                     LPBYTE* result, DWORD, LPDWORD count,
-                                                     LPDWORD total, PDWORD_PTR resume) {
+NET_API_STATUS WINAPI NetLocalGroupGetMembers(LPCWSTR, LPCWSTR group, DWORD level, LPBYTE* result,
+                                              DWORD, LPDWORD count, LPDWORD total,
+                                              PDWORD_PTR resume) {
     if (level != 1) {
         return ERROR_INVALID_LEVEL;
     }
@@ -341,30 +338,29 @@ EXPORT NET_API_STATUS WINAPI NetLocalGroupGetMembers(LPCWSTR, LPCWSTR group, DWO
         });
 }
 
-EXPORT NET_API_STATUS WINAPI NetGroupGetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE* result) {
+NET_API_STATUS WINAPI NetGroupGetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE* result) {
     return getGroup(true, name, level, result);
 }
 
-EXPORT NET_API_STATUS WINAPI NetGroupSetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE information,
-                                             LPDWORD) {
+NET_API_STATUS WINAPI NetGroupSetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE information,
+                                      LPDWORD) {
     return setGroup(true, name, level, information);
 }
 
-EXPORT NET_API_STATUS WINAPI NetGroupDel(LPCWSTR, LPCWSTR name) {
+NET_API_STATUS WINAPI NetGroupDel(LPCWSTR, LPCWSTR name) {
     return deleteGroup(true, name);
 }
 
-EXPORT NET_API_STATUS WINAPI NetGroupAddUser(LPCWSTR, LPCWSTR group, LPCWSTR user) {
+NET_API_STATUS WINAPI NetGroupAddUser(LPCWSTR, LPCWSTR group, LPCWSTR user) {
     return setMember(true, group, getNumber(userPath(user), L"rid").value_or(0), true);
 }
 
-EXPORT NET_API_STATUS WINAPI NetGroupDelUser(LPCWSTR, LPCWSTR group, LPCWSTR user) {
+NET_API_STATUS WINAPI NetGroupDelUser(LPCWSTR, LPCWSTR group, LPCWSTR user) {
     return setMember(true, group, getNumber(userPath(user), L"rid").value_or(0), false);
 }
 
-EXPORT NET_API_STATUS WINAPI NetGroupGetUsers(LPCWSTR, LPCWSTR group, DWORD level, LPBYTE* result,
-                                              DWORD, LPDWORD count, LPDWORD total,
-                                              PDWORD_PTR resume) {
+NET_API_STATUS WINAPI NetGroupGetUsers(LPCWSTR, LPCWSTR group, DWORD level, LPBYTE* result, DWORD,
+                                       LPDWORD count, LPDWORD total, PDWORD_PTR resume) {
     if (level != 0) {
         return ERROR_INVALID_LEVEL;
     }

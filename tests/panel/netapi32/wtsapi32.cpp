@@ -1,8 +1,7 @@
 // A stand-in for wtsapi32.dll: keeps who may log on by remote desktop.
 #include "tests/panel/netapi32/account_store.h"
 
-extern "C" __declspec(dllexport) BOOL WINAPI
-    WTSSetUserConfigW(LPWSTR, LPWSTR user, int, LPWSTR value, DWORD) {
+extern "C" BOOL WINAPI WTSSetUserConfigW(LPWSTR, LPWSTR user, int, LPWSTR value, DWORD) {
     const std::wstring path = panel::userPath(user);
     if (!panel::accountKey(path)) {
         ::SetLastError(ERROR_NO_SUCH_USER);
