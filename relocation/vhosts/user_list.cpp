@@ -7,6 +7,7 @@
 #include "runtime/database/zop_database.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
+#include "runtime/files/pinned_path.h"
 #include "runtime/format_string.h"
 #include "runtime/log_manager.h"
 #include "runtime/native_span.h"
@@ -138,12 +139,19 @@ bool UserList::commit() {
     pendingRestart_.clear();
     bool cancel = false;
     progressEvent_Total.raise(static_cast<std::int32_t>(movers_.size() + users_.size()), cancel);
+    RunTime::PinnedPath above(from_);
     while (!movers_.empty()) {
         backupmove& mover = *movers_.front();
         progressEvent_Name.raise(L"Remove user old home " + quoted(mover.get_source()), cancel);
         progressEvent_MoveUserHomeStart.raise(cancel);
         try {
-            mover.commit();
+            // What a link leads to since the move is not what was moved.
+            if (attempt(span, L"Remove user old home",
+                        [&] { holdAbove(above, mover.get_source()); })) {
+                mover.commit();
+            } else {
+                leftBehind_.push_back(nicePath(mover.get_source()));
+            }
         } catch (...) {
             progressEvent_MoveUserHomeEnd.raise(cancel);
             throw;
@@ -295,14 +303,33 @@ void UserList::moveQuota(UserInfo& info) const {
 }
 
 void UserList::moveHomes() {
+    RunTime::PinnedPath above(from_);
     for (const UserInfo* info : outermostHomes()) {
         ThreadCancelation::check();
+        try {
+            if (!holdAbove(above, info->row.path)) {
+                continue; // it has gone
+            }
+        } catch (const vosexception& error) {
+            bool ignore = false;
+            ignorebleErrorEvent.raise(error.what(), ignore);
+            if (!ignore) {
+                throw;
+            }
+            continue;
+        }
         bool cancel = false;
         progressEvent_MoveUserHomeStart.raise(cancel);
         throwIfCanceled(cancel);
         movers_.push_back(moveUserHome(info->row.path, info->newPath));
         progressEvent_MoveUserHomeEnd.raise(cancel);
     }
+}
+
+// Holds what is between the directory that moves and the home. Those who own something there could
+// put a link to others' files in its place, or may have done so before.
+bool UserList::holdAbove(RunTime::PinnedPath& above, const std::wstring& home) const {
+    return home.size() <= from_.size() || above.hold(RunTime::parentPath(home));
 }
 
 // The homes on disk that lie in no other, each once, in the order of the accounts.

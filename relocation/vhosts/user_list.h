@@ -10,7 +10,8 @@
 // says so. Homes may be shared, and lie in one another: one that lies in another moves along with
 // that and gets no mover of its own. Directories that are missing above a new home are made
 // (RunTime::Directory::intermediate), and taken over by the mover that comes to them
-// (backupmove::adopt).
+// (backupmove::adopt). No link between the directory and a home is followed: such a home is an
+// error of its own, which may be ignored, and is not copied.
 //
 // The database is the one that the configuration names.
 //
@@ -30,6 +31,9 @@
 
 class NativeSpan;
 class ZOPDatabase;
+namespace RunTime {
+class PinnedPath;
+}
 
 class UserList {
 public:
@@ -107,6 +111,7 @@ private:
     std::wstring homePath(const std::wstring& home) const;
     void moveQuota(UserInfo& info) const;
     void moveHomes();
+    bool holdAbove(RunTime::PinnedPath& above, const std::wstring& home) const;
     std::vector<const UserInfo*> outermostHomes() const;
     void undoPartialMove(std::unique_ptr<backupmove> mover, const NativeSpan& span);
     void restoreHomes(const NativeSpan& span);

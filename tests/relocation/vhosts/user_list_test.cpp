@@ -8,9 +8,11 @@
 #include "tests/support/database_fixture.h"
 #include "tests/support/fault_sweep.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/ntfs_fake.h"
 #include "tests/support/registry_override.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/tree_image.h"
+#include "tests/support/unix_call.h"
 
 #include <chrono>
 #include <deque>
@@ -18,26 +20,6 @@
 #include <winsock2.h>
 
 namespace {
-
-// Every volume can have quotas while this lives.
-class VolumesWithQuotas {
-public:
-    VolumesWithQuotas() { original_ = patch_.original<decltype(original_)>(); }
-
-private:
-    static BOOL WINAPI information(LPCWSTR root, LPWSTR name, DWORD nameSize, LPDWORD serial,
-                                   LPDWORD length, LPDWORD flags, LPWSTR system, DWORD systemSize) {
-        const BOOL done =
-            original_(root, name, nameSize, serial, length, flags, system, systemSize);
-        if (done && flags != nullptr) {
-            *flags |= FILE_VOLUME_QUOTAS;
-        }
-        return done;
-    }
-
-    static inline decltype(&::GetVolumeInformationW) original_ = nullptr;
-    ImportPatch patch_{"GetVolumeInformationW", &information};
-};
 
 std::wstring otherDrive() {
     wchar_t drive[8] = L"";
@@ -135,7 +117,7 @@ protected:
 
     static void WINAPI noPause(DWORD) {}
     ImportPatch noPauses{"Sleep", &noPause}; // of the retries
-    VolumesWithQuotas quotas;
+    NtfsFake ntfs;                           // its volumes have quotas
     AccountFake accounts;
     std::optional<RegistryOverride> registry;
     std::optional<TempDirectory> oldPlace;
@@ -315,6 +297,28 @@ TEST_F(UserListTest, HomesAreRecognizedHoweverTheyAreWritten) {
                                          L"some long name.example.com\\x\\a.txt"}));
     list->rollback();
     expectWorld(before);
+}
+
+// The owner of a directory above a home may put a link there, before the move or after it.
+TEST_F(UserListTest, NoLinkAboveAHomeIsFollowed) {
+    const std::wstring users = *oldPlace / L"vhosts\\users";
+    const auto list = newList();
+    list->move(from, to);
+    oldPlace->writeFile(L"foreign\\w1\\precious.txt");
+    ASSERT_TRUE(ntfs.swapForLink(users, unixPath((*oldPlace / L"foreign").c_str())));
+    list->commit();
+    EXPECT_EQ(list->get_leftBehind(), (std::vector<std::wstring>{from + L"\\users\\w1"}));
+    EXPECT_TRUE(oldPlace->has(L"foreign\\w1\\precious.txt"));
+    EXPECT_FALSE(oldPlace->has(L"vhosts\\d1"));
+    addRow(L"other", from + L"\\users\\w1");
+    addAccount(L"other", L"");
+    EXPECT_THROW(list->move(from, to), VInvalidDirectoryNameException);
+    list->rollback();
+    const Hook hook =
+        list->ignorebleErrorEvent.hook([](const std::wstring&, bool& ignore) { ignore = true; });
+    list->move(from, to);
+    EXPECT_TRUE(list->get_movers().empty());
+    EXPECT_FALSE(newPlace->has(L"new vhosts\\users\\w1\\precious.txt"));
 }
 
 namespace {
