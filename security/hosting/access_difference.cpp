@@ -1,6 +1,9 @@
 #include "security/hosting/access_difference.h"
 
+#include "runtime/exception.h"
+#include "runtime/format_string.h"
 #include "security/acl.h"
+#include "security/sddl.h"
 
 #include <algorithm>
 
@@ -10,7 +13,8 @@ namespace {
 
 using RunTime::Ace;
 
-constexpr std::size_t mostWords = 1000;
+constexpr std::size_t mostWords = 500;
+constexpr std::size_t mostExtras = 20; // entries told of one item
 
 void addLine(std::wstring& text, const wchar_t* what, const std::wstring& words = {}) {
     text += text.empty() ? L"" : L"\n";
@@ -48,8 +52,13 @@ std::wstring AccessDifference::describe(const ItemAccess& wanted,
     for (const Ace& ace : missing) {
         addLine(text, L"missing: ", wordsOf(ace, wanted.kind()));
     }
-    for (const Ace& ace : extra) {
-        addLine(text, L"not expected: ", wordsOf(ace, wanted.kind()));
+    for (std::size_t i = 0; i < std::min(extra.size(), mostExtras); ++i) {
+        addLine(text, L"not expected: ", wordsOf(extra[i], wanted.kind()));
+    }
+    if (extra.size() > mostExtras) {
+        addLine(text, formatString(L"not expected: %llu more entries",
+                                   static_cast<unsigned long long>(extra.size() - mostExtras))
+                          .c_str());
     }
     if (text.empty()) {
         addLine(text, L"expected: another order of the entries");
@@ -57,7 +66,7 @@ std::wstring AccessDifference::describe(const ItemAccess& wanted,
     return text;
 }
 
-const std::wstring& AccessDifference::wordsOf(const Ace& ace, RunTime::AceSubject subject) {
+std::wstring AccessDifference::wordsOf(const Ace& ace, RunTime::AceSubject subject) {
     const auto bytes = ace.bytes();
     auto key = std::make_pair(std::vector<unsigned char>(bytes.begin(), bytes.end()), subject);
     const auto known = words_.find(key);
@@ -65,7 +74,11 @@ const std::wstring& AccessDifference::wordsOf(const Ace& ace, RunTime::AceSubjec
         return known->second;
     }
     if (words_.size() >= mostWords) {
-        words_.clear();
+        try {
+            return RunTime::sddlOf(ace);
+        } catch (const vosexception&) { // a type that the text form does not have
+            return formatString(L"an entry of the type %d", ace.type());
+        }
     }
     return words_.emplace(std::move(key), RunTime::describeAce(ace, subject)).first->second;
 }

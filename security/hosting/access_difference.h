@@ -11,17 +11,19 @@
 
 namespace HostingSecurity {
 
-// Keeps words that it has found: looking accounts up takes its time. One thread at a time.
+// Looking accounts up takes its time, a domain's above all, and owners of a tree may put any number
+// of accounts into their lists. So words are kept, long differences cut short, and when a walk has
+// asked for many entries the rest are shown in SDDL, without their accounts' names. One thread at a
+// time.
 class AccessDifference {
 public:
     // present is whole, and does not match.
     std::wstring describe(const ItemAccess& wanted, const RunTime::DescriptorBytes& present);
 
 private:
-    const std::wstring& wordsOf(const RunTime::Ace& ace, RunTime::AceSubject subject);
+    std::wstring wordsOf(const RunTime::Ace& ace, RunTime::AceSubject subject);
 
-    // By the entry's bytes and what it is on. Owners of a tree may put any number of accounts into
-    // their lists, so it is emptied when it has grown.
+    // By the entry's bytes and what it is on.
     std::map<std::pair<std::vector<unsigned char>, RunTime::AceSubject>, std::wstring> words_;
 };
 

@@ -23,7 +23,7 @@ constexpr int openTries = 4;
 
 // Directories held of one listing before they are entered (one, far down), and items held until the
 // disk has their old descriptors.
-constexpr std::size_t mostChildren = 64;
+constexpr std::size_t mostChildren = 16;
 constexpr std::size_t mostPending = 256;
 
 constexpr wchar_t cameInPlace[] = L"Something else has come in the place of (%s)";

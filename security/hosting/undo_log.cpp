@@ -161,8 +161,10 @@ std::wstring undoDirectory() {
 std::wstring stemOf(const std::wstring& domain) {
     SYSTEMTIME now;
     ::GetSystemTime(&now);
-    return domain + formatString(L"-%04d%02d%02d-%02d%02d%02d-", now.wYear, now.wMonth, now.wDay,
-                                 now.wHour, now.wMinute, now.wSecond);
+    constexpr std::size_t room = 100; // for a name, the rest of which has to fit too
+    return domain.substr(0, room) + formatString(L"-%04d%02d%02d-%02d%02d%02d-", now.wYear,
+                                                 now.wMonth, now.wDay, now.wHour, now.wMinute,
+                                                 now.wSecond);
 }
 
 } // namespace

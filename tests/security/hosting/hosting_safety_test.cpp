@@ -4,6 +4,7 @@
 #include "runtime/log_manager.h"
 #include "runtime/text.h"
 #include "runtime/thread_cancelation.h"
+#include "security/hosting/undo_log.h"
 #include "tests/support/fault_sweep.h"
 #include "tests/support/unix_call.h"
 
@@ -22,8 +23,13 @@ protected:
     }
     void repair(Recorder& recorder, CommitMode mode = CommitMode::Repair, bool descend = true) {
         const auto subject = manager();
-        subject->commit(recorder, mode, descend, false);
-        undoFile = subject->getUndoFile();
+        try {
+            subject->commit(recorder, mode, descend, false);
+            undoFile = subject->getUndoFile();
+        } catch (const vexception&) {
+            undoFile = subject->getUndoFile();
+            throw;
+        }
     }
     std::wstring make(const std::wstring& relative) {
         return place.writeFile(L"vhosts\\d1\\" + relative);
@@ -94,7 +100,12 @@ TEST_F(HostingSafetyTest, OnlyRootsBelowTheVirtualHostsAreTaken) {
         [&](LogType, const std::wstring& line) { lines.push_back(line); });
     RegistryOverride::setString(L"HTTPD_VHOSTS_D", place / L"alias");
     SecurityManager subject(place.nice() + L"\\alias\\d1\\");
-    EXPECT_EQ(lines, std::vector{L"Root path is " + nice(root)});
+    Recorder recorder;
+    subject.commit(recorder, CommitMode::Report, true, false);
+    EXPECT_EQ(lines,
+              (std::vector{L"Root path is " + nice(root),
+                           L"Commiting file system security changes for root path " + nice(root),
+                           std::wstring(L"File system security changes applied successfully")}));
     EXPECT_EQ(subject.getDomainName(), L"d1");
     EXPECT_EQ(subject.getRootRelativePath(place / L"alias\\d1"), L"");
     EXPECT_EQ(subject.getRootRelativePath(make(L"logs\\a.log")), L"logs\\a.log");
@@ -134,6 +145,26 @@ TEST_F(HostingSafetyTest, FastLooksAtWhatTheTemplateNamesAndNothingElse) {
     repair(all);
     EXPECT_EQ(ntfs.security(others[5]), everybody);
     EXPECT_NE(ntfs.security(others[0]), everybody);
+}
+
+// A domain controller would be asked for each of them.
+TEST_F(HostingSafetyTest, ListsFullOfStrangersAreToldInShort) {
+    int stranger = 0;
+    std::wstring last;
+    for (int file = 0; file < 40; ++file) {
+        std::wstring list = L"O:BAG:SYD:";
+        for (int i = 0; i < 30; ++i) {
+            list += L"(A;;FR;;;S-1-5-21-7-7-7-" + std::to_wstring(++stranger) + L")";
+        }
+        last = make(L"f" + std::to_wstring(file + 10));
+        ntfs.setSecurity(last, list);
+    }
+    Recorder recorder;
+    const auto calls = countCalls([&] { repair(recorder, CommitMode::Report); });
+    EXPECT_LT(calls.at("LookupAccountSidW"), 1500);
+    const std::wstring text = recorder.differences[nice(last)];
+    EXPECT_NE(text.find(L"not expected: (A;;FR;;;S-1-5-21-7-7-7-"), text.npos) << toUtf8(text);
+    EXPECT_NE(text.find(L"not expected: 10 more entries"), text.npos);
 }
 
 TEST_F(HostingSafetyTest, DeepTreesAreWalked) {
@@ -198,6 +229,7 @@ TEST_F(HostingSafetyTest, WhateverCallFailsNoItemHasMoreThanBeforeOrByTheTemplat
     for (long n = 1, fired = 1; fired; ++n) {
         damage();
         Recorder recorder;
+        undoFile.clear();
         const FaultOutcome outcome = runWithFault(n, ERROR_IO_DEVICE, [&] { repair(recorder); });
         SCOPED_TRACE(outcome.text());
         fired = outcome.fired;
@@ -211,8 +243,17 @@ TEST_F(HostingSafetyTest, WhateverCallFailsNoItemHasMoreThanBeforeOrByTheTemplat
         // What stayed wrong has been told, one way or the other.
         EXPECT_TRUE(whole || !outcome.error.empty() || !recorder.errors.empty());
         ASSERT_EQ(ntfs.openHandles(place.path()), 0);
-        Recorder mended;
-        repair(mended);
+        // What was replaced had been kept.
+        if (!undoFile.empty()) {
+            try {
+                undo(undoFile, recorder, true);
+            } catch (const UndoFileException&) { // it was not even begun
+            }
+        }
+        for (std::size_t i = 0; i < std::size(items); ++i) {
+            ASSERT_EQ(ntfs.security(items[i]), before[i]);
+        }
+        repair(recorder);
         for (std::size_t i = 0; i < std::size(items); ++i) {
             ASSERT_EQ(ntfs.security(items[i]), after[i]);
         }
