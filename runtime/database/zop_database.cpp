@@ -1,7 +1,27 @@
 #include "runtime/database/zop_database.h"
 
 #include "runtime/database/mysql_database.h"
+#include "runtime/files/path.h"
 #include "runtime/wipe.h"
+
+#include <algorithm>
+
+namespace {
+
+// docs/database.md says what they mean.
+struct NeededTable {
+    const wchar_t* name;
+    const wchar_t* columns[5]; // null behind the last
+};
+constexpr NeededTable neededTables[] = {
+    {L"sys_users", {L"id", L"login", L"password", L"home", L"quota"}},
+    {L"domains", {L"id", L"name", L"htype"}},
+    {L"hosting", {L"dom_id", L"sys_user_id", L"www_root", L"app_pool_user"}},
+    {L"ftp_users", {L"id", L"dom_id", L"sys_user_id"}},
+    {L"ServiceNodeEnvironment", {L"serviceNodeId", L"section", L"name", L"value"}},
+};
+
+} // namespace
 
 ZOPDatabase::UserInfo::~UserInfo() {
     RunTime::wipe(password);
@@ -13,6 +33,40 @@ ZOPDatabase ZOPDatabase::connect() {
     VMySQLDatabase::Parameters parameters = VMySQLDatabase::configuredParameters();
     const RunTime::WipeOnExit wiped(parameters.password);
     return ZOPDatabase(std::make_shared<VMySQLDatabase>(parameters));
+}
+
+std::vector<std::wstring> ZOPDatabase::missing() {
+    const auto rows = database_->query(L"select table_name as t, column_name as c from "
+                                       L"information_schema.columns where table_schema = "
+                                       L"database()");
+    std::vector<std::pair<std::wstring, std::wstring>> found;
+    while (rows->next()) {
+        found.emplace_back(rows->value(L"t"), rows->value(L"c"));
+    }
+    std::vector<std::wstring> result;
+    for (const NeededTable& table : neededTables) {
+        std::vector<std::wstring> lacking;
+        for (const wchar_t* column : table.columns) {
+            // Servers on Windows make the names of tables small.
+            const bool there =
+                column == nullptr || std::any_of(found.begin(), found.end(), [&](const auto& each) {
+                    return RunTime::equalNames(each.first, table.name) &&
+                           RunTime::equalNames(each.second, column);
+                });
+            if (!there) {
+                lacking.push_back(std::wstring(table.name) + L"." + column);
+            }
+        }
+        const bool isThere = std::any_of(found.begin(), found.end(), [&](const auto& each) {
+            return RunTime::equalNames(each.first, table.name);
+        });
+        if (isThere) {
+            result.insert(result.end(), lacking.begin(), lacking.end());
+        } else {
+            result.emplace_back(table.name);
+        }
+    }
+    return result;
 }
 
 ZOPDatabase::UserInfo ZOPDatabase::getUserInfo(const std::wstring& user) {

@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 class ZOPDatabase {
 public:
@@ -31,6 +32,9 @@ public:
     static ZOPDatabase connect();
 
     VDatabase& database() const noexcept { return *database_; }
+
+    // What the library needs of the database and does not find: "sys_users", "hosting.www_root".
+    std::vector<std::wstring> missing();
 
     // Throws vexception when the panel does not know the account.
     UserInfo getUserInfo(const std::wstring& user);

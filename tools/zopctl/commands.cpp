@@ -5,6 +5,7 @@
 #include "tools/zopctl/acl_show_command.h"
 #include "tools/zopctl/config_command.h"
 #include "tools/zopctl/data_move_command.h"
+#include "tools/zopctl/database_command.h"
 #include "tools/zopctl/hosting_command.h"
 #include "tools/zopctl/policy_command.h"
 #include "tools/zopctl/text_format.h"
@@ -122,6 +123,12 @@ const std::vector<Command>& commands() {
         {L"config", L"get", L"NAME", L"prints a configuration value", runConfigGet},
         {L"config", L"set", L"NAME [VALUE]", L"sets a configuration value", runConfigSet},
         {L"config", L"list", L"", L"lists the configuration values", runConfigList},
+        {L"database", L"export", L"FILE", L"writes the panel's database into a file",
+         runDatabaseExport},
+        {L"database", L"import", L"FILE", L"replaces the panel's database by an export",
+         runDatabaseImport},
+        {L"database", L"check", L"", L"connects to the panel's database and looks at it",
+         runDatabaseCheck},
         {L"hosting", L"check", L"ROOT --user U", L"checks and repairs a hosting's permissions",
          runHostingCheck},
         {L"hosting", L"undo", L"FILE", L"puts permissions back that a check replaced",
