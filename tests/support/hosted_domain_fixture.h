@@ -27,7 +27,7 @@ protected:
         if (!database) {
             return;
         }
-        configure();
+        configurePanel();
         for (const wchar_t* table : {L"ftp_users", L"hosting", L"domains", L"sys_users"}) {
             database->execute(std::wstring(L"delete from ") + table);
         }
@@ -41,13 +41,8 @@ protected:
         temp.makeDirectory(L"vhosts\\a.example\\webusers");
     }
 
-    void configure() const {
-        const Parameters server = parameters();
-        RegistryOverride::setString(L"MySQLHost", server.host);
-        RegistryOverride::setDword(L"MySQLPort", server.port);
-        RegistryOverride::setString(L"MySQLLogin", server.user);
-        RegistryOverride::setString(L"MySQLPassword", server.password);
-        RegistryOverride::setString(L"MySQLDatabase", server.database);
+    void configurePanel() const {
+        configure(registry);
         RegistryOverride::setString(L"HTTPD_VHOSTS_D", temp.nice() + L"\\vhosts");
         RegistryOverride::setString(L"PRODUCT_DATA_D", temp.nice() + L"\\data");
     }

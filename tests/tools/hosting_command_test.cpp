@@ -77,7 +77,7 @@ TEST_F(HostingCommandTest, WhatCannotWorkIsRefusedWithWhatToDo) {
     refused(root(), {L"--user", L"d1"}, ExitCode::Refused, "nobody to ask", "--yes");
     RegistryOverride::remove(L"PRODUCT_DATA_D");
     refused(root(), {L"--user", L"d1", L"--yes"}, ExitCode::Failed, "PRODUCT_DATA_D", "are kept");
-    configure();
+    configurePanel();
     database->execute(L"update hosting set app_pool_user = NULL");
     refused(root(), {L"--user", L"d1", L"--yes"}, ExitCode::Refused, "pool user", "--forwarding");
     database->execute(L"update hosting set app_pool_user = 'pool1'");
