@@ -77,7 +77,7 @@ public:
         std::vector<std::wstring>& failed;             // nice form, in order
         std::vector<Existing>& existing;               // directories merged into
         std::unordered_set<std::wstring>& failedPaths; // the same as failed, in long form
-        const PathSet& leftOut; // directories of the source that are passed over, without an event
+        const PathSet& leftOut; // items of the source that are passed over, without an event
         const PathSet& adopted; // directories of the target that are taken over as Empty ones are
     };
     // Copies the tree to target with backup semantics. An item that cannot be copied is offered to

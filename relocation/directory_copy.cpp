@@ -45,7 +45,9 @@ public:
             }
             for (const FileInformation& entry : level.listing.files) {
                 appendName(level, entry.name);
-                copyItem(entry, level.inherited);
+                if (!job_.leftOut.contains(source_)) {
+                    copyItem(entry, level.inherited);
+                }
             }
             leave();
         }
@@ -67,9 +69,12 @@ private:
 
     void below(CopyLevel& level, const FileInformation& entry) {
         appendName(level, entry.name);
+        if (job_.leftOut.contains(source_)) {
+            return;
+        }
         if (entry.isLink()) {
             copyItem(entry, level.inherited);
-        } else if (!isTargetRoot(entry) && !job_.leftOut.contains(source_)) {
+        } else if (!isTargetRoot(entry)) {
             // levels_ moves as it grows.
             // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
             const FileInformation copy = entry;

@@ -313,6 +313,8 @@ void MoveVHosts::setServersAside() {
         }
         record_.serversAside = RunTime::temporaryMove(servers, setAsidePrefix);
         begin(Part::Servers);
+        log(formatString(L"(%s) is (%s) until the move is committed", servers.c_str(),
+                         nicePath(record_.serversAside).c_str()));
     } catch (...) {
         reportFailure(span, serversFailure);
     }
@@ -332,9 +334,9 @@ bool MoveVHosts::commit() {
     committing_ = true;
     leftBehind_.clear();
     pendingRestart_.clear();
+    removeServersAside(); // first: it lies where the others remove what they know
     const bool canceled = users_.commit();
     sites_.commit();
-    removeServersAside();
     backupmove::commit();
     gatherLeftovers();
     clearVars();
