@@ -70,6 +70,12 @@ std::wstring causeOf(const ConfigServiceException& e) {
 
 } // namespace
 
+struct PanelCheck::Account {
+    std::wstring login;
+    bool hasHome; // in the directory
+    bool isHomeOnDisk;
+};
+
 struct PanelCheck::Place {
     OldPath old;
     PlaceText text;
@@ -159,25 +165,21 @@ void PanelCheck::checkDatabase(const std::wstring& source) {
 
 void PanelCheck::checkAccounts(ZOPDatabase& database, const Place& place) {
     Special missingHomes;
-    std::vector<std::wstring> logins;
+    std::vector<Account> accounts;
     const auto rows = database.enumUsers();
     while (rows->next()) {
         ThreadCancelation::check();
         const std::wstring login = rows->text(L"login").value_or(L"");
         const std::wstring home = rows->text(L"home").value_or(L"");
-        if (!place.old.isNamedBy(home)) {
-            continue;
-        }
-        ++result_.homes;
-        result_.quotas += rows->text(L"quota").value_or(L"0") != L"0";
-        logins.push_back(login);
-        if (isThere(home)) {
-            ++result_.homesOnDisk;
-        } else {
+        const bool inside = place.old.isNamedBy(home);
+        const bool onDisk = inside && isThere(home);
+        accounts.push_back({login, inside, onDisk});
+        result_.quotas += inside && rows->text(L"quota").value_or(L"0") != L"0";
+        if (inside && !onDisk) {
             note(missingHomes, login + L": " + home);
         }
     }
-    checkUsers(logins);
+    checkUsers(accounts);
     if (missingHomes.count != 0) {
         warn("missing-homes",
              L"Homes of accounts that do not exist on disk: " + number(missingHomes.count) + L" " +
@@ -186,15 +188,18 @@ void PanelCheck::checkAccounts(ZOPDatabase& database, const Place& place) {
     }
 }
 
-void PanelCheck::checkUsers(const std::vector<std::wstring>& logins) {
+void PanelCheck::checkUsers(const std::vector<Account>& accounts) {
     Special missing;
     try {
         const auto information = UserManagement::UserInformation::createInstance();
-        for (const std::wstring& login : logins) {
+        for (const Account& account : accounts) {
             ThreadCancelation::check();
-            if (!information->userExists(login)) {
-                note(missing, login);
+            if (!information->userExists(account.login)) {
+                note(missing, account.login);
+                continue;
             }
+            result_.homes += account.hasHome;
+            result_.homesOnDisk += account.isHomeOnDisk;
         }
     } catch (const vosexception& e) {
         return refuse("no-accounts",

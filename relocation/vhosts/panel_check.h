@@ -30,10 +30,11 @@ public:
     void checkVolumes(const std::wstring& source, const std::wstring& target);
 
 private:
+    struct Account;
     struct Place;
 
     void checkAccounts(ZOPDatabase& database, const Place& place);
-    void checkUsers(const std::vector<std::wstring>& logins);
+    void checkUsers(const std::vector<Account>& accounts);
     void checkWwwRoots(ZOPDatabase& database, const Place& place);
     void checkReferences(const std::wstring& source, const InstallerPaths& covered);
 

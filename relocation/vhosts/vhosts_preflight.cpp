@@ -125,6 +125,10 @@ VHostsPreflight::Result VHostsPreflight::examine(const std::wstring& source,
     const ThreadCancelation::CancelationPoint cancellable;
     Examination examination(options, progressEvent);
     Result result = examination.run(source, target);
+    std::stable_partition(result.findings.begin(), result.findings.end(),
+                          [](const MoveFinding& finding) {
+                              return finding.severity == MoveFinding::Severity::Refuse;
+                          });
     links_ = examination.takeLinks();
     return result;
 }

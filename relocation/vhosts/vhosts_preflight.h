@@ -26,10 +26,10 @@ public:
         StreamType streams = StreamType::All;
     };
 
-    // The findings are of the paths first, then of the panel.
+    // The findings are refusals first, each kind of the paths first, then of the panel.
     struct Result : MovePreflight::Result {
-        std::int64_t homes = 0;       // of accounts, in the directory
-        std::int64_t homesOnDisk = 0; // of these
+        std::int64_t homes = 0;       // in the directory, of accounts that Windows has
+        std::int64_t homesOnDisk = 0; // of these: they are copied ahead of the tree
         std::int64_t sites = 0;
         std::int64_t wwwRoots = 0;
         std::int64_t installerValues = 0;

@@ -4,6 +4,7 @@
 #include "runtime/text.h"
 #include "tools/zopctl/console.h"
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -17,6 +18,7 @@ public:
     explicit RecordingConsole(bool isConsole = false) : Console(isConsole, isConsole) {}
 
     bool answer = false;
+    std::function<void()> onAsk;             // before the answer
     std::vector<std::wstring> hiddenAnswers; // in the order of the questions
     std::optional<std::string> input;        // what standard input holds
     std::vector<std::string> questions;
@@ -36,6 +38,9 @@ public:
     int width() const override { return 100; }
     bool ask(const std::wstring& question) override {
         questions.push_back(toUtf8(question));
+        if (onAsk) {
+            onAsk();
+        }
         return answer;
     }
     bool askHidden(const std::wstring& question, std::wstring& given) override {

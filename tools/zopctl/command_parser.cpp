@@ -53,6 +53,9 @@ bool CommandParser::parse(const std::vector<std::wstring>& arguments, Answer& an
         return fail(answer, explainExtras());
     } catch (const CLI::RequiredError&) {
         return fail(answer, explainMissing());
+    } catch (const CLI::ArgumentMismatch& e) {
+        const std::wstring text = toWide(e.what()); // "--name: ..."
+        return fail(answer, text.substr(0, text.find(L':')) + L" needs a value behind it.");
     } catch (const CLI::ParseError& e) {
         return fail(answer, toWide(e.what()) + L".");
     }

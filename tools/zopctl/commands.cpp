@@ -10,6 +10,7 @@
 #include "tools/zopctl/policy_command.h"
 #include "tools/zopctl/text_format.h"
 #include "tools/zopctl/tree_compare_command.h"
+#include "tools/zopctl/vhosts_move_command.h"
 
 #include <algorithm>
 #include <exception>
@@ -120,6 +121,8 @@ const std::vector<Command>& commands() {
         {L"acl", L"show", L"PATH", L"shows who may do what with a file or directory", runAclShow},
         {L"data", L"move", L"SOURCE TARGET", L"moves a directory to another place", runDataMove},
         {L"tree", L"compare", L"A B", L"compares two directories", runTreeCompare},
+        {L"vhosts", L"move", L"TARGET", L"moves the virtual hosts, and all that names them",
+         runVHostsMove},
         {L"config", L"get", L"NAME", L"prints a configuration value", runConfigGet},
         {L"config", L"set", L"NAME [VALUE]", L"sets a configuration value", runConfigSet},
         {L"config", L"list", L"", L"lists the configuration values", runConfigList},

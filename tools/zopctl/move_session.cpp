@@ -144,7 +144,7 @@ bool MoveSession::agree() {
     if (options_.yes) {
         return true;
     }
-    if (options_.json || !console_.canAsk()) {
+    if (!mayAsk()) {
         end(ExitCode::Refused, L"refused",
             L"Refused: there is nobody to ask whether to start. Nothing has been changed.");
         outcome_.advice.push_back(
@@ -162,6 +162,10 @@ bool MoveSession::agree() {
     }
     end(ExitCode::Cancelled, L"declined", L"Nothing has been changed.");
     return false;
+}
+
+bool MoveSession::mayAsk() const {
+    return !options_.yes && !options_.json && console_.canAsk();
 }
 
 std::wstring MoveSession::question() const {
@@ -310,23 +314,20 @@ void MoveSession::rollBack(ExitCode code, const wchar_t* status, const std::wstr
     reporter_->progressEnds();
     reporter_->warning(L"Rolling back...");
     outcome_.files = outcome_.directories = outcome_.bytes = 0;
-    std::wstring failure;
-    // A rollback goes on where it stopped; what stopped it may have passed.
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        failure.clear();
-        meter_.begin(MoveMeter::Step::RollBack);
-        try {
-            rollBackMove();
-            break;
-        } catch (const vexception& e) {
-            failure = e.message();
-        } catch (const std::exception& e) {
-            failure = toWide(e.what());
-        }
+    // A rollback goes on where it stopped; what stopped it may have passed, or somebody may see to
+    // it. Once this program has ended, nobody knows any more what there was to undo.
+    std::wstring failure = tryRollback();
+    if (!failure.empty()) {
+        failure = tryRollback();
     }
-    reporter_->progressEnds();
+    while (!failure.empty() && mayAsk() &&
+           console_.ask(L"Not everything could be put back: " + sentence(failure) +
+                        L" Remove the cause, then: try again? (y/N) ")) {
+        failure = tryRollback();
+    }
     outcome_.leftBehind = leftBehind();
     outcome_.pendingRestart = pendingRestart();
+    rollbackErrors_.insert(rollbackErrors_.end(), partErrors_.begin(), partErrors_.end());
     if (failure.empty() && rollbackErrors_.empty() && outcome_.leftBehind.empty() &&
         outcome_.pendingRestart.empty()) {
         end(code, status, reason + L" Everything is as it was before.");
@@ -337,9 +338,26 @@ void MoveSession::rollBack(ExitCode code, const wchar_t* status, const std::wstr
     }
     end(ExitCode::RollbackIncomplete, L"rollback-incomplete",
         reason + L" Not everything could be put back" +
-            (failure.empty() ? std::wstring(1, L'.') : L": " + sentence(failure)));
+            (failure.empty() || !rollbackErrors_.empty() ? std::wstring(1, L'.')
+                                                         : L": " + sentence(failure)));
     outcome_.failed.insert(outcome_.failed.end(), rollbackErrors_.begin(), rollbackErrors_.end());
     tellWhatIsWhere();
+}
+
+// Why it did not work; empty when it did.
+std::wstring MoveSession::tryRollback() {
+    std::wstring failure;
+    partErrors_.clear(); // what is left to put back fails again, or not any more
+    meter_.begin(MoveMeter::Step::RollBack);
+    try {
+        rollBackMove();
+    } catch (const vexception& e) {
+        failure = e.message();
+    } catch (const std::exception& e) {
+        failure = toWide(e.what());
+    }
+    reporter_->progressEnds();
+    return failure;
 }
 
 void MoveSession::advise() {
@@ -382,20 +400,47 @@ void MoveSession::tellWhatIsWhere() {
 // ---- events of the work
 
 void MoveSession::itemNamed(const std::wstring& text, std::int64_t bytes) {
-    if (options_.verbose) {
-        reporter_->item(text);
+    std::wstring shown = text;
+    if (const std::size_t at = shown.find(RunTime::longPrefix); at != std::wstring::npos) {
+        shown.erase(at, RunTime::longPrefix.size());
     }
-    const std::size_t prefix = text.find(L": ");
-    meter_.advance(1, bytes, prefix == std::wstring::npos ? text : text.substr(prefix + 2));
+    if (options_.verbose) {
+        reporter_->item(shown);
+    }
+    const std::wstring path = pathOf(shown);
+    meter_.advance(1, bytes, path.empty() ? shown : path);
+}
+
+std::wstring MoveSession::pathOf(const std::wstring& text) {
+    for (const std::wstring_view prefix :
+         {L"Copy: ", L"Remove: ", L"Move: ", L"Commit: ", L"Rollback: "}) {
+        if (text.starts_with(prefix)) {
+            return text.substr(prefix.size());
+        }
+    }
+    return {};
 }
 
 bool MoveSession::itemFailed(const std::wstring& path, const std::wstring& message) {
     FailedItem item{rollingBack_ ? std::wstring() : RunTime::nicePath(path),
                     withoutFrames(message)};
-    reporter_->failed(item);
-    meter_.countError();
+    tell(item);
     (rollingBack_ ? rollbackErrors_ : outcome_.failed).push_back(std::move(item));
     return ignoreErrors_;
+}
+
+void MoveSession::partFailed(const std::wstring& message) {
+    FailedItem item{{}, withoutFrames(message)};
+    tell(item);
+    (rollingBack_ ? partErrors_ : outcome_.failed).push_back(std::move(item));
+}
+
+void MoveSession::tell(const FailedItem& item) {
+    if (rollingBack_ && !toldInRollback_.insert(item.reason).second) {
+        return; // the second attempt failed like the first
+    }
+    reporter_->failed(item);
+    meter_.countError();
 }
 
 void MoveSession::sayFromHandler(const std::wstring& text) {

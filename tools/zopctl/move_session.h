@@ -13,6 +13,7 @@
 #include "tools/zopctl/move_reporter.h"
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -76,7 +77,11 @@ protected:
     bool isCancelled() const noexcept { return mayCancel_ && key_.isRequested(); }
     // An error; the result is whether the work goes on.
     bool itemFailed(const std::wstring& path, const std::wstring& message);
+    // An error of something that a further rollback attempts again.
+    void partFailed(const std::wstring& message);
     void itemNamed(const std::wstring& text, std::int64_t bytes);
+    // Of the item that a mover names; empty for other texts.
+    static std::wstring pathOf(const std::wstring& text);
     bool isRollingBack() const noexcept { return rollingBack_; }
 
     const MoveOptions& options_;
@@ -95,6 +100,9 @@ private:
     bool work();
     void commit();
     void oldCopyStays(const std::wstring& reason);
+    bool mayAsk() const;
+    std::wstring tryRollback();
+    void tell(const FailedItem& item);
     void rollBack(ExitCode code, const wchar_t* status, const std::wstring& reason);
     void sayFromHandler(const std::wstring& text);
     void end(ExitCode code, const wchar_t* status, const std::wstring& message);
@@ -108,6 +116,8 @@ private:
     bool ignoreErrors_ = false;
     bool rollingBack_ = false;
     std::vector<FailedItem> rollbackErrors_;
+    std::vector<FailedItem> partErrors_; // of the last attempt to roll back
+    std::set<std::wstring> toldInRollback_;
     LogManager::Registration listener_;
 };
 

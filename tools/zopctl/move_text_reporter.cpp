@@ -175,10 +175,14 @@ private:
         if (outcome.verified) {
             text += L", verified";
         }
-        if (!outcome.failed.empty()) {
-            text += L"; " +
-                    countOf(static_cast<std::int64_t>(outcome.failed.size()), L"item", L"items") +
-                    L" not moved";
+        const auto items = std::count_if(outcome.failed.begin(), outcome.failed.end(),
+                                         [](const FailedItem& item) { return !item.path.empty(); });
+        const auto others = std::ssize(outcome.failed) - items;
+        if (items != 0) {
+            text += L"; " + countOf(items, L"item", L"items") + L" not moved";
+        }
+        if (others != 0) {
+            text += L"; " + countOf(others, L"error", L"errors");
         }
         return text + L".";
     }
@@ -187,7 +191,7 @@ private:
         if (outcome.failed.empty()) {
             return;
         }
-        console_.errorLine(L"Failed items:");
+        console_.errorLine(L"Failed:");
         for (const FailedItem& item : outcome.failed) {
             console_.errorLine(L"  " + describeItem(item));
         }

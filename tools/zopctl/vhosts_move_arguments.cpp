@@ -33,7 +33,7 @@ Parsed<VHostsMoveOptions> parseVHostsMove(const std::vector<std::wstring>& argum
         parser.addValue("--source", options.source, "DIR",
                         "Where they are, if not where the configuration says (HTTPD_VHOSTS_D)");
     parser.app().add_flag("--relink", options.relink,
-                          "Has links that name the old place by its full path name the new one");
+                          "Points links that name the old place by its full path at the new one");
     MoveOptionsParser common(parser, options);
     if (!parser.parse(arguments, parsed) || !common.finish(parsed)) {
         return parsed;

@@ -6,6 +6,7 @@
 #include "runtime/exception.h"
 #include "runtime/files/path.h"
 #include "runtime/registry/config_values.h"
+#include "runtime/registry/registry.h"
 #include "tools/zopctl/move_session.h"
 #include "tools/zopctl/text_format.h"
 #include "tools/zopctl/vhosts_move_arguments.h"
@@ -19,6 +20,7 @@ namespace {
 
 constexpr std::int32_t steps = 19;
 constexpr std::int32_t firstStepBehindTheTree = 10; // permissions; nothing is copied any more
+constexpr std::int64_t settingsBesideSites = 4;     // that are named: permissions, FTP, ...
 
 // It drives the transaction of the library directly, not its public class, whose errors are texts
 // only.
@@ -71,7 +73,7 @@ private:
 
     void planWork(MoveMeter& meter) override {
         MoveSession::planWork(meter);
-        meter.planSettings(panel_.homes + 2 * panel_.sites + steps);
+        meter.planSettings(panel_.sites + settingsBesideSites);
     }
 
     void transfer() override {
@@ -86,9 +88,8 @@ private:
             mover_->move(seen_.source, seen_.target);
         }
         completed_ = true;
-        if (unheeded_ != 0) { // a step may pass over its failure; whoever ordered the move does not
-            throw vexception(L"Not everything could be brought into line",
-                             {L"", "zopctl::VHostsMove::transfer", __LINE__});
+        if (!unheeded_.empty()) { // a step may pass over its failure; whoever ordered it does not
+            throw vexception(unheeded_, {L"", "zopctl::VHostsMove::transfer", __LINE__});
         }
         outcome_.files = seen_.contents.files;
         outcome_.directories = seen_.contents.directories;
@@ -104,17 +105,18 @@ private:
             mover_->progressEvent_Name.hook([this](const std::wstring& name, std::int64_t,
                                                    std::int32_t, std::int64_t size, bool& cancel) {
                 bytes_ += std::max<std::int64_t>(size, 0);
-                const std::size_t prefix = name.find(L": ");
-                current_ = prefix == std::wstring::npos ? L"" : name.substr(prefix + 2);
+                current_ = pathOf(name);
                 itemNamed(name, bytes_);
                 cancel = isCancelled();
             }));
-        hooks_.push_back(mover_->errorEvent.hook(
-            [this](const std::wstring& message) { itemFailed({}, message); }));
+        hooks_.push_back(
+            mover_->errorEvent.hook([this](const std::wstring& message) { partFailed(message); }));
         hooks_.push_back(
             mover_->ignorebleErrorEvent.hook([this](const std::wstring& message, bool& ignore) {
                 ignore = itemFailed(current_, message);
-                unheeded_ += ignore ? 0 : 1;
+                if (!ignore && unheeded_.empty()) {
+                    unheeded_ = outcome_.failed.back().reason;
+                }
             }));
     }
 
@@ -142,7 +144,7 @@ private:
         // One that cannot be changed is no reason to give everything up: it is told.
         const Hook error =
             links_->errorEvent.hook([this](const std::wstring& message, bool& ignore) {
-                itemFailed({}, message);
+                partFailed(message);
                 ignore = true;
             });
         links_->change(seen_.target);
@@ -156,7 +158,7 @@ private:
     void rollBackMove() override {
         if (links_) {
             const Hook error = links_->errorEvent.hook(
-                [this](const std::wstring& message, bool&) { itemFailed({}, message); });
+                [this](const std::wstring& message, bool&) { partFailed(message); });
             links_->rollback();
         }
         if (!mover_) {
@@ -233,9 +235,13 @@ private:
     }
 
     void advise() override {
-        MoveSession::advise();
-        if (unheeded_ != 0 && completed_) {
-            outcome_.advice.push_back(L"The errors above name what could not be changed.");
+        if (completed_ && !unheeded_.empty()) {
+            outcome_.advice.push_back(L"Remove the cause and start again; --keep-going passes "
+                                      L"such errors over and lists them.");
+        } else if (differences_ != 0 || !outcome_.failed.empty()) {
+            MoveSession::advise();
+        } else {
+            outcome_.advice.push_back(L"Remove the cause and start again.");
         }
     }
 
@@ -255,10 +261,28 @@ private:
                                       L", set it back: zopctl config set HTTPD_VHOSTS_D " +
                                       quotedPath(seen_.source));
         }
-        outcome_.advice.push_back(
-            L"Then have the panel bring its parts into line, in this order: php.exe repair.php "
-            L"--repair-all-webspaces-security, php.exe repair.php --reconfigure-ftp-sites (in the "
-            L"panel's admin\\modlib\\cu).");
+        adviseByHand();
+    }
+
+    // What the panel's own programs can still put right, once the tree is where it is to be.
+    void adviseByHand() {
+        std::wstring root;
+        if (registry::lookup(HKEY_LOCAL_MACHINE, config::configKey, config::name::productRoot, root,
+                             RegistryView::View32) != ERROR_SUCCESS) {
+            return;
+        }
+        const auto program = [&](const wchar_t* path) {
+            return quotedPath(RunTime::combine(root, path));
+        };
+        const std::wstring repair = L"  " + program(L"admin\\bin64\\php.exe") + L" " +
+                                    program(L"admin\\modlib\\cu\\repair.php");
+        outcome_.advice.push_back(L"IIS sites, permissions and FTP can then be put right with");
+        outcome_.advice.push_back(L"  " + program(L"admin\\bin64\\webhostctl.exe") +
+                                  L" --update-site-paths --site-name=NAME --old-path=" +
+                                  quotedPath(seen_.target) + L" --new-path=" +
+                                  quotedPath(seen_.source));
+        outcome_.advice.push_back(repair + L" --repair-all-webspaces-security");
+        outcome_.advice.push_back(repair + L" --reconfigure-ftp-sites");
     }
 
     bool relink_;
@@ -268,7 +292,7 @@ private:
     std::vector<Hook> hooks_; // after the events they hook, so they go first
     std::wstring current_;    // path of the item last named
     std::int64_t bytes_ = 0;
-    std::int64_t unheeded_ = 0; // errors that nobody allowed to be passed over
+    std::wstring unheeded_; // the first error that nobody allowed to be passed over
     bool treeHasMoved_ = false;
     bool completed_ = false;
 };
