@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <utility>
-#include <winternl.h>
 
 namespace HostingSecurity {
 
@@ -71,13 +70,12 @@ void SecurityWalk::enterRoot() {
         RunTime::throwForPath(L"Unable to open directory (%s), which is a link or a file now",
                               path_, ERROR_DIRECTORY, function, __LINE__);
     }
-    BY_HANDLE_FILE_INFORMATION information;
-    if (!::GetFileInformationByHandle(handle.get(), &information)) {
-        const DWORD code = ::GetLastError();
+    ItemFacts facts;
+    if (const DWORD code = readFacts(handle.get(), facts)) {
         RunTime::throwForPath(L"Unable to get file information (%s)", path_, code, function,
                               __LINE__);
     }
-    head_ = {path_, ItemIdentity(information)};
+    head_ = {path_, facts.identity};
     const std::wstring parent = RunTime::parentPath(path_);
     const AutoHandle above = RunTime::openExisting(parent, READ_CONTROL, shareAll);
     DWORD code = above ? ERROR_SUCCESS : ::GetLastError();
@@ -214,7 +212,7 @@ void SecurityWalk::visitLeaf(const FileInformation& entry, const TemplateNodes& 
     const Level& level = levels_.back();
     const AceSubject kind = entry.isDirectory() ? AceSubject::Directory : AceSubject::File;
     const auto wanted = TemplateTree::accessOf(nodes, level.access, kind);
-    check(handle, entry.isLink() ? Opened::Link : Opened::File, *wanted);
+    check(handle, Opened::Leaf, *wanted);
 }
 
 void SecurityWalk::check(AutoHandle& handle, Opened as, const ItemAccess& wanted) {
@@ -239,24 +237,22 @@ void SecurityWalk::check(AutoHandle& handle, Opened as, const ItemAccess& wanted
 }
 
 void SecurityWalk::repair(AutoHandle& handle, Opened as, const ItemAccess& wanted) {
-    ItemIdentity identity;
-    FILE_STANDARD_INFO standard;
-    if (const DWORD code = identify(handle.get(), as, identity, standard)) {
+    ItemFacts facts;
+    if (const DWORD code = readFacts(handle.get(), head_.identity.volume, facts)) {
         reportCode(L"Unable to get file information (%s)", code, __LINE__);
         return;
     }
-    const bool directory = standard.Directory != FALSE;
-    if (directory != (wanted.kind() == AceSubject::Directory)) {
+    if (facts.isDirectory != (wanted.kind() == AceSubject::Directory)) {
         reportCode(cameInPlace, ERROR_DIRECTORY, __LINE__);
         return;
     }
-    // Directories have one name, whatever some file systems count.
-    if (!directory && standard.NumberOfLinks > 1) {
+    if (!facts.isDirectory && facts.names > 1) {
         reportCode(L"The file (%s) has more names than this, and its permissions are left alone",
                    ERROR_TOO_MANY_LINKS, __LINE__);
         return;
     }
-    Pending pending{{}, handle.get(), {relative(), identity, present_}, wanted.wanted(present_)};
+    Pending pending{
+        {}, handle.get(), {relative(), facts.identity, present_}, wanted.wanted(present_)};
     if (as != Opened::Directory) {
         pending.owned = std::move(handle);
     }
@@ -264,30 +260,6 @@ void SecurityWalk::repair(AutoHandle& handle, Opened as, const ItemAccess& wante
     if (pending_.size() >= mostPending) {
         applyPending();
     }
-}
-
-// The volume is the root's, since folders with others are links. Asking the system for volume and
-// file together takes longer than all else that an item needs, so that is done for links alone,
-// whose own number not every file system tells the short way.
-DWORD SecurityWalk::identify(HANDLE handle, Opened as, ItemIdentity& identity,
-                             FILE_STANDARD_INFO& standard) const {
-    if (!::GetFileInformationByHandleEx(handle, FileStandardInfo, &standard, sizeof(standard))) {
-        return ::GetLastError();
-    }
-    IO_STATUS_BLOCK status;
-    FILE_INTERNAL_INFORMATION number;
-    if (as != Opened::Link && ::NtQueryInformationFile(handle, &status, &number, sizeof(number),
-                                                       FileInternalInformation) == 0) {
-        identity.volume = head_.identity.volume;
-        identity.file = static_cast<std::uint64_t>(number.IndexNumber.QuadPart);
-        return ERROR_SUCCESS;
-    }
-    BY_HANDLE_FILE_INFORMATION information;
-    if (!::GetFileInformationByHandle(handle, &information)) {
-        return ::GetLastError();
-    }
-    identity = ItemIdentity(information);
-    return ERROR_SUCCESS;
 }
 
 void SecurityWalk::applyPending() {

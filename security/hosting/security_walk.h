@@ -88,12 +88,10 @@ private:
     void visitDirectory(const std::wstring& name, TemplateNodes nodes);
     void visitLeaf(const RunTime::FileInformation& entry, const TemplateNodes& nodes);
     bool isWanted(const TemplateNodes& nodes) const;
-    // Of the item at path_; a directory's handle is left where it is.
-    enum class Opened { Directory, File, Link };
+    // Of the item at path_; the handle of a file or link goes to what waits to be written.
+    enum class Opened { Directory, Leaf };
     void check(RunTime::AutoHandle& handle, Opened as, const ItemAccess& wanted);
     void repair(RunTime::AutoHandle& handle, Opened as, const ItemAccess& wanted);
-    DWORD identify(HANDLE handle, Opened as, ItemIdentity& identity,
-                   FILE_STANDARD_INFO& standard) const;
     void applyPending();
     void report(const vexception& error);
     void reportCode(const wchar_t* format, DWORD code, int line);

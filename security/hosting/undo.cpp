@@ -69,8 +69,25 @@ private:
     RunTime::throwForPath(format, path, code, "HostingSecurity::undo", line);
 }
 
+DWORD volumeOf(const HostingRoot& root, RunTime::PinnedPath& way) {
+    const bool held = way.hold(root.path);
+    const RunTime::AutoHandle handle =
+        held ? RunTime::openExisting(root.path, FILE_READ_ATTRIBUTES, shareAll)
+             : RunTime::AutoHandle();
+    DWORD code = handle ? ERROR_SUCCESS : held ? ::GetLastError() : ERROR_PATH_NOT_FOUND;
+    ItemFacts facts;
+    if (code == ERROR_SUCCESS) {
+        code = readFacts(handle.get(), facts);
+    }
+    if (code != ERROR_SUCCESS) {
+        RunTime::throwForPath(L"Unable to open (%s)", root.path, code, "HostingSecurity::undo",
+                              __LINE__);
+    }
+    return facts.identity.volume;
+}
+
 // True when the item's permissions were others. Throws vosexception to pass it over.
-bool restore(UndoItem& item, const std::wstring& path, RunTime::PinnedPath& way,
+bool restore(UndoItem& item, const std::wstring& path, DWORD volume, RunTime::PinnedPath& way,
              RunTime::DescriptorBytes& present) {
     if (!way.hold(RunTime::parentPath(path))) {
         passOver(L"The item (%s) has gone", path, ERROR_PATH_NOT_FOUND, __LINE__);
@@ -81,17 +98,15 @@ bool restore(UndoItem& item, const std::wstring& path, RunTime::PinnedPath& way,
         const DWORD code = ::GetLastError();
         passOver(L"Unable to open (%s)", path, code, __LINE__);
     }
-    BY_HANDLE_FILE_INFORMATION information;
-    if (!::GetFileInformationByHandle(handle.get(), &information)) {
-        const DWORD code = ::GetLastError();
+    ItemFacts facts;
+    if (const DWORD code = readFacts(handle.get(), volume, facts)) {
         passOver(L"Unable to get file information (%s)", path, code, __LINE__);
     }
-    if (ItemIdentity(information) != item.identity) {
+    if (facts.identity != item.identity) {
         passOver(L"Something else has come in the place of (%s)", path, ERROR_FILE_INVALID,
                  __LINE__);
     }
-    if (information.nNumberOfLinks > 1 &&
-        (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    if (!facts.isDirectory && facts.names > 1) {
         passOver(L"The file (%s) has more names than this, and its permissions are left alone",
                  path, ERROR_TOO_MANY_LINKS, __LINE__);
     }
@@ -119,6 +134,7 @@ UndoCounts undo(const std::wstring& file, ICommitCallback& callback, bool unfini
     UndoReader reader(bytes, unfinished);
     const HostingRoot root = HostingRoot::find(reader.head().root);
     RunTime::PinnedPath way(root.vhosts);
+    const DWORD volume = volumeOf(root, way);
     UndoCounts counts;
     UndoItem item;
     RunTime::DescriptorBytes present;
@@ -129,7 +145,7 @@ UndoCounts undo(const std::wstring& file, ICommitCallback& callback, bool unfini
         const std::wstring nice = RunTime::nicePath(path);
         bool changed = false;
         try {
-            changed = restore(item, path, way, present);
+            changed = restore(item, path, volume, way, present);
         } catch (const vosexception& error) {
             ++counts.passedOver;
             callback.onError(nice, error);

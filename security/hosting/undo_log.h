@@ -15,6 +15,7 @@
 #include "runtime/auto_handle.h"
 #include "runtime/exception.h"
 #include "security/descriptor_bytes.h"
+#include "security/hosting/item_identity.h"
 
 #include <cstdint>
 #include <span>
@@ -23,19 +24,6 @@
 #include <windows.h>
 
 namespace HostingSecurity {
-
-// What tells an item from any other that has its name later.
-struct ItemIdentity {
-    DWORD volume = 0;
-    std::uint64_t file = 0;
-
-    ItemIdentity() = default;
-    explicit ItemIdentity(const BY_HANDLE_FILE_INFORMATION& information) noexcept
-        : volume(information.dwVolumeSerialNumber),
-          file((std::uint64_t{information.nFileIndexHigh} << 32) | information.nFileIndexLow) {}
-
-    bool operator==(const ItemIdentity&) const = default;
-};
 
 struct UndoHead {
     std::wstring root; // of the hosting, in long form
