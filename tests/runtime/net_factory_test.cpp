@@ -71,8 +71,8 @@ void findImports() {
                                                                     : nullptr;
         const FARPROC function = module != nullptr ? ::GetProcAddress(module, name) : nullptr;
         if (function != nullptr) { // tests use more than the library does
-            Import& import = imports.emplace_back(
-                Import{name, slot, *slot, reinterpret_cast<void*>(function), nullptr});
+            imports.push_back({name, slot, *slot, reinterpret_cast<void*>(function), nullptr});
+            Import& import = imports.back();
             import.thunk = newImportThunk(&import, decide, &failure, &import.standIn);
             DWORD protection = 0;
             ::VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection);

@@ -3,6 +3,7 @@
 #include "runtime/exception.h"
 #include "runtime/text.h"
 
+#include <algorithm>
 #include <lm.h>
 #include <memory>
 #include <optional>
@@ -35,7 +36,7 @@ std::wstring driveOf(std::wstring path) {
     if (path.starts_with(L"\\\\?\\")) {
         path.erase(0, 4);
     }
-    path = path.substr(0, 2);
+    path.resize(std::min<std::size_t>(path.size(), 2));
     ::CharUpperW(path.data());
     return path;
 }
@@ -262,11 +263,9 @@ std::ostream& operator<<(std::ostream& out, const AccountFake::State& state) {
              {user.password, user.fullName, user.comment, user.description, user.home}) {
             text += L" '" + part + L"'";
         }
-        for (const auto& [flag, set] :
-             {std::pair(L" never-expires", user.passwordNeverExpires),
-              std::pair(L" cannot-change", user.cannotChangePassword),
-              std::pair(L" disabled", !user.enabled), std::pair(L" no-rdp", !user.rdpLogon)}) {
-            text += set ? flag : L"";
+        for (const bool flag :
+             {user.passwordNeverExpires, user.cannotChangePassword, user.enabled, user.rdpLogon}) {
+            text += flag ? L" 1" : L" 0";
         }
         for (const auto& [drive, bytes] : user.quotas) {
             text += L" " + drive + L"=" + std::to_wstring(bytes);
