@@ -31,7 +31,8 @@ RunTime::Sid SystemAccountLookup::lookup(const std::wstring& account, const std:
         if (::LookupAccountNameW(server_.empty() ? nullptr : server_.c_str(), name.c_str(),
                                  sid.data(), &sidSize, foundIn.data(), &foundInSize, &type)) {
             // A name may also be that of a domain, of which nobody is a member.
-            if (type == SidTypeDomain || type == SidTypeInvalid || type == SidTypeUnknown) {
+            if (type == SidTypeDomain || type == SidTypeInvalid || type == SidTypeUnknown ||
+                (usersOnly_ && type != SidTypeUser)) {
                 fail(name, ERROR_NONE_MAPPED, __LINE__);
             }
             return RunTime::Sid::fromBytes(sid);

@@ -19,12 +19,16 @@ public:
 // those that it trusts. "Unable to look up the account (%s)".
 class SystemAccountLookup : public AccountLookup {
 public:
-    // server  whose accounts are found first, such as a domain's controller; empty for this machine
-    explicit SystemAccountLookup(std::wstring server = {}) : server_(std::move(server)) {}
+    // server     whose accounts are found first, such as a domain's controller; empty for this
+    //            machine
+    // usersOnly  finds no group
+    explicit SystemAccountLookup(std::wstring server = {}, bool usersOnly = false)
+        : server_(std::move(server)), usersOnly_(usersOnly) {}
     RunTime::Sid lookup(const std::wstring& account, const std::wstring& domain) override;
 
 private:
     std::wstring server_;
+    bool usersOnly_;
 };
 
 } // namespace DiskSecurity

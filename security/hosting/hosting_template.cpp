@@ -29,12 +29,12 @@ LookupProvider& provider() {
     return replaced;
 }
 
-std::shared_ptr<AccountLookup> accountsOfPanel() {
+std::shared_ptr<AccountLookup> accountsOfPanel(bool usersOnly) {
     if (provider()) {
         return provider()();
     }
     return std::make_shared<DiskSecurity::SystemAccountLookup>(
-        UserManagement::UserInformation::createInstance()->getDomainServerName());
+        UserManagement::UserInformation::createInstance()->getDomainServerName(), usersOnly);
 }
 
 [[noreturn]] void failUnknown(const std::wstring& placeholder, int line) {
@@ -71,7 +71,7 @@ public:
             if (account == name) {
                 return accounts_ == nullptr || (accounts_->*member).empty()
                            ? RunTime::Sid()
-                           : find(accounts_->*member, domain);
+                           : findUser(accounts_->*member, domain);
             }
         }
         failUnknown(account, __LINE__);
@@ -83,13 +83,22 @@ private:
             return {};
         }
         if (!system_) {
-            system_ = accountsOfPanel();
+            system_ = accountsOfPanel(false);
         }
         return system_->lookup(name, domain);
     }
+    // Names of the system's own groups are found before those of accounts: a customer named as one
+    // must not give its permissions to everybody in it.
+    RunTime::Sid findUser(const std::wstring& name, const std::wstring& domain) {
+        if (!users_) {
+            users_ = accountsOfPanel(true);
+        }
+        return users_->lookup(name, domain);
+    }
 
     const HostingAccounts* accounts_;
-    std::shared_ptr<AccountLookup> system_;
+    std::shared_ptr<AccountLookup> system_; // made when they are first asked
+    std::shared_ptr<AccountLookup> users_;
 };
 
 // With places in messages only where reading the file itself is what fails.

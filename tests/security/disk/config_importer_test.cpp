@@ -100,6 +100,9 @@ TEST_F(ConfigImporterTest, SystemFindsItsAccountsByName) {
     const RunTime::Sid administrators(L"S-1-5-32-544");
     EXPECT_EQ(administrators,
               SystemAccountLookup().lookup(administrators.accountName(), administrators.domain()));
+    SystemAccountLookup users({}, true);
+    EXPECT_THROW(users.lookup(administrators.accountName(), administrators.domain()),
+                 VNoneMappedException);
     for (const wchar_t* name : {L"", L"no such account here", L"a\\b\\c"}) {
         expectError<VNoneMappedException>(
             ERROR_NONE_MAPPED, L"Unable to look up the account (" + std::wstring(name) + L")",
