@@ -296,7 +296,7 @@ void MoveVHosts::fixWebmail() {
         return;
     }
     const std::wstring file = webmailFile(to);
-    record_.webmail = SavedFile::of(file);
+    record_.webmail = SavedFile::of(file, to);
     if (record_.webmail) {
         begin(Part::Webmail);
         RunTime::replaceFilePathInFile(file, from, to, to);

@@ -171,7 +171,8 @@ void MoveVHosts::restoreSetting() {
 // A copy goes away as it is; a tree that was renamed takes its file with it.
 void MoveVHosts::restoreWebmail() {
     if (record_.renamed) {
-        record_.webmail->restore(webmailFile(treeIsAway() ? record_.to : record_.from));
+        const std::wstring& root = treeIsAway() ? record_.to : record_.from;
+        record_.webmail->restore(webmailFile(root), root);
     }
 }
 

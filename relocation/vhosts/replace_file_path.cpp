@@ -3,6 +3,7 @@
 #include "runtime/accounts/privilege_scope.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
+#include "runtime/files/pinned_directories.h"
 #include "runtime/log_manager.h"
 #include "runtime/native_span.h"
 #include "runtime/text.h"
@@ -140,24 +141,6 @@ private:
     std::vector<Form> forms_;
 };
 
-// Every directory from root down to that of the file, held so that none can be replaced by a link.
-// Empty when one of them is a link, or is not there.
-std::vector<AutoHandle> holdDirectories(const std::wstring& file, const std::wstring& root) {
-    const std::wstring lowest = parentPath(file);
-    std::size_t end =
-        root.empty() ? lowest.size() : withoutTrailingBackslash(longPath(root)).size();
-    std::vector<AutoHandle> held;
-    for (;; end = std::min(lowest.find(L'\\', end + 1), lowest.size())) {
-        held.push_back(openPinnedDirectory(lowest.substr(0, end)));
-        if (!held.back()) {
-            return {};
-        }
-        if (end >= lowest.size()) {
-            return held;
-        }
-    }
-}
-
 struct OldFile {
     AutoHandle handle;
     FILE_BASIC_INFO basic = {};
@@ -283,7 +266,8 @@ std::size_t replaceFilePathInFile(const std::wstring& file, const std::wstring& 
     const std::wstring to = plain(newPath);
     const std::wstring name = longPath(file);
     const PrivilegeScope privileges({SE_BACKUP_NAME, SE_RESTORE_NAME});
-    const std::vector<AutoHandle> held = holdDirectories(name, root);
+    const std::vector<AutoHandle> held =
+        openPinnedDirectories(root.empty() ? parentPath(name) : longPath(root), name);
     if (held.empty()) {
         return 0;
     }

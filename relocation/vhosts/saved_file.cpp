@@ -2,6 +2,7 @@
 
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
+#include "runtime/files/pinned_directories.h"
 
 #include <algorithm>
 #include <cstring>
@@ -69,13 +70,18 @@ bool isFile(HANDLE handle) {
 
 } // namespace
 
-std::optional<SavedFile> SavedFile::of(const std::wstring& path) {
+std::optional<SavedFile> SavedFile::of(const std::wstring& path, const std::wstring& root) {
+    const std::wstring name = RunTime::longPath(path);
+    const auto held = RunTime::openPinnedDirectories(RunTime::longPath(root), name);
+    if (held.empty()) {
+        return std::nullopt;
+    }
     const auto check = [&path](DWORD code, int line) {
         if (code != ERROR_SUCCESS) {
             throwForPath(L"Unable to read file (%s)", path, code, "SavedFile::of", line);
         }
     };
-    const AutoHandle file = RunTime::openExisting(path, GENERIC_READ, shareForReading);
+    const AutoHandle file = RunTime::openExisting(name, GENERIC_READ, shareForReading);
     if (!file) {
         const DWORD code = ::GetLastError();
         if (RunTime::meansMissing(code)) {
@@ -87,7 +93,7 @@ std::optional<SavedFile> SavedFile::of(const std::wstring& path) {
         return std::nullopt;
     }
     SavedFile saved;
-    const AutoHandle directory = openDirectoryOf(path, FILE_READ_ATTRIBUTES);
+    const AutoHandle directory = openDirectoryOf(name, FILE_READ_ATTRIBUTES);
     check(directory ? getBasic(directory.get(), saved.directory_) : ::GetLastError(), __LINE__);
     check(getBasic(file.get(), saved.basic_), __LINE__);
     LARGE_INTEGER size{};
@@ -98,14 +104,17 @@ std::optional<SavedFile> SavedFile::of(const std::wstring& path) {
     return saved;
 }
 
-void SavedFile::restore(const std::wstring& path) const {
+void SavedFile::restore(const std::wstring& path, const std::wstring& root) const {
     const auto check = [&path](DWORD code, int line) {
         if (code != ERROR_SUCCESS) {
             throwForPath(L"Unable to restore file (%s)", path, code, "SavedFile::restore", line);
         }
     };
+    const std::wstring name = RunTime::longPath(path);
+    const auto held = RunTime::openPinnedDirectories(RunTime::longPath(root), name);
+    check(held.empty() ? ERROR_PATH_NOT_FOUND : ERROR_SUCCESS, __LINE__);
     const auto open = [&](DWORD access) {
-        AutoHandle file = RunTime::openExisting(path, access, FILE_SHARE_READ);
+        AutoHandle file = RunTime::openExisting(name, access, FILE_SHARE_READ);
         check(file ? ERROR_SUCCESS : ::GetLastError(), __LINE__);
         check(isFile(file.get()) ? ERROR_SUCCESS : ERROR_REPARSE_TAG_MISMATCH, __LINE__);
         return file;
@@ -119,13 +128,16 @@ void SavedFile::restore(const std::wstring& path) const {
         check(readWhole(file.get(), present.data(), present.size()), __LINE__);
         same = present == content_;
     }
-    if (!same) { // one that is the same may be read-only
+    if (!same) {
+        FILE_BASIC_INFO writable = basic_; // a read-only file is not opened for writing
+        writable.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+        check(setBasic(file.get(), writable), __LINE__);
         file.reset();
         file = open(GENERIC_WRITE);
         check(writeWhole(file.get(), content_.data(), content_.size()), __LINE__);
     }
     check(setBasic(file.get(), basic_), __LINE__);
-    const AutoHandle directory = openDirectoryOf(path, FILE_WRITE_ATTRIBUTES);
+    const AutoHandle directory = openDirectoryOf(name, FILE_WRITE_ATTRIBUTES);
     check(directory ? ERROR_SUCCESS : ::GetLastError(), __LINE__);
     check(setBasic(directory.get(), directory_), __LINE__);
 }

@@ -13,12 +13,14 @@ class SavedFile {
 public:
     static constexpr std::int64_t largest = 16 * 1024 * 1024; // bytes
 
-    // None where there is no file of this name, or it is something else, a link for one. "Unable to
-    // read file (%s)", also for one that is too large.
-    static std::optional<SavedFile> of(const std::wstring& path);
+    // None where there is no file of this name, or it is something else, a link for one, or a
+    // directory between root, which is above it, and the file is a link. "Unable to read file
+    // (%s)", also for one that is too large.
+    static std::optional<SavedFile> of(const std::wstring& path, const std::wstring& root);
 
-    // Writes it to a file that is there, under this name or another. "Unable to restore file (%s)".
-    void restore(const std::wstring& path) const;
+    // Writes it to a file that is there, under this name or another. "Unable to restore file (%s)",
+    // also where a link is on the way to it.
+    void restore(const std::wstring& path, const std::wstring& root) const;
 
 private:
     SavedFile() = default;

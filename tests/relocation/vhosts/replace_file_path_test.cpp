@@ -1,5 +1,6 @@
 #include "relocation/vhosts/replace_file_path.h"
 
+#include "relocation/vhosts/saved_file.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/fault_sweep.h"
 #include "tests/support/ntfs_fake.h"
@@ -73,9 +74,12 @@ TEST(ReplaceFilePathTest, WhatIsNoPlainFileStaysAsItIs) {
     const auto replace = [&](const wchar_t* name) {
         return replaceFilePathInFile(directory / name, L"D:\\vhosts", L"E:\\v", directory.path());
     };
+    const auto saved = SavedFile::of(file, directory.path());
     for (const wchar_t* name : {L"web\\missing", L"missing\\file", L"web\\directory", L"web\\link",
                                 L"web\\file", L"web\\link\\victim"}) {
         EXPECT_EQ(replace(name), 0U) << toUtf8(name);
+        EXPECT_FALSE(SavedFile::of(directory / name, directory.path())) << toUtf8(name);
+        EXPECT_THROW(saved->restore(directory / name, directory.path()), vosexception);
     }
     // The owner of a directory above tries to put a link in its place while the file is rewritten.
     bool swapped = true;
@@ -84,6 +88,10 @@ TEST(ReplaceFilePathTest, WhatIsNoPlainFileStaysAsItIs) {
     });
     EXPECT_EQ(replace(L"web\\mail\\victim"), 1U);
     EXPECT_FALSE(swapped);
+    ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
+    saved->restore(file, directory.path());
+    EXPECT_EQ(directory.readFile(L"web\\mail\\victim"), text);
+    EXPECT_EQ(::GetFileAttributesW(file.c_str()) & FILE_ATTRIBUTE_READONLY, 0U);
     EXPECT_EQ(directory.readFile(L"elsewhere\\victim"), text);
 
     directory.writeFile(L"web\\large", std::string(16 * 1024 * 1024 + 1, ' '));

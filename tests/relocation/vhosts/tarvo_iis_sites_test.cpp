@@ -4,6 +4,7 @@
 #include "runtime/com.h"
 #include "runtime/files/path.h"
 #include "runtime/process/product_utility.h"
+#include "tests/panel/in_process.h"
 #include "tests/relocation/vhosts/panel_fixture.h"
 
 #include <thread>
@@ -144,12 +145,13 @@ TEST_F(TarvoIIsSitesTest, SitesOfDomainsAndThoseInTheDirectoryFollowAndComeBack)
 // Whatever ends a change, and whatever ends the first rollback, everything comes back.
 TEST_F(TarvoIIsSitesTest, AFailureOrAListenerLeavesWhatRollbackNeeds) {
     const std::string before = panel_.statements();
+    const panel::InProcess quick;
     struct Case {
         int call;          // of updates that fails, forward and then back
         std::size_t event; // that cancels
         std::size_t left;  // sites for the last rollback
     };
-    for (const Case& c : {Case{1, 0, 5}, {4, 0, 4}, {0, 4, 5}}) {
+    for (const Case& c : {Case{1, 0, 5}, {4, 0, 4}, {10, 0, 1}, {0, 1, 5}, {0, 4, 5}}) {
         SCOPED_TRACE(std::to_string(c.call) + " " + std::to_string(c.event));
         TarvoIIsSites sites;
         StepWatch watch(sites);
@@ -161,7 +163,7 @@ TEST_F(TarvoIIsSitesTest, AFailureOrAListenerLeavesWhatRollbackNeeds) {
         } catch (const CanceledException& e) {
             EXPECT_EQ(e.message(), L"Canceled!");
             EXPECT_EQ(e.frames().front().function, "TarvoIIsSites::change");
-            EXPECT_EQ(takeCalls().size(), 5U);
+            EXPECT_EQ(takeCalls().size(), c.event == 1 ? 1U : 5U);
         } catch (const RunTime::UtilityException& e) {
             EXPECT_EQ(e.message(), L"it has refused");
             EXPECT_EQ(takeCalls().size(), 1 + static_cast<std::size_t>(c.call));
