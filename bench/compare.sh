@@ -167,8 +167,8 @@ if wanted config; then
     printf '\nConfiguration reads\n'
     program config_bench
 fi
-if wanted vhosts; then # with a prefix and a database of its own
-    "$root/scripts/sandbox.sh" --database "$bench/vhosts_move.sh" "$rounds" $panel >> "$results" ||
+if wanted vhosts; then # with a prefix and a database of its own; a round is two moves, and a long one
+    "$root/scripts/sandbox.sh" --database "$bench/vhosts_move.sh" $(((rounds + 1) / 2)) $panel >> "$results" ||
         fail "The move of virtual hosts could not be measured (see above)."
 fi
 python3 "$bench/summary.py" "$results"

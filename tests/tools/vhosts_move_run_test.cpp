@@ -1,0 +1,146 @@
+// The real program moves the virtual hosts of a stand-in panel, whose utilities are processes, too.
+#include "tests/panel/panel.h"
+
+#include "runtime/auto_handle.h"
+#include "runtime/process/execute.h"
+#include "runtime/registry/config_values.h"
+#include "runtime/registry/registry.h"
+#include "runtime/text.h"
+#include "tests/support/child_program.h"
+#include "tests/support/local_config_service.h"
+#include "tests/support/temp_directory.h"
+#include "tests/support/tree_image.h"
+#include "tests/support/unix_call.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+// The program uses the machine's registry: not where a panel keeps its values there.
+class VhostsMoveRunTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const char* drive = std::getenv("ZOP_TEST_TMPFS_DRIVE");
+        if (!underWine() || drive == nullptr || std::getenv("ZOP_TEST_DB_PORT") == nullptr) {
+            GTEST_SKIP() << "no accounts, drive or database: run by scripts/sandbox.sh --database";
+        }
+        if (registry::keyExists(HKEY_LOCAL_MACHINE, config::configKey, RegistryView::View32)) {
+            GTEST_SKIP() << "this machine has a configuration";
+        }
+        directory_.emplace();
+        other_.emplace(toWide(drive));
+        // Found again on the command line of the process, and by nobody else's test.
+        LARGE_INTEGER now;
+        ::QueryPerformanceCounter(&now);
+        target_ = other_->nice() + L"\\hosting " + std::to_wstring(now.QuadPart) + L"\\vhosts";
+        panel_.emplace(directory_->nice(), panel::Options{.domains = 3, .files = 3});
+        panel_->build();
+        program_ = panel_->install(L"zopctl.exe");
+        service_.emplace();
+        before_ = panel_->snapshot({target_});
+    }
+    void TearDown() override {
+        service_.reset();
+        if (panel_) {
+            panel::Panel::removeRegistry();
+        }
+    }
+
+    RunTime::Execute::Result move(const std::vector<std::wstring>& options) const {
+        std::vector<std::wstring> words = {L"vhosts", L"move", target_};
+        words.insert(words.end(), options.begin(), options.end());
+        RunTime::Execute execute(program_, words);
+        execute.timeout = std::chrono::minutes(5);
+        return startingAgain([&] { return execute.run(); });
+    }
+    void expectNothingChanged() const { EXPECT_EQ(before_, panel_->snapshot({target_})); }
+
+    std::optional<TempDirectory> directory_;
+    std::optional<TempDirectory> other_;
+    std::optional<panel::Panel> panel_;
+    std::optional<LocalConfigService> service_;
+    std::wstring target_;
+    std::wstring program_;
+    std::string before_;
+};
+
+} // namespace
+
+TEST_F(VhostsMoveRunTest, EverythingThatNamedTheOldPlaceNamesTheNewOne) {
+    const std::string named = panel_->references(panel_->vhosts());
+    TreeImage tree = imageOf(panel_->vhosts());
+    const auto moved = move({L"--yes", L"--json"});
+    EXPECT_EQ(moved.exitStatus, 0U) << toUtf8(moved.output + moved.errors);
+    std::istringstream events(toUtf8(moved.output));
+    for (std::string event; std::getline(events, event);) {
+        EXPECT_TRUE(nlohmann::json::parse(event).contains("event"));
+    }
+
+    // What does not follow: expandable values of the registry, sites of domains without hosting.
+    const std::string left = panel_->references(panel_->vhosts());
+    std::istringstream lines(left);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_TRUE(line.find("Expandable") != line.npos || line.starts_with("iis | O'brien3"))
+            << line;
+    }
+    const std::string now = panel_->references(target_);
+    EXPECT_EQ(std::count(now.begin(), now.end(), '\n') + std::count(left.begin(), left.end(), '\n'),
+              std::count(named.begin(), named.end(), '\n'))
+        << now;
+    EXPECT_FALSE(directory_->has(L"vhosts"));
+
+    TreeImage image = imageOf(target_);
+    const std::wstring webmail = L"webmail\\atmail\\libs\\Atmail\\config.php";
+    EXPECT_EQ(image[webmail].content,
+              "<?php\n$root = '" + toUtf8(target_) + "\\webmail';\n$log = \"" + toUtf8(target_) +
+                  "\\webmail\\log\";\n$other = '" + toUtf8(panel_->elsewhere()) + "';\n");
+    for (const std::wstring& changed : {webmail, std::wstring(L"Servers\\users.txt")}) {
+        tree.erase(changed);
+        image.erase(changed);
+    }
+    for (const std::wstring& around : {std::wstring(), std::wstring(L"Servers"),
+                                       std::wstring(L"webmail\\atmail\\libs\\Atmail")}) {
+        tree[around].written = image[around].written = 0;
+    }
+    EXPECT_TRUE(sameTree(tree, image));
+}
+
+TEST_F(VhostsMoveRunTest, ATrialChangesNothing) {
+    const auto tried = move({L"--dry-run"});
+    EXPECT_EQ(tried.exitStatus, 0U) << toUtf8(tried.output + tried.errors);
+    EXPECT_NE(tried.output.find(target_), std::wstring::npos) << toUtf8(tried.output);
+    expectNothingChanged();
+    for (const panel::Words& call : panel_->store().calls()) {
+        EXPECT_EQ(call.back(), L"--get-sites-root-path"); // which only asks
+    }
+}
+
+TEST_F(VhostsMoveRunTest, AUtilityThatFailsAtTheEndLeavesNothingChanged) {
+    panel_->store().setControl(
+        {{L"print", L"1", L"--repair-all-webspaces-security", L"3000000"},
+         {L"half", L"1", L"--reconfigure-ftp-sites", L"255", L"the site is locked"}});
+    const auto failed = move({L"--yes"});
+    EXPECT_EQ(failed.exitStatus, 4U)
+        << toUtf8(failed.output.substr(0, 5000) + failed.errors.substr(0, 5000));
+    EXPECT_NE(failed.errors.find(L"the site is locked"), std::wstring::npos);
+    expectNothingChanged();
+}
+
+TEST_F(VhostsMoveRunTest, CtrlCDuringAUtilityLeavesNothingChanged) {
+    const std::wstring name = L"zop-hangs-" + std::to_wstring(::GetCurrentProcessId());
+    const RunTime::AutoHandle hangs(::CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
+    panel_->store().setControl({{L"hang", L"2", L"relink_tool.exe --update-site-paths", name}});
+    RunTime::Execute::Result cancelled;
+    {
+        const std::jthread run([&] { cancelled = move({L"--yes"}); });
+        EXPECT_EQ(::WaitForSingleObject(hangs.get(), 120'000), WAIT_OBJECT_0);
+        pressCtrlC(toUtf8(target_) + '\0' + "--yes");
+    }
+    EXPECT_EQ(cancelled.exitStatus, 5U) << toUtf8(cancelled.output + cancelled.errors);
+    expectNothingChanged();
+}
