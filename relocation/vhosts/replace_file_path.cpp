@@ -84,7 +84,7 @@ public:
             if (!from) {
                 return; // so it cannot be in the text
             }
-            forms_.push_back({*from, spelled(newPath), separator});
+            forms_.push_back({*from, spelled(newPath).value_or(""), separator});
         }
     }
 
@@ -99,12 +99,12 @@ public:
                 result.push_back(text[at++]);
                 continue;
             }
-            if (!form->to) {
+            if (form->to.empty()) {
                 fail(file, ERROR_NO_UNICODE_TRANSLATION, __LINE__);
             }
-            result.insert(result.end(), form->to->begin(), form->to->end());
+            result.insert(result.end(), form->to.begin(), form->to.end());
             at += form->from.size();
-            if (form->to->back() == ':' && (at == text.size() || !isSeparator(text[at]))) {
+            if (form->to.back() == ':' && (at == text.size() || !isSeparator(text[at]))) {
                 // "E:" alone would be the drive's current directory.
                 result.insert(result.end(), form->separator.begin(), form->separator.end());
             }
@@ -116,7 +116,7 @@ public:
 private:
     struct Form {
         std::string from;
-        std::optional<std::string> to;
+        std::string to; // empty: the text's encoding cannot write it
         std::string_view separator;
     };
 

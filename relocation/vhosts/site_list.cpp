@@ -12,6 +12,7 @@
 
 // Not in every compiler's header.
 #ifndef __IXMLDOMDocument3_INTERFACE_DEFINED__
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): interfaces of COM have none
 struct IXMLDOMDocument3 : IXMLDOMDocument2 {
     virtual HRESULT WINAPI validateNode(IXMLDOMNode*, IXMLDOMParseError**) = 0;
     virtual HRESULT WINAPI importNode(IXMLDOMNode*, VARIANT_BOOL, IXMLDOMNode**) = 0;
