@@ -45,7 +45,8 @@ std::wstring helpText(const std::vector<Command>& table) {
            L"Commands:" +
            listOf(table) +
            L"\n\n"
-           L"Help: zopctl COMMAND --help, for example: zopctl data move --help";
+           L"Help: zopctl COMMAND --help, for example: zopctl data move --help\n"
+           L"Version: zopctl --version";
 }
 
 bool asksForHelp(const std::wstring& word) {
@@ -101,6 +102,10 @@ ExitCode dispatch(std::vector<std::wstring> arguments, Console& console,
     }
     if (asksForHelp(arguments[0]) || (arguments.size() == 2 && asksForHelp(arguments[1]))) {
         console.line(helpText(table));
+        return ExitCode::Success;
+    }
+    if (arguments.size() == 1 && arguments[0] == L"--version") {
+        console.line(L"zopctl " + toWide(ZOP_VERSION));
         return ExitCode::Success;
     }
     if (arguments.size() > 1) {
