@@ -86,6 +86,6 @@ void vetTemplatePaths(const std::wstring& path, const std::wstring& subPath);
 // them up where the panel keeps them (in the domain, in Active Directory mode). Returns what was
 // there before. Not while another thread expands.
 using LookupProvider = std::function<std::shared_ptr<DiskSecurity::AccountLookup>()>;
-LookupProvider replaceAccountLookup(LookupProvider provider);
+LookupProvider replaceAccountLookup(LookupProvider replacement);
 
 } // namespace HostingSecurity

@@ -22,7 +22,7 @@ public:
 
 private:
     struct Step {
-        std::size_t length; // of path_
+        std::size_t length = 0; // of path_
         TemplateNodes nodes;
         std::shared_ptr<const ItemAccess> access;
     };
