@@ -71,10 +71,13 @@ public:
     const std::vector<std::wstring>& get_leftBehind() const noexcept { return leftBehind_; }
     const std::vector<std::wstring>& get_pendingRestart() const noexcept { return pendingRestart_; }
 
+    // The events of the tree's mover under these names are folded into these.
     FoldedProgress::Cost progressEvent_Cost; // amount of work, cancel
+    // cppcheck-suppress duplInheritedMember
     FoldedProgress::Name progressEvent_Name; // name, position, names so far, delta, cancel
     FoldedProgress::Sub subProgressEvent_Start;
     FoldedProgress::Sub subProgressEvent_End;
+    // cppcheck-suppress duplInheritedMember
     Event<const std::wstring&> errorEvent;                 // message
     Event<const std::wstring&, bool&> ignorebleErrorEvent; // message, ignore
     Event<std::int32_t, const std::wstring&> stepEvent;    // number from 1 to 19, its log line
@@ -114,7 +117,7 @@ private:
     void saveVars();
     void clearVars() noexcept;
     bool start(const std::wstring* from, const std::wstring& to);
-    bool moveInternal(const std::wstring& from, const std::wstring& to);
+    bool moveInternal(const std::wstring& source, const std::wstring& target);
     void begin(Part part) { record_.begun.insert(part); }
     bool isBegun(Part part) const { return record_.begun.contains(part); }
 

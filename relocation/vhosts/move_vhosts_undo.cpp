@@ -170,7 +170,7 @@ void MoveVHosts::restoreSetting() {
 
 // A copy goes away as it is; a tree that was renamed takes its file with it.
 void MoveVHosts::restoreWebmail() {
-    if (record_.renamed) {
+    if (record_.renamed && record_.webmail) {
         const std::wstring& root = treeIsAway() ? record_.to : record_.from;
         record_.webmail->restore(webmailFile(root), root);
     }

@@ -12,7 +12,6 @@
 
 #include <cstdlib>
 #include <optional>
-#include <set>
 #include <sstream>
 
 class MoveVHostsFixture : public DatabaseFixture {
@@ -34,31 +33,6 @@ protected:
         std::ostringstream text;
         text << panel_.snapshot(places) << accounts_.state;
         return text.str();
-    }
-
-    // The lines that only one of the worlds has.
-    static std::string difference(const std::string& before, const std::string& after) {
-        std::multiset<std::string> gone, come;
-        const auto read = [](const std::string& text, std::multiset<std::string>& lines) {
-            std::istringstream stream(text);
-            for (std::string line; std::getline(stream, line);) {
-                lines.insert(line);
-            }
-        };
-        read(before, gone);
-        read(after, come);
-        std::string text;
-        for (const std::string& line : gone) {
-            if (const auto same = come.find(line); same != come.end()) {
-                come.erase(same);
-            } else {
-                text += "- " + line + "\n";
-            }
-        }
-        for (const std::string& line : come) {
-            text += "+ " + line + "\n";
-        }
-        return text;
     }
 
     std::wstring oldPlace() const { return panel_.vhosts(); }
