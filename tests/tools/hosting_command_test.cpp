@@ -75,6 +75,10 @@ TEST_F(HostingCommandTest, WhatCannotWorkIsRefusedWithWhatToDo) {
     refused(root(), {L"--user", L"nobody", L"--yes"}, ExitCode::Refused, "no user (nobody)",
             "login");
     refused(root(), {L"--user", L"d1"}, ExitCode::Refused, "nobody to ask", "--yes");
+    ntfs.makeLink(webRoot(), temp.nice(), IO_REPARSE_TAG_MOUNT_POINT, true);
+    refused(webRoot(), {L"--forwarding", L"--yes"}, ExitCode::Refused, "is a link",
+            "remove the link");
+    ::RemoveDirectoryW(webRoot().c_str());
     RegistryOverride::remove(L"PRODUCT_DATA_D");
     refused(root(), {L"--user", L"d1", L"--yes"}, ExitCode::Failed, "PRODUCT_DATA_D", "are kept");
     configurePanel();
@@ -180,6 +184,9 @@ TEST_F(HostingCommandTest, CtrlCAtAnyMomentTellsWhatWasRepaired) {
         }
     }
     EXPECT_GT(incomplete, 1);
+    clock.pressAt(2);
+    EXPECT_EQ(check({L"--user", L"d1", L"--yes"}), ExitCode::RollbackIncomplete);
+    EXPECT_THAT(console->errors, HasSubstr("\nCancelled.\nWhat has been done so far stays"));
 }
 
 } // namespace zopctl

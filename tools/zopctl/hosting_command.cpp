@@ -60,7 +60,8 @@ void printMessage(Console& console, const HostingStop& end) {
     if (end.message.empty()) {
         return;
     }
-    const bool failed = end.code == ExitCode::Failed || end.code == ExitCode::RollbackIncomplete;
+    const bool failed = end.code == ExitCode::Failed || (end.code == ExitCode::RollbackIncomplete &&
+                                                         !end.message.starts_with(L"Cancelled"));
     const wchar_t* begin = end.code == ExitCode::Refused ? L"Refused: " : failed ? L"Error: " : L"";
     console.errorLine(begin + printable(end.message) + (end.message.ends_with(L'.') ? L"" : L"."));
 }
@@ -291,7 +292,7 @@ private:
 
     std::wstring summary() const {
         std::wstring text = countOf(items_, L"item", L"items") + L" looked at";
-        if (different_ == 0 && items_ != 0) {
+        if (different_ == 0 && errors_ == 0 && items_ != 0) {
             text += L", all permissions in order";
         } else if (different_ != 0) {
             text += L", " + formatCount(different_) + L" different";

@@ -110,6 +110,11 @@ HostingFound lookAtHosting(const HostingCheckOptions& options) {
             L"virtual hosts (\"zopctl config set\" sets it), and the directory that holds "
             L"ROOT must exist."};
     }
+    if (found.isFile && RunTime::fileInformation(root).isDirectory()) {
+        throw HostingStop{ExitCode::Refused,
+                          quoted(RunTime::nicePath(root)) + L" is a link to a directory.",
+                          L"Give that directory, or remove the link."};
+    }
     if (options.readOnly && !found.isThere) {
         throw HostingStop{ExitCode::Refused,
                           found.isFile
