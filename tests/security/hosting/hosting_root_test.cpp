@@ -40,6 +40,7 @@ protected:
     ImportPatch bin{"SHFileOperationW", &recycle};
     RegistryOverride registry;
     TempDirectory temp;
+    bool refused = false; // to put a link in the place of a directory
 };
 
 } // namespace
@@ -114,8 +115,7 @@ TEST_F(HostingRootTest, LinksAreNeverFollowed) {
 
     // The owner of the domain puts a link above the root once it has been looked at.
     temp.writeFile(L"vhosts\\d1\\web users\\w1");
-    bool refused = false;
-    recycles = [&] {
+    recycles = [this] {
         return refused = !ntfs.swapForLink(nice(L"vhosts\\d1\\web users"), "/tmp") &&
                          !ntfs.swapForLink(nice(L"vhosts\\d1"), "/tmp");
     };
