@@ -63,6 +63,25 @@ std::int32_t ZOP_CALL zop_vhosts_security_check_frame_forwarding(zop_vhosts_secu
     });
 }
 
+std::int32_t ZOP_CALL zop_vhosts_security_inspect(zop_vhosts_security* security,
+                                                  std::int32_t hosting, const wchar_t* user,
+                                                  const wchar_t* parent, std::int32_t* whole,
+                                                  zop_error** error) {
+    return done(error, [&] {
+        const bool result = of(security)->native.InspectPermissions(
+            static_cast<VHostsSecurity::HostingType>(hosting), user, parent);
+        if (whole != nullptr) {
+            *whole = result ? 1 : 0;
+        }
+    });
+}
+
+std::int32_t ZOP_CALL zop_vhosts_security_repaired_count(zop_vhosts_security* security,
+                                                         std::int64_t* count, zop_error** error) {
+    return done(error,
+                [&] { *needed(count, L"count") = of(security)->native.get_RepairedCount(); });
+}
+
 zop_text* ZOP_CALL zop_vhosts_security_undo_file(zop_vhosts_security* security, zop_error** error) {
     return guarded(error, [&] { return newText(of(security)->native.get_UndoFile()); });
 }

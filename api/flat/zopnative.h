@@ -230,6 +230,14 @@ ZOP_C_API int32_t ZOP_CALL zop_vhosts_security_check(zop_vhosts_security* securi
 ZOP_C_API int32_t ZOP_CALL zop_vhosts_security_check_frame_forwarding(zop_vhosts_security* security,
                                                                       int32_t flags,
                                                                       zop_error** error);
+/* Looks and changes nothing; whole, which may be NULL: no account is missing. */
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_security_inspect(zop_vhosts_security* security,
+                                                       int32_t hosting, const wchar_t* user,
+                                                       const wchar_t* parent, int32_t* whole,
+                                                       zop_error** error);
+/* How many items the last check gave other permissions. */
+ZOP_C_API int32_t ZOP_CALL zop_vhosts_security_repaired_count(zop_vhosts_security* security,
+                                                              int64_t* count, zop_error** error);
 /* The file with what the last repair replaced; empty when it replaced nothing. */
 ZOP_C_API zop_text* ZOP_CALL zop_vhosts_security_undo_file(zop_vhosts_security* security,
                                                            zop_error** error);

@@ -172,6 +172,12 @@ namespace zopobsolete
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int zop_vhosts_security_check_frame_forwarding(
             NativeObject security, int flags, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_vhosts_security_inspect(
+            NativeObject security, int hosting, string user, string parent, out int whole, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int zop_vhosts_security_repaired_count(
+            NativeObject security, out long count, out IntPtr error);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern IntPtr zop_vhosts_security_undo_file(NativeObject security, out IntPtr error);
 

@@ -98,6 +98,17 @@ namespace zopobsolete
         public string UndoFile =>
             NativeResult.Text(NativeMethods.zop_vhosts_security_undo_file(native, out IntPtr error), error);
 
+        /// <summary>How many items the last check gave other permissions.</summary>
+        public long RepairedCount
+        {
+            get
+            {
+                NativeMethods.zop_vhosts_security_repaired_count(native, out long count, out IntPtr error);
+                listener.Check(error);
+                return count;
+            }
+        }
+
         /// <summary>"web" for Webuser, "domain" for everything else.</summary>
         public static string translateHostingType(HostingType hosting)
         {
@@ -126,6 +137,20 @@ namespace zopobsolete
             NativeMethods.zop_vhosts_security_check_frame_forwarding(native, (int)flags, out IntPtr error);
             GC.KeepAlive(this);
             listener.Check(error);
+        }
+
+        /// <summary>Looks at accounts and permissions and changes nothing at all.</summary>
+        /// <returns>False when an account is missing, and the permissions could not be looked at for it.</returns>
+        public bool InspectPermissions(HostingType hosting, string user, string parent)
+        {
+            if (user == null)
+            {
+                throw new ArgumentNullException("user");
+            }
+            NativeMethods.zop_vhosts_security_inspect(native, (int)hosting, user, parent, out int whole, out IntPtr error);
+            GC.KeepAlive(this);
+            listener.Check(error);
+            return whole != 0;
         }
 
         /// <summary>Releases the native object.</summary>

@@ -41,6 +41,8 @@ public sealed class VHostsSecurityTest : IDisposable
             Check.True(paths.Contains(Root + "\\index.html \u65E5"), string.Join(", ", paths));
             Check.True(found.Count > 0);
             Check.Equal("", security.UndoFile);
+            Check.Equal(0L, security.RepairedCount);
+            Check.Throws<Exception>(() => security.InspectPermissions(VHostsSecurity.HostingType.Webuser, "w1", ""));
             var thrown = new InvalidOperationException("enough");
             security.Progress += path => throw thrown;
             Exception failure = Check.Throws<Exception>(
