@@ -26,6 +26,12 @@ public:
 
     DWORD status() const noexcept { return status_; }
 
+    // Why, for people, without a full stop; the message where there is no more to say.
+    const std::wstring& cause() const noexcept {
+        const bool isTold = !frames().empty() && !frames().front().text.empty();
+        return isTold ? frames().front().text : message();
+    }
+
 private:
     DWORD status_;
 };

@@ -171,14 +171,6 @@ private:
                    : L"Check the spelling; as far as " + quoted(parent) + L" the path is right.";
     }
 
-    static bool isThere(const std::wstring& path) {
-        try {
-            return RunTime::exists(path);
-        } catch (const vexception&) {
-            return false;
-        }
-    }
-
     void checkSystemPlace(const std::wstring& real, const std::wstring& shown,
                           const std::wstring& which) {
         const std::wstring reason = systemPlace(real);

@@ -74,6 +74,14 @@ bool isAbsolutePath(const std::wstring& path) {
     return path.starts_with(RunTime::longPrefix);
 }
 
+bool isThere(const std::wstring& path) {
+    try {
+        return RunTime::exists(path);
+    } catch (const vexception&) {
+        return false;
+    }
+}
+
 std::wstring realPath(const std::wstring& path) {
     const std::wstring full = RunTime::withoutTrailingBackslash(RunTime::longPath(path));
     for (std::wstring existing = full; !existing.empty();

@@ -8,6 +8,9 @@
 // "C:data" and "\data" depend on where the caller stands.
 bool isAbsolutePath(const std::wstring& path);
 
+// Whether anything, a link included, has this name, as far as this account can tell.
+bool isThere(const std::wstring& path);
+
 // The path as the system resolves it: links, mounted folders and substituted drives followed, with
 // true letter case, in long form. What does not exist yet is appended as it stands. The path
 // itself, in long form, where the system cannot tell.

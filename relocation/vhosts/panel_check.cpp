@@ -2,6 +2,7 @@
 
 #include "config/config_service_exception.h"
 #include "config/tarvo_srv_client.h"
+#include "relocation/place_check.h"
 #include "relocation/vhosts/old_path.h"
 #include "relocation/vhosts/place_text.h"
 #include "relocation/vhosts/stray_references.h"
@@ -54,18 +55,13 @@ void note(Special& special, const std::wstring& text) {
     }
 }
 
-bool isThere(const std::wstring& path) {
+// Links are not followed: a home that is one stays where it is.
+bool isDirectory(const std::wstring& path) {
     try {
-        return RunTime::exists(path);
+        return RunTime::isDirectory(path);
     } catch (const vexception&) {
-        return false; // as far as this account can tell
+        return false;
     }
-}
-
-// Why a call of the service failed, for people.
-std::wstring causeOf(const ConfigServiceException& e) {
-    const bool hasCause = !e.frames().empty() && !e.frames().front().text.empty();
-    return hasCause ? e.frames().front().text : e.message();
 }
 
 } // namespace
@@ -88,7 +84,7 @@ std::wstring PanelCheck::readConfiguredPlace(const std::wstring& given) {
     } catch (const ConfigServiceException& e) {
         if (e.status() != ConfigServiceException::noSuchValue) {
             refuse("no-config-service",
-                   L"The configuration service does not answer: " + causeOf(e) + L".",
+                   L"The configuration service does not answer: " + e.cause() + L".",
                    L"Start it, and start this again: sc start zopconfigsvc");
             return {};
         }
@@ -172,10 +168,9 @@ void PanelCheck::checkAccounts(ZOPDatabase& database, const Place& place) {
         const std::wstring login = rows->text(L"login").value_or(L"");
         const std::wstring home = rows->text(L"home").value_or(L"");
         const bool inside = place.old.isNamedBy(home);
-        const bool onDisk = inside && isThere(home);
-        accounts.push_back({login, inside, onDisk});
+        accounts.push_back({login, inside, inside && isDirectory(home)});
         result_.quotas += inside && rows->text(L"quota").value_or(L"0") != L"0";
-        if (inside && !onDisk) {
+        if (inside && !isThere(home)) {
             note(missingHomes, login + L": " + home);
         }
     }

@@ -1,8 +1,8 @@
 #include "relocation/vhosts/vhosts_preflight.h"
 
+#include "relocation/place_check.h"
 #include "relocation/vhosts/panel_check.h"
 #include "runtime/exception.h"
-#include "runtime/files/file.h"
 #include "runtime/thread_cancelation.h"
 
 #include <algorithm>
@@ -73,14 +73,6 @@ private:
         });
         tree.findings.insert(tree.findings.end(), result_.findings.begin(), result_.findings.end());
         static_cast<MovePreflight::Result&>(result_) = std::move(tree);
-    }
-
-    static bool isThere(const std::wstring& path) {
-        try {
-            return RunTime::exists(path);
-        } catch (const vexception&) {
-            return false;
-        }
     }
 
     void tellOfLinks() {

@@ -112,8 +112,7 @@ JsonFields fieldsOf(const Entry& entry, const JsonValue& value, bool hidden) {
 
 // The cause says what can be done, where something can.
 std::wstring explain(const std::wstring& what, const ConfigServiceException& e) {
-    const bool hasCause = !e.frames().empty() && !e.frames().front().text.empty();
-    return what + L": " + (hasCause ? e.frames().front().text : e.message()) + L".";
+    return what + L": " + e.cause() + L".";
 }
 
 // Runs a command and gives its result line. what: what has not been done when it fails.

@@ -1,7 +1,7 @@
 #include "tools/zopctl/move_session.h"
 
+#include "relocation/place_check.h"
 #include "runtime/exception.h"
-#include "runtime/files/file.h"
 #include "runtime/files/path.h"
 #include "runtime/text.h"
 #include "tools/zopctl/text_format.h"
@@ -33,14 +33,6 @@ std::wstring sentence(const std::wstring& text) {
 
 std::wstring quotedPath(const std::wstring& path) {
     return L"\"" + RunTime::nicePath(path) + L"\"";
-}
-
-bool isThere(const std::wstring& path) {
-    try {
-        return RunTime::exists(path);
-    } catch (const vexception&) {
-        return false;
-    }
 }
 
 MoveSession::MoveSession(const wchar_t* command, const MoveOptions& options, Console& console)

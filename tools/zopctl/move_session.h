@@ -123,7 +123,5 @@ private:
 
 // For messages: nice and in quotation marks.
 std::wstring quotedPath(const std::wstring& path);
-// Whether something has the name, as far as can be told.
-bool isThere(const std::wstring& path);
 
 } // namespace zopctl

@@ -1,6 +1,7 @@
 #include "tools/zopctl/vhosts_move_command.h"
 
 #include "config/tarvo_srv_client.h"
+#include "relocation/place_check.h"
 #include "relocation/vhosts/move_vhosts.h"
 #include "relocation/vhosts/vhosts_preflight.h"
 #include "runtime/exception.h"
@@ -12,7 +13,7 @@
 #include "tools/zopctl/vhosts_move_arguments.h"
 
 #include <algorithm>
-#include <optional>
+#include <memory>
 
 namespace zopctl {
 
@@ -43,7 +44,7 @@ private:
         options.streams = options_.streams;
         panel_ = preflight.examine(options_.source, options_.target, options);
         links_ = preflight.takeLinks();
-        return panel_;
+        return static_cast<const MovePreflight::Result&>(panel_);
     }
 
     MoveDetails plan() const override {
@@ -77,7 +78,7 @@ private:
     }
 
     void transfer() override {
-        mover_.emplace();
+        mover_ = std::make_unique<MoveVHosts>();
         mover_->set_streams(options_.streams);
         mover_->set_copyOwner(options_.copyOwner);
         listen();
@@ -288,7 +289,7 @@ private:
     bool relink_;
     VHostsPreflight::Result panel_;
     std::unique_ptr<LinkRelink> links_;
-    std::optional<MoveVHosts> mover_;
+    std::unique_ptr<MoveVHosts> mover_;
     std::vector<Hook> hooks_; // after the events they hook, so they go first
     std::wstring current_;    // path of the item last named
     std::int64_t bytes_ = 0;
