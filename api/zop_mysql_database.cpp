@@ -96,6 +96,7 @@ std::int32_t ZOPMySQLDatabase::transLevel() {
 void ZOPMySQLDatabase::lockTables(const std::vector<LockedTable>& tables) {
     databaseFrame({"zopobsolete::ZOPMySQLDatabase::lockTables", __LINE__, __LINE__ + 1}, [&] {
         std::vector<VDatabase::LockedTable> locks;
+        locks.reserve(tables.size());
         for (const LockedTable& table : tables) {
             locks.push_back({Utils::toUnmanagedString(table.name),
                              table.write ? VDatabase::Lock::Write : VDatabase::Lock::Read});

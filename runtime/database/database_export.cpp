@@ -66,10 +66,10 @@ Column columnOf(const std::string& name, const std::string& type, const std::str
 
 // Whether an ENUM or SET can have the value. The server stores an empty one for what it did not
 // take, and shows the names of a type with "?" for letters beyond U+FFFF.
-bool isName(const Column& column, std::string_view value) {
-    return (column.maybeEmpty || !value.empty()) &&
-           std::none_of(value.begin(), value.end(),
-                        [](char c) { return static_cast<unsigned char>(c) >= 0xF0; });
+bool isName(const Column& column, const std::optional<std::string_view>& value) {
+    return !value || ((column.maybeEmpty || !value->empty()) &&
+                      std::none_of(value->begin(), value->end(),
+                                   [](char c) { return static_cast<unsigned char>(c) >= 0xF0; }));
 }
 
 class Export {
@@ -224,12 +224,12 @@ private:
             std::size_t size = 0;
             for (std::size_t i = 0; i < cells.size(); ++i) {
                 cells[i] = rows->bytes(i);
-                size += cells[i] ? cells[i]->size() : 0;
+                size += cells[i].value_or(std::string_view()).size();
             }
             writer_.beginRow(size);
             for (std::size_t i = 0; i < cells.size(); ++i) {
                 const Column& column = table.columns[i];
-                if (column.hasNames && cells[i] && !isName(column, *cells[i])) {
+                if (column.hasNames && !isName(column, cells[i])) {
                     throw vexception(L"Unable to export the table (" + toWide(table.name) +
                                          L"): its column (" + toWide(column.name) +
                                          L") has a value that its type does not have",

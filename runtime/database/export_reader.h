@@ -59,7 +59,7 @@ private:
     int peek();
     char take();
     void expect(std::string_view text);
-    void keep(std::size_t begin);
+    void keep(std::size_t end);
 
     std::string line(const char* name);
     std::string quoted();

@@ -235,6 +235,11 @@ TEST_F(DatabaseImportTest, ADatabaseThatCannotTakeItIsRefusedBeforeAnythingIsCha
     oneOf(other, L"select get_lock(concat('zop$import$', md5(database())), 0)");
     expectRefusal("another import into this database is at work");
     oneOf(other, L"select release_all_locks()");
+    // The server takes a statement of 16 MiB, and bytes are written with two digits each.
+    run(*source,
+        {L"create table large (b longblob)", L"insert into large values (repeat('x', 9000000))"});
+    VDatabaseExport(at(L"zop_test_source")).run(file);
+    expectRefusal("set max_allowed_packet of the server to 18001");
     target->execute(L"create trigger g before insert on third for each row set @x = 1");
     expectRefusal("trigger (g)");
     run(*target,
