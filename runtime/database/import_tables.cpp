@@ -25,6 +25,9 @@ const std::string listName = prefix + "list"; // which old table had which name
 // The swap waits for transactions of others that use the tables, but not a day.
 constexpr int secondsOfSwap = 60;
 
+// A server may take a moment to notice that the program of an earlier import has ended.
+constexpr int secondsOfFarewell = 10;
+
 std::string newName(std::size_t number) {
     return newPrefix + std::to_string(number + 1);
 }
@@ -52,7 +55,7 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
 ImportTables::ImportTables(VMySQLDatabase::Parameters parameters)
     : parameters_(std::move(parameters)) {
     parameters_.reconnect = false; // lock and settings go with the connection
-    connect(0);
+    connect(secondsOfFarewell);
     const auto settings = session().queryRows(
         L"SELECT @@max_allowed_packet, @@lower_case_table_names <> 0, UUID_SHORT()");
     settings->next();
