@@ -27,13 +27,13 @@ struct zop_data_location {
 
 namespace {
 
-std::shared_ptr<Location> of(zop_data_location* handle) {
-    return needed(handle, L"location")->shared;
+std::shared_ptr<Location> of(zop_data_location* given) {
+    return needed(given, L"location")->shared;
 }
 
 template <class Getter>
-zop_list* listOf(zop_data_location* handle, zop_error** error, Getter getter) {
-    return guarded(error, [&] { return new zop_list((of(handle)->native.*getter)()); });
+zop_list* listOf(zop_data_location* location, zop_error** error, Getter getter) {
+    return guarded(error, [&] { return handle<zop_list>((of(location)->native.*getter)()); });
 }
 
 } // namespace
@@ -42,13 +42,13 @@ zop_data_location* ZOP_CALL zop_data_location_create(std::int32_t streams, std::
                                                      const zop_data_location_events* events,
                                                      zop_error** error) {
     return guarded(error, [&] {
-        return new zop_data_location{
-            std::make_shared<Location>(events, static_cast<StreamType>(streams), copy_owner != 0)};
+        return handle<zop_data_location>(
+            std::make_shared<Location>(events, static_cast<StreamType>(streams), copy_owner != 0));
     });
 }
 
 void ZOP_CALL zop_data_location_free(zop_data_location* location) {
-    delete location;
+    destroy(location);
 }
 
 std::int32_t ZOP_CALL zop_data_location_get_copy_streams(zop_data_location* location,

@@ -21,12 +21,12 @@ struct zop_record_set {
 
 namespace {
 
-ZOPMySQLDatabase& of(zop_database* handle) {
-    return *needed(handle, L"database")->native;
+ZOPMySQLDatabase& of(zop_database* given) {
+    return *needed(given, L"database")->native;
 }
 
-ZOPMySQLRecordSet& of(zop_record_set* handle) {
-    return needed(handle, L"rows")->native;
+ZOPMySQLRecordSet& of(zop_record_set* given) {
+    return needed(given, L"rows")->native;
 }
 
 ZOPDatabaseParameters parametersOf(const zop_database_parameters* given) {
@@ -96,28 +96,29 @@ zop_list* ZOP_CALL zop_database_configuration(zop_error** error) {
         texts.push_back(parameters.getPassword());
         texts.push_back(parameters.getDatabase());
         texts.push_back(std::to_wstring(parameters.getConnectTimeout()));
-        return new zop_list(std::move(texts));
+        return handle<zop_list>(std::move(texts));
     });
 }
 
 zop_database* ZOP_CALL zop_database_open(const zop_database_parameters* parameters,
                                          zop_error** error) {
     return guarded(error, [&] {
-        return new zop_database{parameters != nullptr
-                                    ? std::make_unique<ZOPMySQLDatabase>(parametersOf(parameters))
-                                    : std::make_unique<ZOPMySQLDatabase>()};
+        return handle<zop_database>(
+            parameters != nullptr ? std::make_unique<ZOPMySQLDatabase>(parametersOf(parameters))
+                                  : std::make_unique<ZOPMySQLDatabase>());
     });
 }
 
 void ZOP_CALL zop_database_free(zop_database* database) {
-    delete database;
+    destroy(database);
 }
 
 zop_record_set* ZOP_CALL zop_database_query(zop_database* database, const wchar_t* sql,
                                             const zop_value* values, std::size_t count,
                                             zop_error** error) {
     return guarded(error, [&] {
-        return new zop_record_set{of(database).query(needed(sql, L"sql"), valuesOf(values, count))};
+        return handle<zop_record_set>(
+            of(database).query(needed(sql, L"sql"), valuesOf(values, count)));
     });
 }
 
@@ -180,7 +181,7 @@ std::int32_t ZOP_CALL zop_database_unlock_tables(zop_database* database, zop_err
 }
 
 void ZOP_CALL zop_record_set_free(zop_record_set* rows) {
-    delete rows;
+    destroy(rows);
 }
 
 std::int32_t ZOP_CALL zop_record_set_next(zop_record_set* rows, std::int32_t* row,
@@ -189,7 +190,7 @@ std::int32_t ZOP_CALL zop_record_set_next(zop_record_set* rows, std::int32_t* ro
 }
 
 zop_list* ZOP_CALL zop_record_set_columns(zop_record_set* rows, zop_error** error) {
-    return guarded(error, [&] { return new zop_list(of(rows).columns()); });
+    return guarded(error, [&] { return handle<zop_list>(of(rows).columns()); });
 }
 
 std::int32_t ZOP_CALL zop_record_set_text(zop_record_set* rows, const wchar_t* column,

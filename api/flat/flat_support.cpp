@@ -20,15 +20,15 @@ zop_error* describeCurrent() {
     try {
         throw;
     } catch (const ArgumentNullException& e) {
-        return new zop_error{ZOP_ERROR_NULL_ARGUMENT, e.get_ParamName()};
+        return handle<zop_error>(ZOP_ERROR_NULL_ARGUMENT, e.get_ParamName());
     } catch (const ZOPDatabaseException& e) {
-        return new zop_error{ZOP_ERROR_DATABASE, e.message()};
+        return handle<zop_error>(ZOP_ERROR_DATABASE, e.message());
     } catch (const Exception& e) {
-        return new zop_error{ZOP_ERROR_GENERAL, e.message()};
+        return handle<zop_error>(ZOP_ERROR_GENERAL, e.message());
     } catch (const vexception& e) {
-        return new zop_error{ZOP_ERROR_GENERAL, e.what()};
+        return handle<zop_error>(ZOP_ERROR_GENERAL, e.what());
     } catch (const std::exception& e) {
-        return new zop_error{ZOP_ERROR_GENERAL, toWide(e.what())};
+        return handle<zop_error>(ZOP_ERROR_GENERAL, toWide(e.what()));
     } catch (...) {
         return &undescribed();
     }
@@ -65,7 +65,7 @@ const wchar_t* ZOP_CALL zop_error_text(const zop_error* error) {
 
 void ZOP_CALL zop_error_free(zop_error* error) {
     if (error != &undescribed()) {
-        delete error;
+        destroy(error);
     }
 }
 
@@ -78,7 +78,7 @@ std::size_t ZOP_CALL zop_text_length(const zop_text* text) {
 }
 
 void ZOP_CALL zop_text_free(zop_text* text) {
-    delete text;
+    destroy(text);
 }
 
 std::size_t ZOP_CALL zop_list_count(const zop_list* list) {
@@ -90,7 +90,7 @@ const wchar_t* ZOP_CALL zop_list_at(const zop_list* list, std::size_t index) {
 }
 
 void ZOP_CALL zop_list_free(zop_list* list) {
-    delete list;
+    destroy(list);
 }
 
 void ZOP_CALL zop_call_fail(zop_call* call, const wchar_t* text) {

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -72,6 +73,20 @@ std::int32_t done(zop_error** error, Function&& function) noexcept {
     });
 }
 
+// Handles are owned by the caller from here on, and again by us when they are given back.
+template <class Handle, class... Args>
+Handle* handle(Args&&... args) {
+    if constexpr (std::is_aggregate_v<Handle>) {
+        return std::make_unique<Handle>(Handle{std::forward<Args>(args)...}).release();
+    } else {
+        return std::make_unique<Handle>(std::forward<Args>(args)...).release();
+    }
+}
+template <class Handle>
+void destroy(Handle* given) noexcept {
+    const std::unique_ptr<Handle> owner(given);
+}
+
 // Throws ArgumentNullException. name: a literal, as the header has it.
 template <class Pointer>
 Pointer needed(Pointer pointer, const wchar_t* name) {
@@ -83,7 +98,7 @@ Pointer needed(Pointer pointer, const wchar_t* name) {
 
 inline zop_text* newText(std::wstring text) {
     const RunTime::WipeOnExit wiped(text);
-    return new zop_text(text);
+    return handle<zop_text>(text);
 }
 
 // The callbacks of a caller that may have an older, shorter structure: those it does not know are

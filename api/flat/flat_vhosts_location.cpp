@@ -31,13 +31,13 @@ struct zop_vhosts_location {
 
 namespace {
 
-std::shared_ptr<Location> of(zop_vhosts_location* handle) {
-    return needed(handle, L"location")->shared;
+std::shared_ptr<Location> of(zop_vhosts_location* given) {
+    return needed(given, L"location")->shared;
 }
 
 template <class Getter>
-zop_list* listOf(zop_vhosts_location* handle, zop_error** error, Getter getter) {
-    return guarded(error, [&] { return new zop_list((of(handle)->native.*getter)()); });
+zop_list* listOf(zop_vhosts_location* location, zop_error** error, Getter getter) {
+    return guarded(error, [&] { return handle<zop_list>((of(location)->native.*getter)()); });
 }
 
 } // namespace
@@ -47,13 +47,13 @@ zop_vhosts_location* ZOP_CALL zop_vhosts_location_create(std::int32_t streams,
                                                          const zop_vhosts_location_events* events,
                                                          zop_error** error) {
     return guarded(error, [&] {
-        return new zop_vhosts_location{
-            std::make_shared<Location>(events, static_cast<StreamType>(streams), copy_owner != 0)};
+        return handle<zop_vhosts_location>(
+            std::make_shared<Location>(events, static_cast<StreamType>(streams), copy_owner != 0));
     });
 }
 
 void ZOP_CALL zop_vhosts_location_free(zop_vhosts_location* location) {
-    delete location;
+    destroy(location);
 }
 
 std::int32_t ZOP_CALL zop_vhosts_location_get_copy_streams(zop_vhosts_location* location,

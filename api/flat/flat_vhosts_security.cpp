@@ -26,8 +26,8 @@ struct zop_vhosts_security {
 
 namespace {
 
-std::shared_ptr<Security> of(zop_vhosts_security* handle) {
-    return needed(handle, L"security")->shared;
+std::shared_ptr<Security> of(zop_vhosts_security* given) {
+    return needed(given, L"security")->shared;
 }
 
 } // namespace
@@ -36,12 +36,13 @@ zop_vhosts_security* ZOP_CALL zop_vhosts_security_create(const wchar_t* root,
                                                          const zop_vhosts_security_events* events,
                                                          zop_error** error) {
     return guarded(error, [&] {
-        return new zop_vhosts_security{std::make_shared<Security>(events, needed(root, L"root"))};
+        return handle<zop_vhosts_security>(
+            std::make_shared<Security>(events, needed(root, L"root")));
     });
 }
 
 void ZOP_CALL zop_vhosts_security_free(zop_vhosts_security* security) {
-    delete security;
+    destroy(security);
 }
 
 std::int32_t ZOP_CALL zop_vhosts_security_check(zop_vhosts_security* security, std::int32_t hosting,
