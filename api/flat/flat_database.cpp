@@ -83,6 +83,34 @@ zop_text* textOrNull(std::optional<std::wstring> text) {
     return text ? newText(std::move(*text)) : nullptr;
 }
 
+std::int32_t transfer(bool (ZOPMySQLDatabase::*run)(const std::wstring&), zop_database* database,
+                      const wchar_t* file, zop_database_callback callback, void* context,
+                      std::int32_t* completed, zop_error** error) {
+    return done(error, [&] {
+        ZOPMySQLDatabase& native = of(database);
+        Hook hook;
+        if (callback != nullptr) {
+            hook = native.progressEvent.hook([&](const DatabaseProgress& now, bool& cancel) {
+                const zop_database_progress progress = {
+                    sizeof(progress), static_cast<std::int32_t>(now.step),
+                    now.tables,       now.totalTables,
+                    now.rows,         now.totalRows,
+                    now.bytes,        now.totalBytes,
+                    now.table.c_str()};
+                zop_call call;
+                cancel = callback(context, &progress, &call) != 0;
+                if (call.failure) {
+                    throw zopobsolete::Exception(*call.failure);
+                }
+            });
+        }
+        const bool whole = (native.*run)(needed(file, L"file"));
+        if (completed != nullptr) {
+            *completed = whole ? 1 : 0;
+        }
+    });
+}
+
 } // namespace
 
 zop_list* ZOP_CALL zop_database_configuration(zop_error** error) {
@@ -178,6 +206,20 @@ std::int32_t ZOP_CALL zop_database_lock_tables(zop_database* database, const wch
 
 std::int32_t ZOP_CALL zop_database_unlock_tables(zop_database* database, zop_error** error) {
     return done(error, [&] { of(database).unlockTables(); });
+}
+
+std::int32_t ZOP_CALL zop_database_export(zop_database* database, const wchar_t* file,
+                                          zop_database_callback callback, void* context,
+                                          std::int32_t* completed, zop_error** error) {
+    return transfer(&ZOPMySQLDatabase::exportTo, database, file, callback, context, completed,
+                    error);
+}
+
+std::int32_t ZOP_CALL zop_database_import(zop_database* database, const wchar_t* file,
+                                          zop_database_callback callback, void* context,
+                                          std::int32_t* completed, zop_error** error) {
+    return transfer(&ZOPMySQLDatabase::importFrom, database, file, callback, context, completed,
+                    error);
 }
 
 void ZOP_CALL zop_record_set_free(zop_record_set* rows) {

@@ -299,6 +299,33 @@ ZOP_C_API int32_t ZOP_CALL zop_database_lock_tables(zop_database* database,
                                                     zop_error** error);
 ZOP_C_API int32_t ZOP_CALL zop_database_unlock_tables(zop_database* database, zop_error** error);
 
+enum { ZOP_DATABASE_STEP_CHECK = 0, ZOP_DATABASE_STEP_ROWS = 1, ZOP_DATABASE_STEP_SWAP = 2 };
+/* How far an export or import is; a total of 0 is not known. */
+typedef struct zop_database_progress {
+    size_t size; /* of this structure, as the library has it */
+    int32_t step;
+    uint32_t tables; /* of this step, complete */
+    uint32_t total_tables;
+    uint64_t rows;
+    uint64_t total_rows;
+    uint64_t bytes; /* of the file */
+    uint64_t total_bytes;
+    const wchar_t* table; /* the one at hand; valid inside the callback */
+} zop_database_progress;
+/* Returns whether to cancel. */
+typedef int32_t(ZOP_CALL* zop_database_callback)(void* context,
+                                                 const zop_database_progress* progress,
+                                                 zop_call* call);
+/* Write all tables into a file, or make the database what such a file says. callback may be NULL.
+   completed, which may be NULL: 0 when it was cancelled; then, and after a failure, the file or the
+   database is as it was. */
+ZOP_C_API int32_t ZOP_CALL zop_database_export(zop_database* database, const wchar_t* file,
+                                               zop_database_callback callback, void* context,
+                                               int32_t* completed, zop_error** error);
+ZOP_C_API int32_t ZOP_CALL zop_database_import(zop_database* database, const wchar_t* file,
+                                               zop_database_callback callback, void* context,
+                                               int32_t* completed, zop_error** error);
+
 ZOP_C_API void ZOP_CALL zop_record_set_free(zop_record_set* rows);
 /* row: whether there is a next one. */
 ZOP_C_API int32_t ZOP_CALL zop_record_set_next(zop_record_set* rows, int32_t* row,

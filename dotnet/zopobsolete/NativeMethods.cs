@@ -234,6 +234,30 @@ namespace zopobsolete
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int zop_database_unlock_tables(NativeObject database, out IntPtr error);
 
+        [StructLayout(LayoutKind.Sequential)]
+        internal struct DatabaseProgress
+        {
+            internal UIntPtr Size;
+            internal int Step;
+            internal uint Tables;
+            internal uint TotalTables;
+            internal ulong Rows;
+            internal ulong TotalRows;
+            internal ulong Bytes;
+            internal ulong TotalBytes;
+            internal IntPtr Table;
+        }
+
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate int DatabaseCallback(IntPtr context, ref DatabaseProgress progress, IntPtr call);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_database_export(
+            NativeObject database, string file, DatabaseCallback callback, IntPtr context, out int completed, out IntPtr error);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl, CharSet = CharSet.Unicode)]
+        internal static extern int zop_database_import(
+            NativeObject database, string file, DatabaseCallback callback, IntPtr context, out int completed, out IntPtr error);
+
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern void zop_record_set_free(IntPtr rows);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]

@@ -18,7 +18,10 @@ namespace zopobsolete
     /// </code></example>
     public class ZOPMySQLDatabase : IDisposable
     {
+        static readonly NativeMethods.DatabaseCallback onProgress = OnProgress;
+
         readonly NativeObject native;
+        readonly Listener listener = new Listener();
 
         /// <summary>Connects to the panel's database.</summary>
         public ZOPMySQLDatabase() : this(ZOPDatabaseParameters.fromConfiguration())
@@ -36,6 +39,9 @@ namespace zopobsolete
             NativeResult.Check(error);
             native = new NativeObject(database, NativeMethods.zop_database_free);
         }
+
+        /// <summary>An export or import goes on.</summary>
+        public event DatabaseProgressDelegate progressEvent;
 
         /// <summary>How many transactions are open, one in the other.</summary>
         public int transLevel
@@ -134,10 +140,60 @@ namespace zopobsolete
             NativeResult.Check(error);
         }
 
+        /// <summary>Writes all tables into one file, which only System and Administrators may read.</summary>
+        /// <returns>False when a listener cancelled; then, and after a failure, the file is as it was.</returns>
+        public bool exportTo(string file)
+        {
+            return Transfer(NativeMethods.zop_database_export, file);
+        }
+
+        /// <summary>Makes the database what an exported file says: tables are replaced, others removed.</summary>
+        /// <returns>False when a listener cancelled; then, and after a failure, the database is as it was.</returns>
+        public bool importFrom(string file)
+        {
+            return Transfer(NativeMethods.zop_database_import, file);
+        }
+
         /// <summary>Releases the connection and rolls back a transaction that is open. Record sets live on.</summary>
         public void Dispose()
         {
             native.Dispose();
+        }
+
+        delegate int Transferring(
+            NativeObject database, string file, NativeMethods.DatabaseCallback callback, IntPtr context, out int completed,
+            out IntPtr error);
+
+        bool Transfer(Transferring run, string file)
+        {
+            GCHandle self = GCHandle.Alloc(this);
+            try
+            {
+                run(native, file, onProgress, GCHandle.ToIntPtr(self), out int completed, out IntPtr error);
+                listener.Check(error);
+                return completed != 0;
+            }
+            finally
+            {
+                self.Free();
+            }
+        }
+
+        static int OnProgress(IntPtr context, ref NativeMethods.DatabaseProgress progress, IntPtr call)
+        {
+            var self = NativeObject.Owner<ZOPMySQLDatabase>(context);
+            DatabaseProgressDelegate listeners = self.progressEvent;
+            if (listeners == null)
+            {
+                return 0;
+            }
+            NativeMethods.DatabaseProgress now = progress;
+            return self.listener.Run(call, () =>
+            {
+                bool cancel = false;
+                listeners(new DatabaseProgress(now, Marshal.PtrToStringUni(now.Table)), ref cancel);
+                return cancel;
+            });
         }
 
         // Runs the call with the values in native form, which is wiped afterwards.

@@ -1,4 +1,5 @@
 using System;
+using System.IO;
 using zopobsolete;
 
 public sealed class DatabaseTest : IDisposable
@@ -97,6 +98,32 @@ public sealed class DatabaseTest : IDisposable
             Check.Throws<ZOPDatabaseException>(() => rows["two"].ToString());
             Check.Throws<ZOPDatabaseException>(() => rows[1].ToString());
         }
+    }
+
+    [Test]
+    public void AnExportComesBackAndACancelledOneLeavesNothing()
+    {
+        string file = Path.Combine(Path.GetTempPath(), Guid.NewGuid().ToString("N"));
+        database.execute("insert into dotnet (text) values ('kept \u65E5')");
+        DatabaseProgressDelegate cancels = (DatabaseProgress progress, ref bool cancel) => cancel = true;
+        database.progressEvent += cancels;
+        Check.True(!database.exportTo(file) && !File.Exists(file));
+        database.progressEvent -= cancels;
+        DatabaseProgress last = null;
+        database.progressEvent += (DatabaseProgress progress, ref bool cancel) => last = progress;
+        Check.True(database.exportTo(file));
+        Check.True(last.bytes > 0 && last.tables <= last.totalTables, last.tables);
+        database.execute("delete from dotnet");
+        Check.True(database.importFrom(file));
+        using (ZOPMySQLRecordSet rows = database.query("select text from dotnet"))
+        {
+            Check.True(rows.next());
+            Check.Equal("kept \u65E5", rows[0]);
+        }
+        File.AppendAllText(file, "x");
+        Check.Throws<ZOPDatabaseException>(() => database.importFrom(file));
+        Check.Equal("file", Check.Throws<ArgumentNullException>(() => database.exportTo(null)).ParamName);
+        File.Delete(file);
     }
 
     [Test]
