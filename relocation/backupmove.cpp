@@ -142,8 +142,7 @@ bool backupmove::move(const std::wstring& source, const std::wstring& target, bo
     }
     // What the system was to do with these names at its next restart is not meant for what they
     // hold from now on.
-    RunTime::dropPendingOperations(from_);
-    RunTime::dropPendingOperations(to_);
+    RunTime::dropPendingOperations({from_, to_});
 
     source_ = source;
     target_ = target;

@@ -230,6 +230,28 @@ void schedule(const std::wstring& path) {
     }
 }
 
+// The paths in long form, and their other names: an operation may have been scheduled under any.
+std::vector<std::wstring> allNames(const std::vector<std::wstring>& given) {
+    std::vector<std::wstring> paths;
+    for (const std::wstring& each : given) {
+        const std::wstring path = longPath(each);
+        paths.push_back(path);
+        if (!exists(path)) {
+            continue;
+        }
+        for (const auto form : {&shortPath, &longNamePath}) {
+            try {
+                std::wstring other = form(path);
+                if (!equalNames(other, path)) {
+                    paths.push_back(std::move(other));
+                }
+            } catch (const vosexception&) { // a name that cannot be told is in no list either
+            }
+        }
+    }
+    return paths;
+}
+
 } // namespace
 
 std::wstring removeAtRestart(const std::wstring& path) {
@@ -277,23 +299,17 @@ void moveAtRestart(const std::wstring& from, const std::wstring& to) {
     }
 }
 
-int dropPendingOperations(const std::wstring& path) {
-    // An operation may have been scheduled under any name of the path.
-    std::vector<std::wstring> paths = {longPath(path)};
-    if (exists(paths.front())) {
-        for (const auto form : {&shortPath, &longNamePath}) {
-            try {
-                std::wstring other = form(paths.front());
-                if (!equalNames(other, paths.front())) {
-                    paths.push_back(std::move(other));
-                }
-            } catch (const vosexception&) { // a name that cannot be told is in no list either
-            }
-        }
-    }
+int dropPendingOperations(const std::vector<std::wstring>& given) {
+    std::vector<std::wstring> paths;
     int dropped = 0;
     for (const wchar_t* listName : listNames) {
         std::vector<Operation> operations = read(listName);
+        if (operations.empty()) {
+            continue;
+        }
+        if (paths.empty()) {
+            paths = allNames(given);
+        }
         const auto count = std::erase_if(operations, [&](const Operation& operation) {
             return names(operation.source, paths) || names(operation.target, paths);
         });

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace RunTime {
 
@@ -15,10 +16,14 @@ std::wstring removeAtRestart(const std::wstring& path);
 // Schedules a rename. "Unable to move (%s)" with the nice form of from.
 void moveAtRestart(const std::wstring& from, const std::wstring& to);
 
-// Takes pending operations that name path, or anything below it, as source or target out of the
+// Takes pending operations that name a path, or anything below it, as source or target out of the
 // list, so that a path that is used again is not deleted or renamed at the next restart. Other
-// entries and their order stay. Returns how many were taken out; 0 when there is no list.
+// entries and their order stay. Returns how many were taken out; 0 when there is no list, without
+// looking at the paths.
 // "Unable to read pending operations", "Unable to write pending operations".
-int dropPendingOperations(const std::wstring& path);
+int dropPendingOperations(const std::vector<std::wstring>& paths);
+inline int dropPendingOperations(const std::wstring& path) {
+    return dropPendingOperations(std::vector<std::wstring>{path});
+}
 
 } // namespace RunTime
