@@ -297,7 +297,7 @@ void backupmove::removeSource() {
     } catch (...) {
         logFailure(withNames(L"Commit move (%s) to (%s) transaction ", target_, source_));
         if (!failedPaths_.empty() || !leftBehind_.empty() ||
-            std::any_of(leftOut_.begin(), leftOut_.end(), RunTime::exists)) {
+            std::any_of(leftOut_.begin(), leftOut_.end(), RunTime::exists) || holdsNewerItems()) {
             // They are not in the new place, so they must outlive a restart.
             leftBehind_.push_back(nicePath(from_));
             return;
@@ -322,6 +322,27 @@ bool backupmove::isNewerThanCopy(const std::wstring& path, const FileInformation
     } catch (const VPathNotFoundException&) {
         return true;
     }
+}
+
+// Looks where a removal that stopped has not been. Empty directories go; handlers are not asked.
+bool backupmove::holdsNewerItems() {
+    try {
+        Directory walker(from_, true);
+        walker.set_keepTop(true);
+        walker.set_keep([this](const std::wstring& path, const FileInformation& entry) {
+            const bool newer = isNewerThanCopy(path, entry);
+            if (newer) {
+                leftBehind_.push_back(nicePath(path));
+            }
+            return newer || !entry.isDirectory() || entry.isLink();
+        });
+        const Hook goingOn =
+            walker.errorEvent.hook([](const std::wstring&, bool& ignore) { ignore = true; });
+        walker.remove(1, false, false, nullptr);
+    } catch (const vosexception&) { // what follows takes ownership, and looks for itself
+        logFailure(formatString(L"Look for newer items in (%s)", nicePath(from_).c_str()));
+    }
+    return !leftBehind_.empty();
 }
 
 bool backupmove::keepsSource(const std::wstring& source, const std::wstring& target) {

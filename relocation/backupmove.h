@@ -95,6 +95,7 @@ private:
     void renameBack();
     void removeTree(const std::wstring& path, bool keepTop, RunTime::Directory::Keep keep);
     bool isNewerThanCopy(const std::wstring& path, const RunTime::FileInformation& entry) const;
+    bool holdsNewerItems();
     void removeLater(const std::wstring& path);
     void takeOwnership(const std::wstring& path);
     void reportStep(const std::wstring& text, bool isFile, bool mayCancel);

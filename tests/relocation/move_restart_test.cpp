@@ -53,6 +53,20 @@ TEST_F(MoveRestartTest, OldPlaceInUseIsRemovedByTheSystemUnlessItIsUsedAgain) {
     EXPECT_FALSE(temp_.has(L"store\\data"));
 }
 
+// Also where the removal did not come to it.
+TEST_F(MoveRestartTest, WhatIsWrittenAfterItsCopyOutlivesARestart) {
+    makeSmallSource();
+    const RunTime::AutoHandle user = use(source() + L"\\sub\\b.txt");
+    backupmove mover;
+    mover.move(source(), target(), true);
+    temp_.writeFile(L"panel\\data\\a.txt", "alpha, and more of it");
+    mover.commit();
+    EXPECT_EQ(pending_.shown(), L"none");
+    EXPECT_EQ(mover.get_leftBehind(),
+              (std::vector<std::wstring>{source().substr(4) + L"\\a.txt", source().substr(4)}));
+    EXPECT_EQ(temp_.readFile(L"panel\\data\\a.txt"), "alpha, and more of it");
+}
+
 TEST_F(MoveRestartTest, FailedItemsOutliveARestart) {
     makeSmallSource();
     makeFilledTarget();
