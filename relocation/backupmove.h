@@ -61,6 +61,7 @@ public:
     void remove(const std::wstring& path);
 
     const std::wstring& get_source() const noexcept { return source_; }
+    const std::wstring& get_target() const noexcept { return target_; }
     // Whether the rename, commit() and rollback() are done under the lock of the product's log
     // files.
     bool get_lockLogs() const noexcept { return lockLogs_; }

@@ -147,7 +147,7 @@ bool UserList::commit() {
         try {
             // What a link leads to since the move is not what was moved.
             if (attempt(span, L"Remove user old home",
-                        [&] { holdAbove(above, mover.get_source()); })) {
+                        [&] { holdAbove(above, from_, mover.get_source()); })) {
                 mover.commit();
             } else {
                 leftBehind_.push_back(nicePath(mover.get_source()));
@@ -307,7 +307,7 @@ void UserList::moveHomes() {
     for (const UserInfo* info : outermostHomes()) {
         ThreadCancelation::check();
         try {
-            if (!holdAbove(above, info->row.path)) {
+            if (!holdAbove(above, from_, info->row.path)) {
                 continue; // it has gone
             }
         } catch (const vosexception& error) {
@@ -326,10 +326,11 @@ void UserList::moveHomes() {
     }
 }
 
-// Holds what is between the directory that moves and the home. Those who own something there could
+// Holds what is between one of the two directories and a home. Those who own something there could
 // put a link to others' files in its place, or may have done so before.
-bool UserList::holdAbove(RunTime::PinnedPath& above, const std::wstring& home) const {
-    return home.size() <= from_.size() || above.hold(RunTime::parentPath(home));
+bool UserList::holdAbove(RunTime::PinnedPath& above, const std::wstring& root,
+                         const std::wstring& home) {
+    return home.size() <= root.size() || above.hold(RunTime::parentPath(home));
 }
 
 // The homes on disk that lie in no other, each once, in the order of the accounts.
@@ -420,12 +421,16 @@ void UserList::restoreQuotas(const NativeSpan& span) {
 
 void UserList::rollbackMovers(const NativeSpan& span) {
     std::vector<std::unique_ptr<backupmove>> failed;
+    RunTime::PinnedPath above(to_);
     for (std::unique_ptr<backupmove>& mover : movers_) {
         raiseUndoName(span, L"Rollback user home " + quoted(mover->get_source()));
         bool cancel = false;
         attempt(span, L"Rollback user home",
                 [&] { progressEvent_MoveUserHomeStart.raise(cancel); });
-        if (!attempt(span, L"Rollback user home", [&] { mover->rollback(); })) {
+        if (!attempt(span, L"Rollback user home", [&] {
+                holdAbove(above, to_, mover->get_target());
+                mover->rollback();
+            })) {
             failed.push_back(std::move(mover));
         } else {
             collectLeftovers(*mover);
@@ -439,11 +444,14 @@ void UserList::rollbackMovers(const NativeSpan& span) {
 // removed is kept for the next time as well.
 void UserList::removeMade(const NativeSpan& span) {
     std::vector<std::wstring> failed;
+    RunTime::PinnedPath above(to_);
     while (!made_.empty()) {
         const std::wstring directory = std::move(made_.back());
         made_.pop_back();
         const auto remove = [&] {
             constexpr int tries = 3;
+            above.release(directory);
+            holdAbove(above, to_, directory);
             try {
                 RunTime::removeDirectory(directory, tries);
             } catch (const VDirectoryNotEmptyException&) {

@@ -111,7 +111,8 @@ private:
     std::wstring homePath(const std::wstring& home) const;
     void moveQuota(UserInfo& info) const;
     void moveHomes();
-    bool holdAbove(RunTime::PinnedPath& above, const std::wstring& home) const;
+    static bool holdAbove(RunTime::PinnedPath& above, const std::wstring& root,
+                          const std::wstring& home);
     std::vector<const UserInfo*> outermostHomes() const;
     void undoPartialMove(std::unique_ptr<backupmove> mover, const NativeSpan& span);
     void restoreHomes(const NativeSpan& span);

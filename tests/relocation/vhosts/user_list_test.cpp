@@ -304,6 +304,18 @@ TEST_F(UserListTest, NoLinkAboveAHomeIsFollowed) {
     const std::wstring users = *oldPlace / L"vhosts\\users";
     const auto list = newList();
     list->move(from, to);
+    const std::wstring newUsers = *newPlace / L"new vhosts\\users";
+    newPlace->writeFile(L"foreign\\w1\\precious.txt");
+    ASSERT_TRUE(ntfs.swapForLink(newUsers, unixPath((*newPlace / L"foreign").c_str())));
+    list->rollback();
+    EXPECT_TRUE(list->isPending());
+    EXPECT_TRUE(newPlace->has(L"foreign\\w1\\precious.txt"));
+    ASSERT_TRUE(::RemoveDirectoryW(newUsers.c_str()) &&
+                ::MoveFileW((newUsers + L".aside").c_str(), newUsers.c_str()));
+    list->rollback();
+    EXPECT_FALSE(list->isPending());
+
+    list->move(from, to);
     oldPlace->writeFile(L"foreign\\w1\\precious.txt");
     ASSERT_TRUE(ntfs.swapForLink(users, unixPath((*oldPlace / L"foreign").c_str())));
     list->commit();
