@@ -308,7 +308,8 @@ void MoveVHosts::setServersAside() {
     const NativeSpan span("MoveVHosts::removeServers", __LINE__);
     try {
         const std::wstring servers = RunTime::combine(record_.from, L"Servers");
-        if (!RunTime::isDirectory(servers) || RunTime::theSameDirectory(record_.from, record_.to)) {
+        if (!RunTime::isDirectory(servers) || RunTime::File::inpath(record_.to, servers) ||
+            RunTime::theSameDirectory(record_.from, record_.to)) { // it holds the new place, or is
             return;
         }
         record_.serversAside = RunTime::temporaryMove(servers, setAsidePrefix);
