@@ -267,6 +267,11 @@ void backupmove::commit() {
                     L"Unable to commit files: the move was not completed and must be rolled back",
                     {L"", "backupmove::commit", __LINE__});
             }
+            if (undoing_) { // parts of the new place are gone
+                throw vexception(
+                    L"Unable to commit files: the rollback has begun and must be repeated",
+                    {L"", "backupmove::commit", __LINE__});
+            }
             committing_ = true;
             leftBehind_.clear();
             if (!moved_ && RunTime::exists(from_) && !isLeftOut()) {
@@ -443,6 +448,7 @@ void backupmove::undoMove() {
         renameBack();
         return;
     }
+    undoing_ = undoing_ || undo_ != Undo::ReplayLog;
     switch (undo_) {
     case Undo::Nothing:
         break;
@@ -477,6 +483,7 @@ void backupmove::replayLog() {
         throw CanceledException({L"", "backupmove::rollback", __LINE__});
     }
     log_.seekToEnd(to_);
+    undoing_ = true;
     PinnedPath pinned(to_);
     for (TransactionLog::Record record; log_.previous(record, to_);) {
         progressEvent_Name.raise(nicePath(record.name), record.isFile, record.cost, cancel);
@@ -621,6 +628,7 @@ void backupmove::close() {
     moved_ = false;
     completed_ = false;
     committing_ = false;
+    undoing_ = false;
     undo_ = Undo::Nothing;
     leftOut_.clear();
     adopted_.clear();

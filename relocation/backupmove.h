@@ -54,7 +54,7 @@ public:
     void commit();
 
     // Undoes the move. May be called again after a failure or a cancel, and goes on where it
-    // stopped.
+    // stopped; commit() is refused once it has begun to.
     void rollback();
 
     // Deletes a tree with this object's events ("Remove: " and the nice path).
@@ -111,6 +111,7 @@ private:
     bool moved_ = false;
     bool completed_ = false;  // move() did all of its work
     bool committing_ = false; // commit() has begun to remove
+    bool undoing_ = false;    // rollback() has
     Undo undo_ = Undo::Nothing;
     std::int64_t itemsMade_ = 0; // by the copy, in the target
     std::int64_t copyBegan_ = 0; // FILETIME as a number

@@ -331,6 +331,10 @@ bool MoveVHosts::commit() {
         throw vexception(L"Unable to commit: the move was not completed and must be rolled back",
                          {L"", "MoveVHosts::commit", __LINE__});
     }
+    if (record_.undoing) {
+        throw vexception(L"Unable to commit: the rollback has begun and must be repeated",
+                         {L"", "MoveVHosts::commit", __LINE__});
+    }
     const FoldedProgress::Shield shield(progress_);
     committing_ = true;
     leftBehind_.clear();

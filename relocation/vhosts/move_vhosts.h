@@ -49,8 +49,8 @@ public:
 
     // Undoes a completed move; does nothing after one that threw. Every part is attempted; when one
     // fails, vexception at the end says which. Only the FTP sites may fail unsaid, but for
-    // errorEvent and the log. May be called again, and goes on with what is left. Handlers cannot
-    // cancel it.
+    // errorEvent and the log. May be called again, and goes on with what is left; commit() is
+    // refused from then on. Handlers cannot cancel it.
     bool rollback();
 
     // The same for a move that threw, as far as it had come; a failure with the FTP sites counts as
@@ -106,6 +106,7 @@ private:
         std::wstring to;
         std::wstring setting;
         bool renamed = false; // a rename moved the tree
+        bool undoing = false; // parts may have been put back
         std::optional<InstallerPaths> installer;
         std::wstring serversAside; // where the directory of the FTP server waits for commit()
         std::optional<SavedFile> webmail;

@@ -77,6 +77,7 @@ bool MoveVHosts::putBack(bool ftpMayFail) {
         throw vexception(L"Unable to rollback: the commit has begun and must be repeated",
                          {L"", "MoveVHosts::rollback", __LINE__});
     }
+    record_.undoing = true;
     leftBehind_.clear();
     pendingRestart_.clear();
     progress_.clear(); // a failure may have left frames of homes

@@ -180,6 +180,7 @@ bool UserList::rollback() {
     }
     const ThreadCancelation::CancelationPoint shielded(false);
     mayCancel_ = false;
+    completed_ = false; // what is put back is not to be made final
     leftBehind_.clear();
     pendingRestart_.clear();
     attempt(span, L"Report the rollback of user homes", [this] {

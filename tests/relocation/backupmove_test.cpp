@@ -235,6 +235,18 @@ TEST_F(BackupMoveTest, StatesAreKeptApart) {
         [&] { mover.commit(); });
     mover.rollback();
     expectWorld(before);
+
+    makeFilledTarget();
+    const World filled = world();
+    mover.move(source(), target(), false);
+    const Hook cancelUndo =
+        mover.progressEvent_Name.hook([undone = 0](const std::wstring&, bool, std::int64_t,
+                                                   bool& stop) mutable { stop = ++undone == 2; });
+    EXPECT_THROW(mover.rollback(), CanceledException);
+    expectError<vexception>(L"Unable to commit files: the rollback has begun and must be repeated",
+                            [&] { mover.commit(); });
+    mover.rollback();
+    expectWorld(filled);
 }
 
 TEST_F(BackupMoveTest, OldPlaceStaysWhereTheNewPathBeginsWithIt) {

@@ -282,6 +282,24 @@ TEST_F(MoveVHostsTest, RefusesWhatIsNoDirectoryAndHearsTheFirstCancel) {
     EXPECT_EQ(before, world());
 }
 
+// Nor is what has been put back in part made final.
+TEST_F(MoveVHostsTest, APlaceInTheDirectoryOfTheFtpServerIsKept) {
+    const std::wstring to = oldPlace() + L"\\Servers\\new";
+    const std::string before = world();
+    MoveVHosts mover;
+    EXPECT_FALSE(mover.move(to));
+    panel_.store().setControl({{L"fail", L"0", L"--update-site-paths", L"1", L"refused"}});
+    EXPECT_NE("", errorOf([&] { mover.rollback(); }));
+    EXPECT_NE("", errorOf([&] { mover.commit(); }));
+    panel_.store().setControl({});
+    EXPECT_FALSE(mover.rollback());
+    EXPECT_EQ(before, world());
+    EXPECT_FALSE(mover.move(to));
+    EXPECT_FALSE(mover.commit());
+    EXPECT_TRUE(RunTime::exists(to + L"\\webmail\\atmail\\index.php"));
+    EXPECT_TRUE(RunTime::exists(oldPlace() + L"\\webmail\\atmail\\index.php"));
+}
+
 // The same directory by another name: what names it is brought up to date, and nothing is moved.
 TEST_F(MoveVHostsTest, LeavesTheFilesAloneWhenOnlyTheNameDiffers) {
     const TreeImage before = imageOf(oldPlace());
