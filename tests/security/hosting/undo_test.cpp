@@ -135,6 +135,49 @@ TEST_F(UndoTest, DamagedTruncatedAndForeignFilesChangeNothing) {
     EXPECT_EQ(ntfs.security(at(L"a")), damagedList);
 }
 
+TEST_F(UndoTest, AFileThatOthersOwnOrMayChangeIsRefused) {
+    repaired({L"a"});
+    const std::string before = ntfs.fingerprint(root);
+    for (const wchar_t* foreign :
+         {L"O:S-1-5-21-1-2-3-1001G:SYD:P(A;;FA;;;SY)(A;;FA;;;BA)", L"O:BAG:SYD:(A;;0x4;;;BU)",
+          L"O:BAG:SYD:(A;;FA;;;BA)(A;;WD;;;S-1-5-21-1-2-3-1001)"}) {
+        ntfs.setSecurity(file, foreign);
+        Recorder recorder;
+        EXPECT_THROW(undo(file, recorder), UndoFileException) << toUtf8(foreign);
+    }
+    EXPECT_EQ(ntfs.fingerprint(root), before);
+    ntfs.setSecurity(file, L"O:SYG:SYD:(A;;FA;;;BA)(A;;FR;;;BU)");
+    Recorder recorder;
+    EXPECT_GT(undo(file, recorder).restored, 0u);
+}
+
+// The system takes lists with entries whose inside it does not look at.
+TEST_F(UndoTest, AnItemWithAnUnheardOfListDoesNotSpoilTheFile) {
+    RunTime::DescriptorBytes odd(20 + sizeof(ACL) + 8);
+    SECURITY_DESCRIPTOR_RELATIVE header = {};
+    header.Revision = SECURITY_DESCRIPTOR_REVISION;
+    header.Control = SE_SELF_RELATIVE | SE_DACL_PRESENT;
+    header.Dacl = sizeof(header);
+    const ACL list = {ACL_REVISION, 0, sizeof(ACL) + 8, 1, 0};
+    const ACE_HEADER entry = {ACCESS_ALLOWED_CALLBACK_ACE_TYPE, 0, 8};
+    std::memcpy(odd.data(), &header, sizeof(header));
+    std::memcpy(&odd[sizeof(header)], &list, sizeof(list));
+    std::memcpy(&odd[sizeof(header) + sizeof(list)], &entry, sizeof(entry));
+    {
+        UndoLog log({root, {}}, L"d1");
+        file = log.path();
+        log.add({L"page", {}, odd});
+        log.sync();
+    }
+    const std::string whole = place.readFile(file.substr(place.path().size() + 1));
+    const Bytes bytes(whole.begin(), whole.end());
+    MemoryBytes source(bytes);
+    UndoReader reader(source, false);
+    UndoItem item;
+    ASSERT_TRUE(reader.previous(item));
+    EXPECT_EQ(item.descriptor, odd);
+}
+
 TEST_F(UndoTest, NoBytesAreReadPastTheirEndOrTakenForMoreThanTheyAre) {
     const std::string whole = repaired({L"a", L"wwwroot\\b", L"wwwroot\\c"});
     const FuzzCorpus corpus = {{whole.begin(), whole.end()}};
