@@ -87,6 +87,10 @@ void NetUser::setFlagCannotChangePassword(bool set) {
     setFlag(UF_PASSWD_CANT_CHANGE, set);
 }
 
+bool NetUser::isAdministrator() {
+    return read()->usri2_priv == USER_PRIV_ADMIN;
+}
+
 bool NetUser::isEnabled() {
     return !hasFlag(UF_ACCOUNTDISABLE);
 }

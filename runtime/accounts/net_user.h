@@ -33,6 +33,7 @@ public:
     void setFlagPasswordNeverExpires(bool set) override;
     bool getFlagCannotChangePassword() override;
     void setFlagCannotChangePassword(bool set) override;
+    bool isAdministrator() override;
     bool isEnabled() override;
     void enable(bool enabled) override;
     void allowUserRDPLogon(DWORD allow) override;

@@ -63,6 +63,8 @@ public:
     virtual void setFlagPasswordNeverExpires(bool set) = 0;
     virtual bool getFlagCannotChangePassword() = 0;
     virtual void setFlagCannotChangePassword(bool set) = 0;
+    // Whether the account has an administrator's rights on the server that keeps it.
+    virtual bool isAdministrator() = 0;
     virtual bool isEnabled() = 0;
     virtual void enable(bool enabled) = 0;
     // Whether the account may log on by remote desktop: 0 for no, any other number for yes.

@@ -135,11 +135,20 @@ void AccountCheck::finishAccount(const std::wstring& user, bool isThere) {
     if (!isThere) {
         return;
     }
+    const std::shared_ptr<UserManagement::IUser> account = factory_->getUser(user);
+    if (account->isAdministrator()) {
+        const std::wstring text = formatString(
+            L"%s: The account is an administrator's, and cannot be a hosting's.", user.c_str());
+        if (!reports()) {
+            throw vexception(text, {L"", "HostingSecurity::AccountCheck::finishAccount", __LINE__});
+        }
+        warningEvent.raise(text);
+    }
     const std::shared_ptr<UserManagement::IGroup> group = factory_->getGroup(hostingGroup);
     if (!reports()) {
         group->addMember(user);
         // Customers know these accounts' passwords: they are for their sites, not for the desktop.
-        factory_->getUser(user)->allowUserRDPLogon(0);
+        account->allowUserRDPLogon(0);
     } else if (!isMember(*group, user)) {
         warningEvent.raise(
             formatString(L"%s: The account is not in the group %s.", user.c_str(), hostingGroup));

@@ -37,7 +37,8 @@ public:
 
     // The account of a domain or of a web user. Made with the password that the database has; in
     // "zopcln" afterwards, and without log-on by remote desktop. Throws vexception when the
-    // database does not know the user.
+    // database does not know the user, and for an account that is an administrator's: groups and
+    // log-on of that one are left alone.
     void checkDomainUser(const std::wstring& user, HostingKind kind);
     // The account of an IIS application pool. Made with the password of the domain's user;
     // otherwise as above.

@@ -16,9 +16,12 @@ using Flags = VHostsSecurity::CheckPermissionsFlags;
 using Type = VHostsSecurity::HostingType;
 
 // The calls for an account, and for the FTP group, that are there.
+std::string finished(const std::string& user) {
+    return "getUser " + user + "\nisAdministrator " + user +
+           "\ngetGroup zopcln\naddMember zopcln " + user + "\nallowUserRDPLogon " + user + " 0\n";
+}
 std::string seenTo(const std::string& user) {
-    return "userExists " + user + "\ngetGroup zopcln\naddMember zopcln " + user + "\ngetUser " +
-           user + "\nallowUserRDPLogon " + user + " 0\n";
+    return "userExists " + user + "\n" + finished(user);
 }
 const std::string ftpSeenTo = "groupExists ftp_subaccounts\ngetGroup ftp_subaccounts\n"
                               "setGroupComment ftp_subaccounts Tarvo FTP group\n";
@@ -66,17 +69,16 @@ TEST_F(VHostsSecurityTest, MissingAccountsAreMadeBeforeThePermissions) {
     EXPECT_EQ(traceOf(Type::Domain, L"d1", nullptr),
               "userExists d1\n"
               "! d1: The domain user account was absent. Tarvo has created it.\n"
-              "createUser d1\ngetGroup zopcln\naddMember zopcln d1\ngetUser d1\n"
-              "allowUserRDPLogon d1 0\n"
-              "groupExists ftp_subaccounts\n"
-              "! ftp_subaccounts: Tarvo group was absent. Tarvo has created it.\n"
-              "createGroup ftp_subaccounts Tarvo FTP group\ngetGroup ftp_subaccounts\n"
-              "setGroupComment ftp_subaccounts Tarvo FTP group\n"
-              "userExists pool1\n"
-              "! pool1: Application pool user was absent. Tarvo has created it.\n"
-              "createUser pool1\ngetGroup zopcln\naddMember zopcln pool1\ngetUser pool1\n"
-              "allowUserRDPLogon pool1 0\n"
-              "commit\n");
+              "createUser d1\n" +
+                  finished("d1") +
+                  "groupExists ftp_subaccounts\n"
+                  "! ftp_subaccounts: Tarvo group was absent. Tarvo has created it.\n"
+                  "createGroup ftp_subaccounts Tarvo FTP group\ngetGroup ftp_subaccounts\n"
+                  "setGroupComment ftp_subaccounts Tarvo FTP group\n"
+                  "userExists pool1\n"
+                  "! pool1: Application pool user was absent. Tarvo has created it.\n"
+                  "createUser pool1\n" +
+                  finished("pool1") + "commit\n");
     EXPECT_EQ(failure, "");
     AccountFake::State expected;
     expected.users[L"d1"] = {.password = L"secret d1",
@@ -108,6 +110,16 @@ TEST_F(VHostsSecurityTest, AWebUserComesWithTheAccountOfItsDomain) {
     EXPECT_EQ(accounts.state.users[L"w1"].password, L"secret w1");
     EXPECT_EQ(traceOf(Type::Domain, L"d1", L"w1"),
               seenTo("d1") + ftpSeenTo + seenTo("w1") + seenTo("pool1") + "commit\n");
+}
+
+TEST_F(VHostsSecurityTest, AnAdministratorsAccountIsNoHostings) {
+    makeAccounts();
+    accounts.state.users[L"pool1"].administrator = true;
+    accounts.state.groups[L"zopcln"].members.erase(L"pool1");
+    EXPECT_EQ(traceOf(Type::Domain, L"d1", L""),
+              seenTo("d1") + ftpSeenTo +
+                  "userExists pool1\ngetUser pool1\nisAdministrator pool1\n");
+    EXPECT_THAT(failure, StartsWith("pool1: The account is an administrator's"));
 }
 
 // A file that the template does not name, and the root, which it names, are open to everybody.

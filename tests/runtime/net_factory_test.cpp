@@ -313,6 +313,15 @@ TEST_F(NetFactoryTest, GroupsTakeMembersAndLeaveThemWhateverTheirKind) {
     EXPECT_EQ(liveBuffers(), 0);
 }
 
+TEST_F(NetFactoryTest, AdministratorsAreToldFromOtherUsers) {
+    const auto user = makeUser(L"d1");
+    EXPECT_FALSE(user->isAdministrator());
+    const DWORD yes = 1;
+    ::RegSetKeyValueW(HKEY_CURRENT_USER, (std::wstring(accountsKey) + L"\\Users\\d1").c_str(),
+                      L"administrator", REG_DWORD, &yes, sizeof yes);
+    EXPECT_TRUE(user->isAdministrator());
+}
+
 TEST_F(NetFactoryTest, WhatWindowsRefusesSaysWhyAndWhatToDo) {
     makeUser(L"d1");
     factory->createGroup(L"g", L"");

@@ -78,6 +78,7 @@ public:
     void setFlagCannotChangePassword(bool value) override {
         set(L"setFlagCannotChangePassword", &User::cannotChangePassword, value);
     }
+    bool isAdministrator() override { return get(L"isAdministrator", &User::administrator); }
     bool isEnabled() override { return get(L"isEnabled", &User::enabled); }
     void enable(bool value) override { set(L"enable", &User::enabled, value); }
     void allowUserRDPLogon(DWORD allow) override {

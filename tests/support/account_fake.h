@@ -41,6 +41,7 @@ public:
         std::wstring home = {};
         bool passwordNeverExpires = false;
         bool cannotChangePassword = false;
+        bool administrator = false;
         bool enabled = true;
         bool rdpLogon = true;
         std::map<std::wstring, std::uint64_t> quotas = {}; // by drive: L"C:"

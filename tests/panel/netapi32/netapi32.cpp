@@ -248,6 +248,9 @@ NET_API_STATUS WINAPI NetUserGetInfo(LPCWSTR, LPCWSTR name, DWORD level, LPBYTE*
             information->usri2_comment = buffer.text(textOf(path, L"description"));
             information->usri2_home_dir = buffer.text(textOf(path, L"home"));
             information->usri2_flags = getNumber(path, L"flags").value_or(0);
+            information->usri2_priv = getNumber(path, L"administrator").value_or(0) != 0
+                                          ? USER_PRIV_ADMIN
+                                          : USER_PRIV_USER;
         }
     }
     *result = buffer.give();
