@@ -126,7 +126,9 @@ TEST_F(HostingTemplateTest, TheTemplatesKeepTheirPromises) {
         EXPECT_EQ(rights(sddl, pool) & (row.pool | row.notPool), row.pool);
         EXPECT_EQ(rights(sddl, L"S-1-5-18"), FILE_ALL_ACCESS);
         EXPECT_EQ(rights(sddl, L"S-1-5-32-544"), FILE_ALL_ACCESS);
-        EXPECT_EQ(rights(sddl, L"S-1-1-0"), 0u);
+        for (const wchar_t* shared : {L"S-1-1-0", L"S-1-5-32-568", L"S-1-5-32-545"}) {
+            EXPECT_EQ(rights(sddl, shared), 0u);
+        }
         if (name == L"page") {
             place.makeDirectory(L"vhosts\\d1\\wwwroot");
         }
