@@ -78,6 +78,14 @@ MoveVHosts::MoveVHosts()
 
 MoveVHosts::~MoveVHosts() = default;
 
+MoveVHosts::Running::Running(MoveVHosts& owner) : owner_(owner) {
+    if (owner.isRunning_) {
+        throw vexception(L"A move, commit or rollback of the virtual hosts is under way",
+                         {L"", "MoveVHosts::Running", __LINE__});
+    }
+    owner.isRunning_ = true;
+}
+
 void MoveVHosts::registerHooks() {
     const auto total1 = [this](std::int32_t items, std::int64_t bytes, bool& cancel) {
         progress_.progress1_TotalHandler(items, bytes, cancel);
@@ -143,6 +151,7 @@ bool MoveVHosts::move(const std::wstring& to) {
 
 bool MoveVHosts::start(const std::wstring* from, const std::wstring& to) {
     const NativeSpan span("MoveVHosts::move", __LINE__);
+    const Running running(*this);
     const ThreadCancelation::CancelationPoint cancellable;
     if (!record_.begun.empty()) {
         throw vexception(L"Unable to start new transaction", {L"", "MoveVHosts::move", __LINE__});
@@ -323,6 +332,7 @@ void MoveVHosts::setServersAside() {
 
 bool MoveVHosts::commit() {
     const NativeSpan span("MoveVHosts::commit", __LINE__);
+    const Running running(*this);
     const ThreadCancelation::CancelationPoint shielded(false);
     if (record_.begun.empty()) {
         return false;

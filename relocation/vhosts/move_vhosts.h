@@ -1,6 +1,7 @@
 // Moves the directory of virtual hosts and everything on the server that names it, as one
 // transaction: move() does the work in nineteen steps, commit() makes it final, rollback() or
-// undo() puts everything back. One thread at a time; handlers run on the calling thread.
+// undo() puts everything back. One thread at a time; handlers run on the calling thread, where all
+// four are refused (vexception).
 //
 // The object is itself the mover of the tree (backupmove) and owns a component for each other step,
 // whose events come out of it folded into one stream.
@@ -113,6 +114,17 @@ private:
         std::vector<std::wstring> made; // outermost first
     };
     class PuttingBack;
+    // One operation at a time: a handler must not begin another within the one that calls it.
+    class Running {
+    public:
+        explicit Running(MoveVHosts& owner);
+        ~Running() { owner_.isRunning_ = false; }
+        Running(const Running&) = delete;
+        Running& operator=(const Running&) = delete;
+
+    private:
+        MoveVHosts& owner_;
+    };
 
     void registerHooks();
     void saveVars();
@@ -158,6 +170,7 @@ private:
     InstallerPaths installerPaths_;
     Record record_;
     bool committing_ = false;
+    bool isRunning_ = false;
     std::vector<std::wstring> leftBehind_;
     std::vector<std::wstring> pendingRestart_;
     std::vector<Hook> hooks_; // after the events they hook, so they go first

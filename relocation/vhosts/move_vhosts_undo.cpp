@@ -67,6 +67,7 @@ bool MoveVHosts::undo() {
 
 bool MoveVHosts::putBack(bool ftpMayFail) {
     const NativeSpan span("MoveVHosts::rollback", __LINE__);
+    const Running running(*this);
     const ThreadCancelation::CancelationPoint shielded(false);
     const FoldedProgress::Shield shield(progress_);
     if (record_.begun.empty()) {

@@ -282,12 +282,18 @@ TEST_F(MoveVHostsTest, RefusesWhatIsNoDirectoryAndHearsTheFirstCancel) {
     EXPECT_EQ(before, world());
 }
 
-// Nor is what has been put back in part made final.
+// Nor is made final what is under way, or has been put back in part.
 TEST_F(MoveVHostsTest, APlaceInTheDirectoryOfTheFtpServerIsKept) {
     const std::wstring to = oldPlace() + L"\\Servers\\new";
     const std::string before = world();
     MoveVHosts mover;
-    EXPECT_FALSE(mover.move(to));
+    {
+        const Hook meddling = mover.stepEvent.hook([&](std::int32_t, const std::wstring&) {
+            EXPECT_NE("", errorOf([&] { mover.commit(); }));
+            EXPECT_NE("", errorOf([&] { mover.rollback(); }));
+        });
+        EXPECT_FALSE(mover.move(to));
+    }
     panel_.store().setControl({{L"fail", L"0", L"--update-site-paths", L"1", L"refused"}});
     EXPECT_NE("", errorOf([&] { mover.rollback(); }));
     EXPECT_NE("", errorOf([&] { mover.commit(); }));
