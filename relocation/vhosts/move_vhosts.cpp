@@ -62,6 +62,20 @@ std::wstring normalised(const std::wstring& path) {
     return nicePath(RunTime::combine(longNames(parent), RunTime::lastName(whole)));
 }
 
+// Where to is above from, what has from's name below from would be moved into from, and go with it.
+void refusePlaceOfItsOwn(const std::wstring& from, const std::wstring& to) {
+    if (!RunTime::isStrictlyInside(from, to)) {
+        return;
+    }
+    const std::wstring above = to.substr(0, to.find_last_not_of(L'\\') + 1);
+    const std::wstring item = RunTime::combine(from, from.substr(above.size() + 1));
+    if (RunTime::exists(item)) {
+        throw vexception(formatString(L"Unable to move (%s) to (%s), which is moved itself",
+                                      nicePath(item).c_str(), nicePath(from).c_str()),
+                         {L"", "MoveVHosts::moveInternal", __LINE__});
+    }
+}
+
 } // namespace
 
 MoveVHosts::MoveVHosts()
@@ -196,6 +210,7 @@ bool MoveVHosts::moveInternal(const std::wstring& source, const std::wstring& ta
     record_.to = normalised(target);
     const std::wstring& from = record_.from;
     const std::wstring& to = record_.to;
+    refusePlaceOfItsOwn(from, to);
 
     enterStep(4, L"Storing paths...");
     record_.setting = oldPath_;

@@ -273,6 +273,13 @@ TEST_F(MoveVHostsTest, RefusesWhatIsNoDirectoryAndHearsTheFirstCancel) {
     expectError<vexception>(L"Destinition (" + file + L") is not a directory",
                             [&] { mover.move(file); });
     EXPECT_FALSE(mover.undo());
+    const std::wstring same = oldPlace() + L"\\" + RunTime::lastName(oldPlace());
+    ASSERT_TRUE(RunTime::createDirectory(same));
+    expectError<vexception>(L"Unable to move (" + same + L") to (" + oldPlace() +
+                                L"), which is moved itself",
+                            [&] { mover.move(RunTime::parentPath(oldPlace())); });
+    EXPECT_FALSE(mover.undo());
+    RunTime::removeDirectory(same);
     panel_.store().setControl({{L"fail", L"0", L"--remove-all", L"3", L""}});
     expectError<vexception>(
         L"call (ftphostctl.exe --remove-all) empty message from utilty with exit status 3",
@@ -304,6 +311,24 @@ TEST_F(MoveVHostsTest, APlaceInTheDirectoryOfTheFtpServerIsKept) {
     EXPECT_FALSE(mover.commit());
     EXPECT_TRUE(RunTime::exists(to + L"\\webmail\\atmail\\index.php"));
     EXPECT_TRUE(RunTime::exists(oldPlace() + L"\\webmail\\atmail\\index.php"));
+}
+
+TEST_F(MoveVHostsTest, TheDirectoryAboveTakesTheTree) {
+    const std::wstring to = RunTime::parentPath(oldPlace());
+    const std::string before = world();
+    TreeImage tree = imageOf(oldPlace());
+    for (const bool commits : {false, true}) {
+        MoveVHosts mover;
+        EXPECT_FALSE(mover.move(to));
+        EXPECT_FALSE(commits ? mover.commit() : mover.rollback());
+        if (!commits) {
+            EXPECT_EQ(before, world());
+        }
+    }
+    EXPECT_FALSE(RunTime::exists(oldPlace()));
+    for (const auto& [name, item] : tree) {
+        EXPECT_TRUE(RunTime::exists(to + L"\\" + name)) << toUtf8(name);
+    }
 }
 
 // The same directory by another name: what names it is brought up to date, and nothing is moved.
