@@ -129,6 +129,7 @@ TEST_F(HostingTemplateTest, TheTemplatesKeepTheirPromises) {
         for (const wchar_t* shared : {L"S-1-1-0", L"S-1-5-32-568", L"S-1-5-32-545"}) {
             EXPECT_EQ(rights(sddl, shared), 0u);
         }
+        EXPECT_EQ(rights(sddl, L"S-1-3-4"), name.starts_with(L"logs") ? read : 0);
         if (name == L"page") {
             place.makeDirectory(L"vhosts\\d1\\wwwroot");
         }
