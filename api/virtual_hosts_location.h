@@ -5,7 +5,8 @@
 //
 // After a Change that threw, cancelled or not, Rollback puts everything back that had been changed.
 //
-// One thread at a time. Every failure leaves as zopobsolete::Exception with the whole text.
+// One thread at a time; a handler must not call Change, Commit or Rollback, which are refused
+// there. Every failure leaves as zopobsolete::Exception with the whole text.
 //
 //     zopobsolete::VirtualHostsLocation location;
 //     auto shown = location.ProgressEvent_Name.hook(...);
@@ -66,9 +67,9 @@ public:
 
     // Undoes the Change, also one that threw, as far as it had come; does nothing without one.
     // Every part is attempted, even when others fail, and none can be cancelled. Throws when
-    // something could not be put back, and says what; called again, it goes on with that. After a
-    // Change that succeeded, a failure to bring the FTP sites back is only reported (ErrorEvent).
-    // Returns whether a part of it was cancelled, which is never so.
+    // something could not be put back, and says what; called again, it goes on with that, and
+    // Commit is refused. After a Change that succeeded, a failure to bring the FTP sites back is
+    // only reported (ErrorEvent). Returns whether a part of it was cancelled, which is never so.
     bool Rollback();
 
     // Names of the items that could not be moved, in the order of failure; a copy of the list.

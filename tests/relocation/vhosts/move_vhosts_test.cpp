@@ -313,6 +313,32 @@ TEST_F(MoveVHostsTest, APlaceInTheDirectoryOfTheFtpServerIsKept) {
     EXPECT_TRUE(RunTime::exists(oldPlace() + L"\\webmail\\atmail\\index.php"));
 }
 
+// The home's own mover moves all of it, and the tree's has nothing left to do.
+TEST_F(MoveVHostsTest, AHomeMayBeTheWholeDirectory) {
+    database->execute(
+        L"insert into sys_users (login, password, home, quota) values ('all', '', ?, 0)",
+        {oldPlace()});
+    accounts_.state.users[L"all"] = {.home = oldPlace()};
+    const TreeImage tree = imageOf(oldPlace());
+    const std::wstring to = otherVolume();
+    std::string before;
+    for (int round = 0; round < 3; ++round) { // after the first the FTP server knows the account
+        MoveVHosts mover;
+        EXPECT_FALSE(mover.move(to));
+        EXPECT_EQ(accounts_.state.users[L"all"].home, to);
+        EXPECT_FALSE(round == 2 ? mover.commit() : mover.rollback());
+        EXPECT_TRUE(mover.get_leftBehind().empty() && mover.get_pendingRestart().empty());
+        if (round == 1) {
+            EXPECT_EQ(before, world({to}));
+        }
+        before = world({to});
+    }
+    EXPECT_FALSE(RunTime::exists(oldPlace()));
+    for (const auto& [name, item] : tree) {
+        EXPECT_TRUE(RunTime::exists(to + L"\\" + name)) << toUtf8(name);
+    }
+}
+
 TEST_F(MoveVHostsTest, TheDirectoryAboveTakesTheTree) {
     const std::wstring to = RunTime::parentPath(oldPlace());
     const std::string before = world();
