@@ -88,12 +88,13 @@ private:
         return system_->lookup(name, domain);
     }
     // Names of the system's own groups are found before those of accounts: a customer named as one
-    // must not give its permissions to everybody in it.
+    // must not give its permissions to everybody in it. A domain in the name is left out, as it is
+    // where the account is checked and made: both mean the same one.
     RunTime::Sid findUser(const std::wstring& name, const std::wstring& domain) {
         if (!users_) {
             users_ = accountsOfPanel(true);
         }
-        return users_->lookup(name, domain);
+        return users_->lookup(UserManagement::UserInformation::getNameWithoutDomain(name), domain);
     }
 
     const HostingAccounts* accounts_;

@@ -30,6 +30,9 @@ TEST_F(HostingTemplateTest, PlaceholdersStandForTheAccountsOfAHosting) {
     EXPECT_EQ(sidOf("[Parent]", accounts), L"S-1-5-21-1-2-3-1001");
     EXPECT_EQ(sidOf("[PoolUser]", accounts), L"S-1-5-21-1-2-3-1002");
     EXPECT_EQ(sidOf("[PoolUser]", {}), L"");
+    const HostingAccounts named = {.user = L"CORP\\w1", .parent = L"d1@corp", .poolUser = L""};
+    EXPECT_EQ(sidOf("[User]", named), L"S-1-5-21-1-2-3-1003");
+    EXPECT_EQ(sidOf("[Parent]", named), L"S-1-5-21-1-2-3-1001");
     EXPECT_EQ(sidOf("d1", {}), L"S-1-5-21-1-2-3-1001");
     EXPECT_EQ(sidOf("[Group ftp_subaccounts]", {}), L"S-1-5-21-1-2-3-1004");
     EXPECT_EQ(sidOf("[Group gone]", {}), L"");
