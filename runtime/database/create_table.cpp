@@ -22,6 +22,7 @@ constexpr std::string_view itemWords[] = {
     "asc",
     "ascii",
     "auto_increment",
+    "b", // in front of a text of bits
     "between",
     "bigint",
     "bin",
@@ -367,7 +368,8 @@ private:
         std::string before;
         for (int depth = 0; depth > 0 || (!tokens_.is(",") && !tokens_.is(")"));) {
             depth += tokens_.is("(") ? 1 : tokens_.is(")") ? -1 : 0;
-            const bool isNameOfSet = before == "set" || before == "collate" || before == "charset";
+            const bool isNameOfSet =
+                before == "set" || before == "collate" || before == "charset" || before == "using";
             if (tokens_.kind() == SqlToken::End ||
                 (tokens_.kind() == SqlToken::Word && !isIn(words, tokens_.value()) &&
                  !(isNameOfSet && !tokens_.value().empty()) && !isIntroducer())) {

@@ -195,10 +195,11 @@ private:
             throw vexception(L"Unable to export the table (" + name + L"): " + e.message(),
                              {L"", "VDatabaseExport::run", __LINE__});
         }
+        // Some servers say DEFAULT_GENERATED of a column with an expression for its default.
         const auto columns = source_.queryRows(
             L"SELECT COLUMN_NAME, DATA_TYPE, COLUMN_TYPE, COALESCE(CHARACTER_SET_NAME, '') "
             L"FROM information_schema.COLUMNS WHERE TABLE_SCHEMA = DATABASE() AND TABLE_NAME = ? "
-            L"AND EXTRA NOT LIKE '%GENERATED%' ORDER BY ORDINAL_POSITION",
+            L"AND EXTRA NOT REGEXP 'VIRTUAL|STORED|PERSISTENT' ORDER BY ORDINAL_POSITION",
             {name});
         while (columns->next()) {
             table.columns.push_back(columnOf(text(*columns, 0), text(*columns, 1),

@@ -25,7 +25,8 @@ protected:
 constexpr const wchar_t* everyType[] = {
     L"create table `numb``e'r\ns` (`a``\n'` tinyint, b bigint unsigned, c decimal(65,30), "
     L"d float, e double, f bit(13), g year, h boolean default 1, i float(7,3), "
-    L"j int as (h + 1) stored, k int as (concat('x', `b`)) virtual invisible)",
+    L"j int as (h + 1) stored, k int as (concat('x', `b`)) virtual invisible, "
+    L"l bit(3) default b'101', m text as (concat(h, char(10))) virtual)",
     L"insert into `numb``e'r\ns` (`a``\n'`, b, c, d, e, f, g, i) values "
     L"(-128, 18446744073709551615, "
     L"-12345678901234567890123456789012345.1234567890123456789"
