@@ -3,6 +3,7 @@
 #include "api/zop_mysql_database.h"
 
 #include <memory>
+#include <mutex>
 #include <string_view>
 
 using namespace zopobsolete::flat;
@@ -11,22 +12,56 @@ using zopobsolete::ZOPDatabaseParameters;
 using zopobsolete::ZOPMySQLDatabase;
 using zopobsolete::ZOPMySQLRecordSet;
 
-struct zop_database {
-    std::unique_ptr<ZOPMySQLDatabase> native;
+namespace {
+
+// A database and its record sets have one connection. A runtime that collects garbage frees them on
+// a thread of its own, whatever the others are used for just then.
+using Exclusion = std::shared_ptr<std::mutex>;
+
+// The object, and nobody else at its connection as long as this lives.
+template <class Native>
+class Use {
+public:
+    Use(Native& native, const Exclusion& exclusion) : lock_(*exclusion), native_(native) {}
+    Native* operator->() const noexcept { return &native_; }
+
+private:
+    std::unique_lock<std::mutex> lock_;
+    Native& native_;
 };
 
-struct zop_record_set {
-    ZOPMySQLRecordSet native;
+template <class Native>
+struct Shared {
+    Shared(Native made, Exclusion among) : native(std::move(made)), exclusion(std::move(among)) {}
+    ~Shared() {
+        const std::lock_guard lock(*exclusion);
+        native.reset();
+    }
+    Shared(const Shared&) = delete;
+    Shared& operator=(const Shared&) = delete;
+
+    std::optional<Native> native;
+    Exclusion exclusion;
+};
+
+} // namespace
+
+struct zop_database : Shared<std::unique_ptr<ZOPMySQLDatabase>> {
+    using Shared::Shared;
+};
+
+struct zop_record_set : Shared<ZOPMySQLRecordSet> {
+    using Shared::Shared;
 };
 
 namespace {
 
-ZOPMySQLDatabase& of(zop_database* given) {
-    return *needed(given, L"database")->native;
+Use<ZOPMySQLDatabase> of(zop_database* given) {
+    return {**needed(given, L"database")->native, given->exclusion};
 }
 
-ZOPMySQLRecordSet& of(zop_record_set* given) {
-    return needed(given, L"rows")->native;
+Use<ZOPMySQLRecordSet> of(zop_record_set* given) {
+    return {*needed(given, L"rows")->native, given->exclusion};
 }
 
 ZOPDatabaseParameters parametersOf(const zop_database_parameters* given) {
@@ -87,7 +122,8 @@ std::int32_t transfer(bool (ZOPMySQLDatabase::*run)(const std::wstring&), zop_da
                       const wchar_t* file, zop_database_callback callback, void* context,
                       std::int32_t* completed, zop_error** error) {
     return done(error, [&] {
-        ZOPMySQLDatabase& native = of(database);
+        // On a connection of its own, so others need not wait.
+        ZOPMySQLDatabase& native = **needed(database, L"database")->native;
         Hook hook;
         if (callback != nullptr) {
             hook = native.progressEvent.hook([&](const DatabaseProgress& now, bool& cancel) {
@@ -133,7 +169,8 @@ zop_database* ZOP_CALL zop_database_open(const zop_database_parameters* paramete
     return guarded(error, [&] {
         return handle<zop_database>(
             parameters != nullptr ? std::make_unique<ZOPMySQLDatabase>(parametersOf(parameters))
-                                  : std::make_unique<ZOPMySQLDatabase>());
+                                  : std::make_unique<ZOPMySQLDatabase>(),
+            std::make_shared<std::mutex>());
     });
 }
 
@@ -145,8 +182,9 @@ zop_record_set* ZOP_CALL zop_database_query(zop_database* database, const wchar_
                                             const zop_value* values, std::size_t count,
                                             zop_error** error) {
     return guarded(error, [&] {
+        const Exclusion& exclusion = needed(database, L"database")->exclusion;
         return handle<zop_record_set>(
-            of(database).query(needed(sql, L"sql"), valuesOf(values, count)));
+            of(database)->query(needed(sql, L"sql"), valuesOf(values, count)), exclusion);
     });
 }
 
@@ -155,7 +193,7 @@ std::int32_t ZOP_CALL zop_database_execute(zop_database* database, const wchar_t
                                            std::uint64_t* rows, zop_error** error) {
     return done(error, [&] {
         const std::uint64_t found =
-            of(database).execute(needed(sql, L"sql"), valuesOf(values, count));
+            of(database)->execute(needed(sql, L"sql"), valuesOf(values, count));
         if (rows != nullptr) {
             *rows = found;
         }
@@ -165,30 +203,30 @@ std::int32_t ZOP_CALL zop_database_execute(zop_database* database, const wchar_t
 zop_text* ZOP_CALL zop_database_escape(zop_database* database, const wchar_t* text,
                                        std::size_t length, zop_error** error) {
     return guarded(error, [&] {
-        return newText(of(database).escape(std::wstring(needed(text, L"text"), length)));
+        return newText(of(database)->escape(std::wstring(needed(text, L"text"), length)));
     });
 }
 
 std::int32_t ZOP_CALL zop_database_last_insert_id(zop_database* database, std::uint64_t* id,
                                                   zop_error** error) {
-    return done(error, [&] { *needed(id, L"id") = of(database).lastInsertId(); });
+    return done(error, [&] { *needed(id, L"id") = of(database)->lastInsertId(); });
 }
 
 std::int32_t ZOP_CALL zop_database_begin_trans(zop_database* database, zop_error** error) {
-    return done(error, [&] { of(database).beginTrans(); });
+    return done(error, [&] { of(database)->beginTrans(); });
 }
 
 std::int32_t ZOP_CALL zop_database_commit_trans(zop_database* database, zop_error** error) {
-    return done(error, [&] { of(database).commitTrans(); });
+    return done(error, [&] { of(database)->commitTrans(); });
 }
 
 std::int32_t ZOP_CALL zop_database_rollback_trans(zop_database* database, zop_error** error) {
-    return done(error, [&] { of(database).rollbackTrans(); });
+    return done(error, [&] { of(database)->rollbackTrans(); });
 }
 
 std::int32_t ZOP_CALL zop_database_trans_level(zop_database* database, std::int32_t* level,
                                                zop_error** error) {
-    return done(error, [&] { *needed(level, L"level") = of(database).transLevel(); });
+    return done(error, [&] { *needed(level, L"level") = of(database)->transLevel(); });
 }
 
 std::int32_t ZOP_CALL zop_database_lock_tables(zop_database* database, const wchar_t* const* tables,
@@ -200,12 +238,12 @@ std::int32_t ZOP_CALL zop_database_lock_tables(zop_database* database, const wch
             locked.push_back(
                 {needed(needed(tables, L"tables")[i], L"tables"), needed(write, L"write")[i] != 0});
         }
-        of(database).lockTables(locked);
+        of(database)->lockTables(locked);
     });
 }
 
 std::int32_t ZOP_CALL zop_database_unlock_tables(zop_database* database, zop_error** error) {
-    return done(error, [&] { of(database).unlockTables(); });
+    return done(error, [&] { of(database)->unlockTables(); });
 }
 
 std::int32_t ZOP_CALL zop_database_export(zop_database* database, const wchar_t* file,
@@ -228,21 +266,22 @@ void ZOP_CALL zop_record_set_free(zop_record_set* rows) {
 
 std::int32_t ZOP_CALL zop_record_set_next(zop_record_set* rows, std::int32_t* row,
                                           zop_error** error) {
-    return done(error, [&] { *needed(row, L"row") = of(rows).next() ? 1 : 0; });
+    return done(error, [&] { *needed(row, L"row") = of(rows)->next() ? 1 : 0; });
 }
 
 zop_list* ZOP_CALL zop_record_set_columns(zop_record_set* rows, zop_error** error) {
-    return guarded(error, [&] { return handle<zop_list>(of(rows).columns()); });
+    return guarded(error, [&] { return handle<zop_list>(of(rows)->columns()); });
 }
 
 std::int32_t ZOP_CALL zop_record_set_text(zop_record_set* rows, const wchar_t* column,
                                           zop_text** text, zop_error** error) {
     return done(error, [&] {
-        *needed(text, L"text") = textOrNull(of(rows).text(std::wstring(needed(column, L"column"))));
+        *needed(text, L"text") =
+            textOrNull(of(rows)->text(std::wstring(needed(column, L"column"))));
     });
 }
 
 std::int32_t ZOP_CALL zop_record_set_text_at(zop_record_set* rows, std::size_t column,
                                              zop_text** text, zop_error** error) {
-    return done(error, [&] { *needed(text, L"text") = textOrNull(of(rows).text(column)); });
+    return done(error, [&] { *needed(text, L"text") = textOrNull(of(rows)->text(column)); });
 }

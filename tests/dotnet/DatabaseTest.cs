@@ -1,5 +1,6 @@
 using System;
 using System.IO;
+using System.Runtime.CompilerServices;
 using zopobsolete;
 
 public sealed class DatabaseTest : IDisposable
@@ -76,6 +77,28 @@ public sealed class DatabaseTest : IDisposable
         Check.Equal("0", rows["n"]);
         rows.Dispose();
         Check.Throws<ObjectDisposedException>(() => rows.next());
+    }
+
+    [Test]
+    public void DroppedRecordSetsAreCollectedWhileTheDatabaseWorks()
+    {
+        for (int i = 0; i < 100; ++i)
+        {
+            DropOne();
+            GC.Collect(); // the finaliser's thread begins, and we go on
+            Check.Equal(1UL, database.execute("insert into dotnet (text) values (?)", i.ToString()));
+        }
+        using (ZOPMySQLRecordSet rows = database.query("select count(*) from dotnet"))
+        {
+            Check.True(rows.next());
+            Check.Equal("100", rows[0]);
+        }
+    }
+
+    [MethodImpl(MethodImplOptions.NoInlining)]
+    void DropOne()
+    {
+        Check.True(database.query("select seq from seq_1_to_20000").next());
     }
 
     [Test]
