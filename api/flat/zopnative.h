@@ -45,7 +45,7 @@ extern "C" {
 
 /* The version of these functions that this header describes: first number << 16 | second. The first
    changes when something is taken away or changed, the second when something is added. */
-#define ZOP_INTERFACE_VERSION 0x00010000
+#define ZOP_INTERFACE_VERSION 0x00010001
 
 /* The version that the library has. A program works with a library whose first number is the
    header's and whose second is not lower. */
@@ -245,7 +245,8 @@ ZOP_C_API zop_text* ZOP_CALL zop_vhosts_security_undo_file(zop_vhosts_security* 
 /* ---- the panel's database ---- */
 
 /* As zopobsolete::ZOPMySQLDatabase and ZOPMySQLRecordSet in api/. Errors are of the kind
-   ZOP_ERROR_DATABASE. A database and its record sets are used by one thread at a time, together. */
+   ZOP_ERROR_DATABASE. A database and its record sets are used by one thread at a time, together;
+   another may free those that nobody uses any more. */
 typedef struct zop_database zop_database;
 typedef struct zop_record_set zop_record_set;
 

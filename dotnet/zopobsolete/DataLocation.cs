@@ -114,7 +114,8 @@ namespace zopobsolete
         /// <exception cref="System.Exception">It failed; call <see cref="Rollback"/>.</exception>
         public bool Change(string source, string dest)
         {
-            NativeMethods.zop_data_location_change(native, source, dest, out int moved, out IntPtr error);
+            NativeMethods.zop_data_location_change(
+                native, Native.Whole(source, "source"), Native.Whole(dest, "dest"), out int moved, out IntPtr error);
             GC.KeepAlive(this);
             listener.Check(error);
             return moved != 0;

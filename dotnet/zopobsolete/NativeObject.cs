@@ -16,6 +16,7 @@ namespace zopobsolete
         internal NativeObject(object owner, Create create, Action<IntPtr> free) : base(IntPtr.Zero, true)
         {
             this.free = free;
+            Native.CheckVersion();
             this.owner = GCHandle.Alloc(owner, GCHandleType.Weak);
             handle = create(GCHandle.ToIntPtr(this.owner), out IntPtr error);
             NativeResult.Check(error);

@@ -71,7 +71,7 @@ namespace zopobsolete
                         Warning = onWarning,
                         Error = onError,
                     };
-                    return NativeMethods.zop_vhosts_security_create(root, ref events, out error);
+                    return NativeMethods.zop_vhosts_security_create(Native.Whole(root, "root"), ref events, out error);
                 },
                 NativeMethods.zop_vhosts_security_free);
         }
@@ -126,7 +126,8 @@ namespace zopobsolete
             {
                 throw new ArgumentNullException("user");
             }
-            NativeMethods.zop_vhosts_security_check(native, (int)hosting, user, parent, (int)flags, out IntPtr error);
+            NativeMethods.zop_vhosts_security_check(
+                native, (int)hosting, Native.Whole(user, "user"), Native.Whole(parent, "parent"), (int)flags, out IntPtr error);
             GC.KeepAlive(this);
             listener.Check(error);
         }
@@ -147,7 +148,9 @@ namespace zopobsolete
             {
                 throw new ArgumentNullException("user");
             }
-            NativeMethods.zop_vhosts_security_inspect(native, (int)hosting, user, parent, out int whole, out IntPtr error);
+            NativeMethods.zop_vhosts_security_inspect(
+                native, (int)hosting, Native.Whole(user, "user"), Native.Whole(parent, "parent"), out int whole,
+                out IntPtr error);
             GC.KeepAlive(this);
             listener.Check(error);
             return whole != 0;

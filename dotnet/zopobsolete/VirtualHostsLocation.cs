@@ -206,7 +206,8 @@ namespace zopobsolete
 
         bool ChangeFrom(string source, string dest)
         {
-            NativeMethods.zop_vhosts_location_change(native, source, dest, out int cancelled, out IntPtr error);
+            NativeMethods.zop_vhosts_location_change(
+                native, Native.Whole(source, "source"), Native.Whole(dest, "dest"), out int cancelled, out IntPtr error);
             GC.KeepAlive(this);
             Canceled = cancelled != 0;
             listener.Check(error);

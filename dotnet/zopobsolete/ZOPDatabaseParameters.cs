@@ -29,6 +29,7 @@ namespace zopobsolete
         /// <exception cref="ZOPDatabaseException">The configuration cannot be read.</exception>
         public static ZOPDatabaseParameters fromConfiguration()
         {
+            Native.CheckVersion();
             string[] texts = NativeResult.List(NativeMethods.zop_database_configuration(out IntPtr error), error);
             return new ZOPDatabaseParameters
             {
@@ -43,6 +44,7 @@ namespace zopobsolete
 
         internal IntPtr Open(out IntPtr error)
         {
+            Native.CheckVersion();
             if (port < 1 || port > 65535)
             {
                 throw new ArgumentOutOfRangeException("port", port, "A port is from 1 to 65535.");
@@ -59,10 +61,10 @@ namespace zopobsolete
             };
             try
             {
-                native.Host = Marshal.StringToHGlobalUni(host);
-                native.Login = Marshal.StringToHGlobalUni(login);
-                native.Password = Marshal.StringToHGlobalUni(password);
-                native.Database = Marshal.StringToHGlobalUni(database);
+                native.Host = Marshal.StringToHGlobalUni(Native.Whole(host, "host"));
+                native.Login = Marshal.StringToHGlobalUni(Native.Whole(login, "login"));
+                native.Password = Marshal.StringToHGlobalUni(Native.Whole(password, "password"));
+                native.Database = Marshal.StringToHGlobalUni(Native.Whole(database, "database"));
                 return NativeMethods.zop_database_open(ref native, out error);
             }
             finally

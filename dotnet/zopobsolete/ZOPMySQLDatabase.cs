@@ -70,7 +70,7 @@ namespace zopobsolete
         {
             IntPtr rows = IntPtr.Zero, error = IntPtr.Zero;
             With(values, native => rows = NativeMethods.zop_database_query(
-                this.native, sql, native, (UIntPtr)native.Length, out error));
+                this.native, Native.Whole(sql, "sql"), native, (UIntPtr)native.Length, out error));
             NativeResult.Check(error);
             return new ZOPMySQLRecordSet(rows);
         }
@@ -82,7 +82,7 @@ namespace zopobsolete
             ulong rows = 0;
             IntPtr error = IntPtr.Zero;
             With(values, native => NativeMethods.zop_database_execute(
-                this.native, sql, native, (UIntPtr)native.Length, out rows, out error));
+                this.native, Native.Whole(sql, "sql"), native, (UIntPtr)native.Length, out rows, out error));
             NativeResult.Check(error);
             return rows;
         }
@@ -124,6 +124,7 @@ namespace zopobsolete
             {
                 throw new ArgumentNullException("tables");
             }
+            Array.ForEach(tables, table => Native.Whole(table, "tables"));
             var kinds = new int[tables.Length];
             for (int i = 0; i < kinds.Length; ++i)
             {
@@ -169,7 +170,7 @@ namespace zopobsolete
             GCHandle self = GCHandle.Alloc(this);
             try
             {
-                run(native, file, onProgress, GCHandle.ToIntPtr(self), out int completed, out IntPtr error);
+                run(native, Native.Whole(file, "file"), onProgress, GCHandle.ToIntPtr(self), out int completed, out IntPtr error);
                 listener.Check(error);
                 return completed != 0;
             }

@@ -23,7 +23,7 @@ namespace zopobsolete
         {
             get
             {
-                NativeMethods.zop_record_set_text(native, column, out IntPtr text, out IntPtr error);
+                NativeMethods.zop_record_set_text(native, Native.Whole(column, "column"), out IntPtr text, out IntPtr error);
                 return NativeResult.Text(text, error);
             }
         }

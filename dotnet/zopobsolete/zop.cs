@@ -17,18 +17,11 @@ namespace zopobsolete
     /// </code></example>
     public sealed class zop : IDisposable
     {
-        const uint InterfaceVersion = 0x00010000;
         static zop instance;
 
         zop()
         {
-            uint version = NativeMethods.zop_interface_version();
-            if (version >> 16 != InterfaceVersion >> 16 || version < InterfaceVersion)
-            {
-                throw new Exception(
-                    "zopnative.dll has interface " + (version >> 16) + "." + (version & 0xFFFF) + ", this assembly needs " +
-                    (InterfaceVersion >> 16) + "." + (InterfaceVersion & 0xFFFF) + ". Install both from one package.");
-            }
+            Native.CheckVersion();
         }
 
         /// <summary>Gives the object, which is made at the first call.</summary>
@@ -50,10 +43,10 @@ namespace zopobsolete
         /// <summary>The string value of this name. "FTPPassword" is stored encoded, and given and taken plain.</summary>
         public string this[string name]
         {
-            get { return NativeResult.Text(NativeMethods.zop_config_get(name, out IntPtr error), error); }
+            get { return NativeResult.Text(NativeMethods.zop_config_get(Native.Whole(name, "name"), out IntPtr error), error); }
             set
             {
-                NativeMethods.zop_config_set(name, value, out IntPtr error);
+                NativeMethods.zop_config_set(Native.Whole(name, "name"), Native.Whole(value, "value"), out IntPtr error);
                 NativeResult.Check(error);
             }
         }
@@ -83,14 +76,16 @@ namespace zopobsolete
             {
                 throw new ArgumentNullException("arguments");
             }
+            Array.ForEach(arguments, argument => Native.Whole(argument, "arguments"));
             return NativeResult.Text(
-                NativeMethods.zop_exec_bin_util(name, arguments, (UIntPtr)arguments.Length, out IntPtr error), error);
+                NativeMethods.zop_exec_bin_util(
+                    Native.Whole(name, "name"), arguments, (UIntPtr)arguments.Length, out IntPtr error), error);
         }
 
         /// <summary>"DOMAIN\user" and "user@domain" as "user"; other names as they are.</summary>
         public string getUserNameWithoutDomain(string name)
         {
-            return NativeResult.Text(NativeMethods.zop_user_name_without_domain(name, out IntPtr error), error);
+            return NativeResult.Text(NativeMethods.zop_user_name_without_domain(Native.Whole(name, "name"), out IntPtr error), error);
         }
 
         /// <summary>A domain controller where the accounts of hostings live in Active Directory, else empty.</summary>
@@ -116,13 +111,13 @@ namespace zopobsolete
             {
                 get
                 {
-                    NativeMethods.zop_config_get_dword(name, out uint value, out IntPtr error);
+                    NativeMethods.zop_config_get_dword(Native.Whole(name, "name"), out uint value, out IntPtr error);
                     NativeResult.Check(error);
                     return value;
                 }
                 set
                 {
-                    NativeMethods.zop_config_set_dword(name, value, out IntPtr error);
+                    NativeMethods.zop_config_set_dword(Native.Whole(name, "name"), value, out IntPtr error);
                     NativeResult.Check(error);
                 }
             }

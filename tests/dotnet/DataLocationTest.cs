@@ -116,6 +116,7 @@ public sealed class DataLocationTest : IDisposable
     {
         var location = new DataLocation();
         Check.Equal("source", Check.Throws<ArgumentNullException>(() => location.Change(null, Target)).ParamName);
+        Check.Equal("dest", Check.Throws<ArgumentException>(() => location.Change(Source, Target + "\0x")).ParamName);
         Exception absent = Check.Throws<Exception>(() => location.Change(root + "\\absent", Target));
         Check.True(absent.Message.Contains("at (zopobsolete::DataLocation::Change line "), absent.Message);
         location.Rollback();
