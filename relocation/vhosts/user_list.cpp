@@ -97,7 +97,7 @@ bool UserList::move(const std::wstring& from, const std::wstring& to) {
     const NativeSpan span("UserList::move", __LINE__);
     const ThreadCancelation::CancelationPoint cancellable;
     ThreadCancelation::check();
-    if (!users_.empty() || !unchanged_.empty()) {
+    if (isPending() || !unchanged_.empty()) {
         return false;
     }
     clear();

@@ -310,6 +310,8 @@ TEST_F(UserListTest, NoLinkAboveAHomeIsFollowed) {
     list->rollback();
     EXPECT_TRUE(list->isPending());
     EXPECT_TRUE(newPlace->has(L"foreign\\w1\\precious.txt"));
+    EXPECT_FALSE(list->move(from, to)); // nothing
+    EXPECT_THROW(list->commit(), vexception);
     ASSERT_TRUE(::RemoveDirectoryW(newUsers.c_str()) &&
                 ::MoveFileW((newUsers + L".aside").c_str(), newUsers.c_str()));
     list->rollback();
