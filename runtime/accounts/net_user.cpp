@@ -21,7 +21,9 @@ void NetUser::create(const std::wstring& server, const std::wstring& name, const
     information.usri2_password = textOf(user.password);
     information.usri2_priv = USER_PRIV_USER;
     information.usri2_comment = textOf(user.description);
-    information.usri2_flags = UF_SCRIPT | UF_NORMAL_ACCOUNT;
+    // Nobody is asked for a new password when a site's process or a transfer logs on: with an old
+    // one it would just stop.
+    information.usri2_flags = UF_SCRIPT | UF_NORMAL_ACCOUNT | UF_DONT_EXPIRE_PASSWD;
     information.usri2_full_name = textOf(user.fullName);
     information.usri2_usr_comment = textOf(user.comment);
     information.usri2_acct_expires = TIMEQ_FOREVER;

@@ -95,8 +95,8 @@ class IFactory {
 public:
     virtual ~IFactory() = default;
 
-    // Throws where the account exists already, and where the system refuses the password; no
-    // account is left behind by a failure.
+    // The password does not expire. Throws where the account exists already, and where the system
+    // refuses the password; no account is left behind by a failure.
     virtual std::shared_ptr<IUser> createUser(const NewUser& user) = 0;
     // Throws where there is no such account or group.
     virtual std::shared_ptr<IUser> getUser(const std::wstring& name) = 0;

@@ -230,8 +230,10 @@ TEST_F(NetFactoryTest, EveryFieldOfAUserIsSetByItselfOnTheServerThatHasIt) {
         const auto user = makeUser(L"PANEL\\d1");
         const auto all = [&] { return allOf(*user); };
         EXPECT_EQ(calls.back(), "NetUserAdd 2" + at);
-        EXPECT_EQ(stored(L"Users\\d1", L"flags"), DWORD(UF_SCRIPT | UF_NORMAL_ACCOUNT));
-        EXPECT_EQ(all(), "d1,Full,Comment,Description,,0,0,1");
+        EXPECT_EQ(stored(L"Users\\d1", L"flags"),
+                  DWORD(UF_SCRIPT | UF_NORMAL_ACCOUNT | UF_DONT_EXPIRE_PASSWD));
+        EXPECT_EQ(all(), "d1,Full,Comment,Description,,1,0,1");
+        user->setFlagPasswordNeverExpires(false);
         EXPECT_TRUE(information->userExists(L"D1@panel"));
         EXPECT_FALSE(information->userExists(L"d2"));
         struct Step {
