@@ -88,6 +88,13 @@ TEST_F(DatabaseCommandTest, NothingIsReplacedUnasked) {
                   L"table_schema = database()"),
               "sys_users");
 
+    std::string hostile = directory.readFile(L"panel.sql");
+    hostile.insert(hostile.find("CREATE"), "CREATE TABLE `a` (\x1b[2J int);\n");
+    directory.writeFile(L"panel.sql", hostile);
+    EXPECT_EQ(run({L"import", file, L"--yes"}), ExitCode::Failed);
+    EXPECT_TRUE(contains(console->errors, "[2J")) << console->errors;
+    EXPECT_FALSE(contains(console->errors, "\x1b")) << "the file speaks to the terminal";
+
     directory.writeFile(L"panel.sql", "-- ZOP database export, version 2\n");
     EXPECT_EQ(run({L"import", file, L"--yes"}), ExitCode::Failed);
     EXPECT_TRUE(contains(console->errors, "no export of a database")) << console->errors;

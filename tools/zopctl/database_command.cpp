@@ -146,11 +146,12 @@ private:
             stop = {ExitCode::Cancelled, L"cancelled", L"Cancelled; everything is as it was."};
         } catch (const VDatabase::ConnectException& e) {
             stop = {ExitCode::Failed, L"failed",
-                    e.message() + L"\nThe server, the account and the database are configuration "
-                                  L"values (MySQLHost, MySQLPort, MySQLLogin, MySQLPassword, "
-                                  L"MySQLDatabase): zopctl config list"};
-        } catch (const vexception& e) {
-            stop = {ExitCode::Failed, L"failed", e.message()};
+                    printable(e.message()) +
+                        L"\nThe server, the account and the database are configuration "
+                        L"values (MySQLHost, MySQLPort, MySQLLogin, MySQLPassword, "
+                        L"MySQLDatabase): zopctl config list"};
+        } catch (const vexception& e) { // which may show what stands in the file
+            stop = {ExitCode::Failed, L"failed", printable(e.message())};
         }
         console_.status({});
         if (options_.json) {
