@@ -35,14 +35,14 @@ install(FILES "${PROJECT_BINARY_DIR}/zopnative-config.cmake" "${PROJECT_BINARY_D
 # The client library's licence lets a receiver replace it: as a DLL it can be.
 if(ZOP_MARIADB_DLL)
   install(FILES "${ZOP_CONNECTOR}/bin/libmariadb.dll" DESTINATION bin)
-  install(FILES "${ZOP_CONNECTOR}/COPYING.LIB" DESTINATION doc/libmariadb)
+  install(FILES "${ZOP_CONNECTOR}/COPYING.LIB" DESTINATION docs/libmariadb)
 endif()
 if(ZOP_DOTNET_ASSEMBLY)
   install(FILES "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/zopobsolete.dll" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/zopobsolete.xml" DESTINATION bin)
   install(DIRECTORY dotnet/samples DESTINATION . FILES_MATCHING PATTERN "*.cs")
 endif()
-install(FILES README.md DESTINATION doc)
-install(DIRECTORY docs/ DESTINATION doc)
+install(FILES README.md DESTINATION .) # whose links lead into docs/
+install(DIRECTORY docs DESTINATION .)
 install(DIRECTORY security/hosting/templates/ DESTINATION etc/HostingSecurity)
 
 set(CPACK_GENERATOR ZIP)
