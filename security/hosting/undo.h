@@ -21,10 +21,10 @@ struct UndoCounts {
 // file identity; otherwise, and when it cannot be written, it is passed over: onError. onItem is
 // called for what is restored. May be run again.
 //   unfinished  also take a file without its end: the machine went down during the repair
-// Throws UndoFileException for a damaged, truncated or foreign file, before anything is changed: also
-// for one that is owned, or may be changed, by others than System, Administrators and the caller;
-// RootCorrelationException when its root is no place for a hosting; CanceledException; vosexception
-// when file or root cannot be opened.
+// Throws UndoFileException for a damaged, truncated or foreign file, before anything is changed:
+// also for one that is owned, or may be changed, by others than System, Administrators and the
+// caller; RootCorrelationException when its root is no place for a hosting; CanceledException;
+// vosexception when file or root cannot be opened.
 UndoCounts undo(const std::wstring& file, ICommitCallback& callback, bool unfinished = false);
 
 } // namespace HostingSecurity

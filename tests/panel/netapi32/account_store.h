@@ -2,8 +2,8 @@
 // machine, in the registry below HKEY_CURRENT_USER\Software\ZopPanel\Accounts, or the key there
 // that the environment variable ZOP_PANEL_ACCOUNTS names.
 //
-//     Users\<name>    rid, flags, rdp, administrator; password, full name, comment, description, home
-//     Groups\<name>   global (1: one of a domain), comment
+//     Users\<name>    rid, flags, rdp, administrator; password, full name, comment, description,
+//     home Groups\<name>   global (1: one of a domain), comment
 //         Members     an empty value for each member, named by its rid
 //     controller      of the domain that the machine is in; absent: none
 //     next rid
