@@ -57,11 +57,11 @@ struct zop_record_set : Shared<ZOPMySQLRecordSet> {
 namespace {
 
 Use<ZOPMySQLDatabase> of(zop_database* given) {
-    return {**needed(given, L"database")->native, given->exclusion};
+    return {*needed(given, L"database")->native.value(), given->exclusion};
 }
 
 Use<ZOPMySQLRecordSet> of(zop_record_set* given) {
-    return {*needed(given, L"rows")->native, given->exclusion};
+    return {needed(given, L"rows")->native.value(), given->exclusion};
 }
 
 ZOPDatabaseParameters parametersOf(const zop_database_parameters* given) {

@@ -20,13 +20,14 @@ bool isDigit(int c) noexcept {
 }
 
 // What a text may hold as it is: all but its own marks and what ends a line or a text elsewhere.
-constexpr std::array<bool, 256> plain = [] {
+constexpr std::array<bool, 256> plainBytes() {
     std::array<bool, 256> table{};
     for (std::size_t i = 0; i < table.size(); ++i) {
         table[i] = i != '\'' && i != '\\' && i != 0 && i != '\n' && i != '\r' && i != 0x1a;
     }
     return table;
-}();
+}
+constexpr std::array<bool, 256> plain = plainBytes();
 
 } // namespace
 

@@ -299,19 +299,19 @@ void moveAtRestart(const std::wstring& from, const std::wstring& to) {
     }
 }
 
-int dropPendingOperations(const std::vector<std::wstring>& given) {
-    std::vector<std::wstring> paths;
+int dropPendingOperations(const std::vector<std::wstring>& paths) {
+    std::vector<std::wstring> all;
     int dropped = 0;
     for (const wchar_t* listName : listNames) {
         std::vector<Operation> operations = read(listName);
         if (operations.empty()) {
             continue;
         }
-        if (paths.empty()) {
-            paths = allNames(given);
+        if (all.empty()) {
+            all = allNames(paths);
         }
         const auto count = std::erase_if(operations, [&](const Operation& operation) {
-            return names(operation.source, paths) || names(operation.target, paths);
+            return names(operation.source, all) || names(operation.target, all);
         });
         if (count != 0) {
             write(listName, operations);

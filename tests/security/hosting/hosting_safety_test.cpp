@@ -16,8 +16,7 @@ constexpr wchar_t everybody[] = L"O:BAG:SYD:AI(A;OICI;FA;;;WD)";
 
 class HostingSafetyTest : public HostingFixture {
 protected:
-    HostingSafetyTest() {
-        secret = place.writeFile(L"outside\\secret");
+    HostingSafetyTest() : secret(place.writeFile(L"outside\\secret")) {
         ntfs.setSecurity(secret, L"O:BAG:SYD:P(A;;FA;;;SY)");
         ntfs.setSecurity(place / L"outside", L"O:BAG:SYD:P(A;;FA;;;SY)");
     }
