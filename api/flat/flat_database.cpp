@@ -32,7 +32,8 @@ private:
 
 template <class Native>
 struct Shared {
-    Shared(Native made, Exclusion among) : native(std::move(made)), exclusion(std::move(among)) {}
+    Shared(Native made, Exclusion among)
+        : native(std::make_unique<Native>(std::move(made))), exclusion(std::move(among)) {}
     ~Shared() {
         const std::lock_guard lock(*exclusion);
         native.reset();
@@ -40,7 +41,7 @@ struct Shared {
     Shared(const Shared&) = delete;
     Shared& operator=(const Shared&) = delete;
 
-    std::optional<Native> native;
+    std::unique_ptr<Native> native;
     Exclusion exclusion;
 };
 
@@ -57,11 +58,11 @@ struct zop_record_set : Shared<ZOPMySQLRecordSet> {
 namespace {
 
 Use<ZOPMySQLDatabase> of(zop_database* given) {
-    return {*needed(given, L"database")->native.value(), given->exclusion};
+    return {**needed(given, L"database")->native, given->exclusion};
 }
 
 Use<ZOPMySQLRecordSet> of(zop_record_set* given) {
-    return {needed(given, L"rows")->native.value(), given->exclusion};
+    return {*needed(given, L"rows")->native, given->exclusion};
 }
 
 ZOPDatabaseParameters parametersOf(const zop_database_parameters* given) {
