@@ -3,6 +3,7 @@
 #include "api/exception.h"
 #include "runtime/exception.h"
 #include "runtime/text.h"
+#include "tests/api/public_failure.h"
 #include "tests/relocation/move_fixture.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/process_counters.h"
@@ -15,17 +16,6 @@ namespace {
 
 using zopobsolete::BackupCopyErrorEvent;
 using zopobsolete::DataLocation;
-
-// The text of the public exception that ends the call.
-template <class Function>
-std::string failureOf(Function&& function) {
-    try {
-        function();
-    } catch (const zopobsolete::Exception& e) {
-        return e.what();
-    }
-    return "no failure";
-}
 
 // The text ends with one line for the public method, and that line stands nowhere else.
 void expectEndsIn(const std::string& text, const std::string& method) {

@@ -2,6 +2,7 @@
 
 #include "api/exception.h"
 #include "runtime/files/file.h"
+#include "tests/api/public_failure.h"
 #include "tests/panel/panel.h"
 #include "tests/relocation/vhosts/move_vhosts_fixture.h"
 #include "tests/support/tree_image.h"
@@ -15,17 +16,6 @@ namespace {
 
 using zopobsolete::BackupCopyErrorEvent;
 using zopobsolete::VirtualHostsLocation;
-
-// The text of the public exception that ends the call.
-template <class Function>
-std::string failureOf(Function&& function) {
-    try {
-        function();
-    } catch (const zopobsolete::Exception& e) {
-        return e.what();
-    }
-    return "no failure";
-}
 
 // With the utilities as programs.
 class VirtualHostsLocationTest : public MoveVHostsFixture {};
