@@ -198,9 +198,9 @@ OldFile readOld(const std::wstring& file) {
 // The new file with all that the old one has.
 void writeNew(const std::wstring& name, OldFile& old, const Bytes& content,
               const std::wstring& file) {
-    const AutoHandle handle(::CreateFileW(name.c_str(), GENERIC_WRITE | WRITE_DAC | WRITE_OWNER, 0,
-                                          nullptr, CREATE_NEW, FILE_FLAG_BACKUP_SEMANTICS,
-                                          nullptr));
+    const AutoHandle handle(
+        ::CreateFileW(name.c_str(), GENERIC_WRITE | WRITE_DAC | WRITE_OWNER, 0, nullptr, CREATE_NEW,
+                      FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     check(static_cast<bool>(handle), file, __LINE__);
     DWORD code = writeDescriptor(handle.get(), old.descriptor, true, false);
     if (code == ERROR_INVALID_OWNER || code == ERROR_PRIVILEGE_NOT_HELD) {

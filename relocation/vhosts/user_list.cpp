@@ -211,10 +211,19 @@ std::unique_ptr<backupmove> UserList::moveUserHome(const std::wstring& from,
                                                    const std::wstring& to) {
     const NativeSpan span("UserList::moveUserHome", __LINE__);
     const RunTime::PrivilegeScope privilege{SE_BACKUP_NAME};
-    const std::wstring parent = RunTime::parentPath(RunTime::longPath(to));
-    if (!parent.empty()) {
+    const std::wstring target = RunTime::longPath(to);
+    // Who has rights in the new directory could lead what is made and copied to elsewhere.
+    RunTime::PinnedPath above(to_);
+    const auto holdTarget = [&] {
+        if (RunTime::isStrictlyInside(target, to_)) {
+            above.hold(RunTime::parentPath(target));
+        }
+    };
+    holdTarget();
+    if (const std::wstring parent = RunTime::parentPath(target); !parent.empty()) {
         RunTime::Directory::intermediate(parent, nullptr, made_);
     }
+    holdTarget();
     std::unique_ptr<backupmove> mover = std::make_unique<Mover>(*this);
     try {
         mover->move(from, to, true);
@@ -229,7 +238,7 @@ std::vector<UserList::Row> UserList::readRows(ZOPDatabase& database) const {
     std::vector<Row> rows;
     for (const auto found = database.enumUsers(); found->next();) {
         Row row;
-        row.login = found->value(L"login");
+        row.login = found->text(L"login").value_or(L"");
         row.home = found->text(L"home").value_or(L"");
         row.quota = std::wcstoull(found->text(L"quota").value_or(L"0").c_str(), nullptr, 10);
         row.path = homePath(row.home);
@@ -244,13 +253,17 @@ std::wstring UserList::homePath(const std::wstring& home) const {
     if (!RunTime::isFullyQualified(home)) {
         return {};
     }
+    std::wstring path;
     try {
-        const std::wstring path = RunTime::withoutTrailingBackslash(RunTime::longPath(home));
-        const bool mayHaveShortNames = path.find(L'~') != std::wstring::npos;
-        return mayHaveShortNames || RunTime::File::inpath(path, from_) ? normalized(path) : path;
+        path = RunTime::withoutTrailingBackslash(RunTime::longPath(home));
     } catch (const ArgumentException&) { // names a device
         return {};
+    } catch (const vosexception&) { // too long, or no name
+        return {};
     }
+    const bool mayHaveShortNames =
+        path.find(L'~') != std::wstring::npos && !commonPathPart(path, from_).empty();
+    return mayHaveShortNames || RunTime::File::inpath(path, from_) ? normalized(path) : path;
 }
 
 void UserList::changeUser(ZOPDatabase& database, const PathGroups& groups, Row row) {
@@ -269,7 +282,8 @@ void UserList::changeUser(ZOPDatabase& database, const PathGroups& groups, Row r
     const std::wstring root = groups.rootOf(row.login).value_or(L"");
     std::wstring directory = nicePath(from_);
     directory.resize(directory.find_last_not_of(L'\\') + 1);
-    if (row.path.empty() || !RunTime::equalNames(root, directory)) {
+    if (row.path.empty() || !RunTime::equalNames(root, directory) ||
+        !RunTime::File::inpath(row.path, from_)) { // "..", which a long path keeps
         LogManager::getInstance().vAddLog(
             LogType::Warning,
             formatString(L"The home (%s) of the user (%s) lies outside the directory (%s) and "

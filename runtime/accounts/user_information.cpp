@@ -18,6 +18,9 @@ class ServerInformation : public IUserInformation {
 public:
     bool userExists(const std::wstring& name) override {
         const std::wstring user = UserInformation::getNameWithoutDomain(name);
+        if (user.empty() || user.size() > UNLEN) { // the system would call it a bad argument
+            return false;
+        }
         const std::wstring server = getDomainServerName();
         RunTime::NetBuffer<BYTE> found;
         const DWORD status = ::NetUserGetInfo(serverOf(server), user.c_str(), 0, found.put());

@@ -238,6 +238,7 @@ TEST_F(UserListTest, HomesAreRecognizedHoweverTheyAreWritten) {
     const std::wstring root = oldPlace->nice();
     std::wstring upper = from;
     ::CharUpperW(upper.data());
+    const std::wstring longName = L"\\" + std::wstring(300, L'x');
     struct Case {
         std::wstring login;
         std::wstring home;
@@ -259,6 +260,11 @@ TEST_F(UserListTest, HomesAreRecognizedHoweverTheyAreWritten) {
         {L"server", L"\\\\no-such-server\\share\\home", nullptr},
         {L"relative", L"shared", nullptr},
         {L"device", L"\\\\.\\pipe\\x", nullptr},
+        {L"device name", from + L"\\..\\NUL", nullptr},
+        {L"out of long", L"\\\\?\\" + from + L"\\..\\elsewhere\\home", nullptr},
+        {L"long name", from + L"\\" + std::wstring(300, L'x'), longName.c_str()},
+        {L"too long", from + L"\\" + std::wstring(40'000, L'x'), nullptr},
+        {L"no server", L"\\\\no-such-server\\share\\SHORT~1", nullptr},
         {L"none", L"", nullptr},
         {L"gone", from + L"\\shared", nullptr},
     };
@@ -302,9 +308,18 @@ TEST_F(UserListTest, HomesAreRecognizedHoweverTheyAreWritten) {
 // The owner of a directory above a home may put a link there, before the move or after it.
 TEST_F(UserListTest, NoLinkAboveAHomeIsFollowed) {
     const std::wstring users = *oldPlace / L"vhosts\\users";
-    const auto list = newList();
-    list->move(from, to);
     const std::wstring newUsers = *newPlace / L"new vhosts\\users";
+    const auto list = newList();
+    newPlace->makeDirectory(L"new vhosts\\users");
+    newPlace->makeDirectory(L"lure");
+    ASSERT_TRUE(ntfs.swapForLink(newUsers, unixPath((*newPlace / L"lure").c_str())));
+    EXPECT_THROW(list->move(from, to), VInvalidDirectoryNameException);
+    EXPECT_TRUE(newPlace->list(L"lure").empty());
+    list->rollback();
+    EXPECT_FALSE(list->isPending());
+    ASSERT_TRUE(::RemoveDirectoryW(newUsers.c_str()));
+
+    list->move(from, to);
     newPlace->writeFile(L"foreign\\w1\\precious.txt");
     ASSERT_TRUE(ntfs.swapForLink(newUsers, unixPath((*newPlace / L"foreign").c_str())));
     list->rollback();
