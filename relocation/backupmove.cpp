@@ -2,6 +2,7 @@
 
 #include "relocation/directory.h"
 #include "relocation/failure.h"
+#include "relocation/logs_lock.h"
 #include "runtime/accounts/privilege_scope.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
@@ -18,47 +19,11 @@ using RunTime::Directory;
 using RunTime::FileInformation;
 using RunTime::longPath;
 using RunTime::nicePath;
-using RunTime::PinnedPath;
 
 namespace {
 
 constexpr wchar_t logsLockName[] = L"Global\\{C715576D-9449-4f09-8D28-C7B869DABB5E}";
 constexpr wchar_t setAsidePrefix[] = L"$Backup";
-
-// Holds the lock of the product's log files where an owner asked for that.
-class LogsLock {
-public:
-    LogsLock(RunTime::InterprocessLock& lock, bool wanted) : lock_(lock), held_(wanted) {
-        if (held_) {
-            const NativeSpan span("backupmove::lockLogs", __LINE__);
-            try {
-                lock_.lock(L"Unable to lock Tarvo logs");
-            } catch (...) {
-                logFailure(L"Unable to lock Tarvo logs");
-                throw;
-            }
-        }
-    }
-    ~LogsLock() { // an exception passes: it is the one to be seen
-        try {
-            release();
-        } catch (const vexception&) {
-            logFailure(L"Unable to unlock Tarvo logs");
-        }
-    }
-    LogsLock(const LogsLock&) = delete;
-    LogsLock& operator=(const LogsLock&) = delete;
-    void release() {
-        if (std::exchange(held_, false)) {
-            const NativeSpan span("backupmove::unlockLogs", __LINE__);
-            lock_.unlock(L"Unable to unlock Tarvo logs");
-        }
-    }
-
-private:
-    RunTime::InterprocessLock& lock_;
-    bool held_;
-};
 
 // The clock of a file system may lag behind the system's by so much.
 constexpr std::int64_t clockStep = 50 * 10'000; // of 100 ns
@@ -67,11 +32,6 @@ std::int64_t now() {
     FILETIME time;
     ::GetSystemTimePreciseAsFileTime(&time);
     return (static_cast<std::int64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
-}
-
-std::wstring withNames(const wchar_t* format, const std::wstring& first,
-                       const std::wstring& second) {
-    return formatString(format, nicePath(first).c_str(), nicePath(second).c_str());
 }
 
 // Empty where the system cannot tell it: it needs to list every directory above, and was seen to
@@ -120,6 +80,11 @@ backupmove::backupmove() : logsLock_(logsLockName) {
 }
 
 backupmove::~backupmove() = default;
+
+std::wstring backupmove::withNames(const wchar_t* format, const std::wstring& first,
+                                   const std::wstring& second) {
+    return formatString(format, nicePath(first).c_str(), nicePath(second).c_str());
+}
 
 bool backupmove::move(const std::wstring& source, const std::wstring& target, bool copy) {
     const NativeSpan span("backupmove::move", __LINE__);
@@ -403,167 +368,6 @@ void backupmove::mergeSetAside() {
         removeLater(targetBackup_);
     }
     targetBackup_.clear();
-}
-
-void backupmove::rollback() {
-    const NativeSpan span("backupmove::rollback", __LINE__);
-    const ThreadCancelation::CancelationPoint cancellable;
-    ThreadCancelation::check();
-    const ThreadCancelation::CancelationPoint shielded(false);
-    LogsLock lock(logsLock_, lockLogs_);
-    try {
-        if (committing_) { // parts of the old place are gone
-            throw vexception(L"Unable to rollback files: the commit has begun and must be repeated",
-                             {L"", "backupmove::rollback", __LINE__});
-        }
-        leftBehind_.clear();
-        undoMove();
-        undo_ = Undo::Nothing;
-        if (!targetBackup_.empty()) {
-            try {
-                RunTime::moveEx(targetBackup_, to_);
-            } catch (...) {
-                logFailure(withNames(L"Restore (%s) from (%s)", to_, targetBackup_));
-                throw;
-            }
-            targetBackup_.clear();
-        }
-        close();
-    } catch (...) {
-        logFailure(L"Unable to rollback files");
-        throw;
-    }
-    lock.release();
-}
-
-void backupmove::undoMove() {
-    const bool copied = undo_ != Undo::Nothing && undo_ != Undo::RenameBack;
-    if (copied && !RunTime::exists(from_)) { // the copy is all there is left
-        if (undo_ != Undo::RemoveTarget || !completed_) {
-            throw vexception(
-                withNames(L"Unable to rollback files: (%s) is gone, so its copy in (%s) is kept",
-                          from_, to_),
-                {L"", "backupmove::rollback", __LINE__});
-        }
-        renameBack();
-        return;
-    }
-    undoing_ = undoing_ || undo_ != Undo::ReplayLog;
-    switch (undo_) {
-    case Undo::Nothing:
-        break;
-    case Undo::RemoveTarget:
-        if (itemsMade_ > 0 && RunTime::exists(to_)) {
-            try {
-                removeTree(to_, false, {});
-            } catch (...) {
-                logFailure(withNames(L"Rollback move (%s) to (%s) transaction ", target_, source_));
-                removeLater(to_);
-            }
-        }
-        break;
-    case Undo::EmptyTarget:
-        removeTree(to_, true, {});
-        restoreExisting();
-        break;
-    case Undo::ReplayLog:
-        replayLog();
-        restoreExisting();
-        break;
-    case Undo::RenameBack:
-        renameBack();
-        break;
-    }
-}
-
-void backupmove::replayLog() {
-    bool cancel = false;
-    progressEvent_Total.raise(log_.totalCount(), log_.totalCost(), cancel);
-    if (cancel) { // the log stays, and rollback() can be called again
-        throw CanceledException({L"", "backupmove::rollback", __LINE__});
-    }
-    log_.seekToEnd(to_);
-    undoing_ = true;
-    PinnedPath pinned(to_);
-    for (TransactionLog::Record record; log_.previous(record, to_);) {
-        progressEvent_Name.raise(nicePath(record.name), record.isFile, record.cost, cancel);
-        if (cancel) {
-            throw CanceledException({L"", "backupmove::rollback", __LINE__});
-        }
-        try {
-            removeLogged(record, pinned);
-        } catch (const vosexception& failure) {
-            const vosexception error(
-                failure.get_errorCode(),
-                formatString(L"remove(%s)", nicePath(record.name).c_str()).c_str(),
-                {L"", "backupmove::rollback", __LINE__});
-            bool ignore = false;
-            errorEvent.raise(error.what(), ignore);
-            leftBehind_.push_back(nicePath(record.name));
-            if (!ignore) {
-                throw vosexception(error);
-            }
-        }
-    }
-}
-
-void backupmove::removeLogged(const TransactionLog::Record& record, PinnedPath& pinned) {
-    if (!pinned.hold(RunTime::parentPath(record.name))) {
-        return; // gone, with the directory it was in
-    }
-    if (record.isFile) {
-        RunTime::deleteFile(record.name);
-        return;
-    }
-    constexpr int tries = 3; // what was below may take a moment to be gone
-    pinned.release(record.name);
-    try {
-        RunTime::removeDirectory(record.name, tries);
-    } catch (const VDirectoryNotEmptyException&) { // it holds what is not ours
-        leftBehind_.push_back(nicePath(record.name));
-    }
-}
-
-void backupmove::restoreExisting() {
-    for (auto existing = existing_.rbegin(); existing != existing_.rend(); ++existing) {
-        const RunTime::AutoHandle directory = RunTime::openExisting(
-            existing->path,
-            FILE_WRITE_ATTRIBUTES |
-                (existing->descriptor.empty() ? 0 : static_cast<DWORD>(WRITE_DAC)),
-            FILE_SHARE_READ | FILE_SHARE_WRITE);
-        DWORD code = directory ? ERROR_SUCCESS : ::GetLastError();
-        if (code == ERROR_SUCCESS && !existing->descriptor.empty()) {
-            code = RunTime::writeDescriptor(directory.get(), existing->descriptor, false, false);
-        }
-        if (code == ERROR_SUCCESS &&
-            !::SetFileInformationByHandle(directory.get(), FileBasicInfo, &existing->basic,
-                                          sizeof(existing->basic))) {
-            code = ::GetLastError();
-        }
-        if (code != ERROR_SUCCESS) {
-            _throwError(
-                formatString(L"Unable to set attributes (%s)", nicePath(existing->path).c_str())
-                    .c_str(),
-                code, {L"", "backupmove::rollback", __LINE__});
-        }
-    }
-    existing_.clear();
-}
-
-void backupmove::renameBack() {
-    if (RunTime::exists(from_)) { // never over what others have put there, nor in its place
-        throw vexception(withNames(L"Unable to move (%s) to (%s), which exists again", to_, from_),
-                         {L"", "backupmove::rollback", __LINE__});
-    }
-    try {
-        RunTime::moveEx(to_, from_);
-    } catch (...) {
-        logFailure(withNames(L"Rollback move (%s) to (%s) transaction ", target_, source_));
-        takeOwnership(to_);
-        RunTime::moveAtRestart(to_, from_);
-        pendingRestart_.push_back(nicePath(to_));
-    }
-    reportStep(L"Rollback: " + nicePath(source_), false, false);
 }
 
 void backupmove::remove(const std::wstring& path) {

@@ -83,6 +83,9 @@ private:
     // What rollback() has to do for the tree.
     enum class Undo { Nothing, RemoveTarget, EmptyTarget, ReplayLog, RenameBack };
 
+    // A text with two paths in it, in nice form.
+    static std::wstring withNames(const wchar_t* format, const std::wstring& first,
+                                  const std::wstring& second);
     bool setTargetAside();
     bool renameSource(); // false when the system sees two volumes
     void copySource();
