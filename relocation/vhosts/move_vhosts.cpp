@@ -211,6 +211,9 @@ bool MoveVHosts::moveInternal(const std::wstring& source, const std::wstring& ta
     const std::wstring& from = record_.from;
     const std::wstring& to = record_.to;
     refusePlaceOfItsOwn(from, to);
+    if (wwwRoot_) {
+        wwwRoot_->remember(from);
+    }
 
     enterStep(4, L"Storing paths...");
     record_.setting = oldPath_;

@@ -80,6 +80,18 @@ bool OldPath::isNamedBy(const std::wstring& value) const {
             RunTime::File::inpath(RunTime::File::longPath(parts.path), longForm_));
 }
 
+std::optional<std::wstring> OldPath::remainderByNames(const std::wstring& path) const {
+    if (!mayBeAlias(path)) {
+        return std::nullopt;
+    }
+    const std::wstring_view last = components(path)[names_.size() - 1];
+    std::wstring remainder = path.substr(last.data() + last.size() - path.data());
+    if (!RunTime::File::inpath(longForm_ + remainder, longForm_)) { // ".." leads out again
+        return std::nullopt;
+    }
+    return remainder;
+}
+
 std::wstring OldPath::replaceIn(const std::wstring& value, const std::wstring& newPath) const {
     const Parts parts = split(value);
     const bool bothExist = !longForm_.empty() && !parts.path.empty() && RunTime::exists(parts.path);

@@ -12,6 +12,7 @@
 // thread.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,12 @@ public:
     const std::wstring& text() const noexcept { return text_; }
 
     bool isNamedBy(const std::wstring& value) const;
+
+    // What follows the directory in a path, with the backslash in front, when the path spells each
+    // of its components by the long or the short name that it had when this object was made: that
+    // tells of a directory that has gone, too. None for any other path. Nothing is asked of the
+    // disk.
+    std::optional<std::wstring> remainderByNames(const std::wstring& path) const;
 
     // The text with this directory's part replaced by newPath, a nice form; a path that exists
     // becomes long-named, any other absolute. Throws vexception when that part cannot be cut off.

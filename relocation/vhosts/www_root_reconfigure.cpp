@@ -35,6 +35,12 @@ std::wstring windowsStyle(std::wstring path) {
     return RunTime::nicePath(path);
 }
 
+std::wstring directoryOf(const std::wstring& path) {
+    std::wstring directory = windowsStyle(path);
+    directory.resize(directory.find_last_not_of(L'\\') + 1);
+    return directory;
+}
+
 } // namespace
 
 WwwRootReconfigure::WwwRootReconfigure()
@@ -88,17 +94,23 @@ bool WwwRootReconfigure::undoesRecord(bool forward) const {
 
 // The root as it is, where it lies elsewhere.
 std::wstring WwwRootReconfigure::movedRoot(const std::wstring& root) const {
-    std::wstring from = windowsStyle(get_fromPath());
-    from.resize(from.find_last_not_of(L'\\') + 1);
-    std::wstring path = windowsStyle(root);
-    if (!RunTime::File::inpath(path, from)) {
-        path = withLongNames(path);
-        if (!RunTime::File::inpath(path, from)) {
-            return root;
+    const std::wstring from = directoryOf(get_fromPath());
+    const std::wstring to = windowsStyle(get_toPath());
+    const auto inNewPlace = [&to](const std::wstring& remainder) {
+        const std::size_t name = remainder.find_first_not_of(L'\\');
+        return name == std::wstring::npos ? RunTime::withoutTrailingBackslash(to)
+                                          : RunTime::combine(to, remainder.substr(name));
+    };
+    const std::wstring path = windowsStyle(root);
+    for (const std::wstring& form : {path, withLongNames(path)}) {
+        if (RunTime::File::inpath(form, from)) {
+            return inNewPlace(form.substr(from.size()));
         }
     }
-    const std::wstring to = windowsStyle(get_toPath());
-    const std::size_t name = path.find_first_not_of(L'\\', from.size());
-    return name == std::wstring::npos ? RunTime::withoutTrailingBackslash(to)
-                                      : RunTime::combine(to, path.substr(name));
+    if (names_ && RunTime::equalNames(directoryOf(names_->text()), from)) {
+        if (const auto remainder = names_->remainderByNames(path)) {
+            return withLongNames(inNewPlace(*remainder)); // what is below kept its names
+        }
+    }
+    return root;
 }

@@ -2,17 +2,24 @@
 //
 // All that change are written in one transaction: a failure leaves every one as it was. A root is
 // stored with backslashes and without "\\?\". One that names the directory by its 8.3 form follows
-// it as long as the disk can still tell what that form stands for.
+// it, too: as long as the disk can tell what that form stands for, and after remember() also when
+// the directory has been renamed.
 #pragma once
 
+#include "relocation/vhosts/old_path.h"
 #include "relocation/vhosts/reconfigure.h"
 
 #include <map>
+#include <optional>
 #include <string>
 
 class WwwRootReconfigure final : public Reconfigure {
 public:
     WwwRootReconfigure();
+
+    // Takes down the names that a directory has, while it is there, for a reconfigure() from it.
+    // Throws as OldPath does.
+    void remember(const std::wstring& directory) { names_.emplace(directory); }
 
 private:
     // The roots as the last run forward found them and wanted them. A run backwards puts the former
@@ -32,4 +39,5 @@ private:
     bool undoesRecord(bool forward) const;
 
     Record record_;
+    std::optional<OldPath> names_;
 };

@@ -99,6 +99,25 @@ TEST_F(ReconfigureTest, RootsInTheDirectoryFollowItAndComeBackAsTheyWere) {
     EXPECT_EQ(roots().at(0) + roots().at(4), before[0] + from);
 }
 
+TEST_F(ReconfigureTest, RootsWithShortNamesFollowADirectoryThatWasRenamed) {
+    const std::wstring from = directory_.nice() + L"\\virtual hosts";
+    const std::wstring to = directory_.nice() + L"\\new place";
+    directory_.makeDirectory(L"virtual hosts\\a long name");
+    const std::wstring shortForm = RunTime::shortPath(from);
+    const std::wstring below = RunTime::shortPath(from + L"\\a long name").substr(shortForm.size());
+    const std::vector<std::wstring> before{shortForm + below, shortForm + L"/gone", shortForm,
+                                           shortForm + L"\\..\\out", shortForm + L"x\\a"};
+    addHostings(before);
+    WwwRootReconfigure roots;
+    roots.remember(from);
+    ASSERT_TRUE(::MoveFileW(from.c_str(), to.c_str()));
+    roots.reconfigure(from, to, true);
+    EXPECT_EQ(this->roots(), (std::vector<std::wstring>{to + L"\\a long name", to + L"\\gone", to,
+                                                        before[3], before[4]}));
+    roots.reconfigure(to, from, false);
+    EXPECT_EQ(this->roots(), before);
+}
+
 TEST_F(ReconfigureTest, AFailureInTheMiddleLeavesAllRootsAsTheyWere) {
     const std::vector<std::wstring> before{L"D:\\vhosts\\a", L"D:\\vhosts\\b", L"D:\\vhosts\\c",
                                            L"E:\\new\\x"};
