@@ -165,7 +165,8 @@ std::wstring stemOf(const std::wstring& domain) {
 
 } // namespace
 
-UndoLog::UndoLog(const UndoHead& head, const std::wstring& domain) {
+UndoLog::UndoLog(const UndoHead& head, const std::wstring& domain, std::uint64_t limit)
+    : room_(limit) {
     const std::wstring directory = undoDirectory();
     const auto descriptor = RunTime::descriptorFromSddl(fileSddl);
     SECURITY_ATTRIBUTES security = {sizeof(security), descriptor.get(), FALSE};
@@ -209,6 +210,13 @@ void UndoLog::add(const UndoItem& item) {
     putText(content, item.path);
     put(content, static_cast<DWORD>(item.descriptor.size()));
     content.insert(content.end(), item.descriptor.begin(), item.descriptor.end());
+    if (content.size() > room_) {
+        RunTime::throwForPath(L"The undo file (%s) is full: what has been changed is in it, and "
+                              L"another repair goes on from there",
+                              path_, ERROR_FILE_TOO_LARGE, "HostingSecurity::UndoLog::add",
+                              __LINE__);
+    }
+    room_ -= content.size();
     append(kindItem, content);
     ++count_;
 }

@@ -41,14 +41,19 @@ struct UndoItem {
 // is not there. Nothing in it counts before sync() has returned.
 class UndoLog {
 public:
+    // Bytes, for all items together. Hosted users choose how long the descriptors are that are
+    // kept.
+    static constexpr std::uint64_t largest = 4ULL * 1024 * 1024 * 1024;
+
     // "Unable to create file (%s)", "Unable to create directory (%s)"; vosexception when the
     // configuration does not tell the data directory.
-    UndoLog(const UndoHead& head, const std::wstring& domain);
+    UndoLog(const UndoHead& head, const std::wstring& domain, std::uint64_t limit = largest);
     // Ends the file, for undo() to see that it is whole.
     ~UndoLog();
     UndoLog(const UndoLog&) = delete;
     UndoLog& operator=(const UndoLog&) = delete;
 
+    // Throws vosexception (ERROR_FILE_TOO_LARGE) when the file is full.
     void add(const UndoItem& item);
     // Writes what was added to the disk. "Unable to write file (%s)".
     void sync();
@@ -61,6 +66,7 @@ private:
     std::wstring path_;
     RunTime::AutoHandle file_;
     std::vector<unsigned char> waiting_;
+    std::uint64_t room_;
     std::uint64_t checksum_ = 0;
     std::uint64_t count_ = 0;
     bool broken_ = false; // part of a record may be in the file

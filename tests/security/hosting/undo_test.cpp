@@ -164,10 +164,11 @@ TEST_F(UndoTest, AnItemWithAnUnheardOfListDoesNotSpoilTheFile) {
     std::memcpy(&odd[sizeof(header)], &list, sizeof(list));
     std::memcpy(&odd[sizeof(header) + sizeof(list)], &entry, sizeof(entry));
     {
-        UndoLog log({root, {}}, L"d1");
+        UndoLog log({root, {}}, L"d1", 2 * odd.size());
         file = log.path();
         log.add({L"page", {}, odd});
         log.sync();
+        EXPECT_THROW(log.add({L"page", {}, odd}), vosexception) << "full";
     }
     const std::string whole = place.readFile(file.substr(place.path().size() + 1));
     const Bytes bytes(whole.begin(), whole.end());
