@@ -324,7 +324,15 @@ void MoveVHosts::fixWebmail() {
     }
     const std::wstring file = webmailFile(to);
     record_.webmail = SavedFile::of(file, to);
-    if (record_.webmail) {
+    if (record_.webmail && (from + to).find(L'\'') != std::wstring::npos) {
+        record_.webmail.reset();
+        const std::wstring text =
+            formatString(L"Not rewritten: (%s). A quotation mark in (%s) or (%s) would end a text "
+                         L"in it. Change by hand what names the former",
+                         file.c_str(), from.c_str(), to.c_str());
+        LogManager::getInstance().vAddLog(LogType::Warning, text);
+        errorEvent.raise(text);
+    } else if (record_.webmail) {
         begin(Part::Webmail);
         RunTime::replaceFilePathInFile(file, from, to, to);
     }

@@ -66,6 +66,10 @@ public:
     using backupmove::set_copyOwner;
     using backupmove::set_streams;
 
+    // The settings of webmail that name the directory; left alone where a path has a quotation mark
+    // (') in it, which errorEvent tells.
+    static std::wstring webmailFile(const std::wstring& vhosts);
+
     // Whether a completed move waits for commit() or rollback().
     bool isMoved() const noexcept { return !oldPath_.empty(); }
     // Of the last commit(), rollback() or undo(), the homes included (backupmove).
@@ -137,7 +141,6 @@ private:
     void makeTarget();
     void moveTree();
     void reconfigure(int number, const wchar_t* logLine, Part part, Reconfigure* what);
-    static std::wstring webmailFile(const std::wstring& vhosts);
     void fixWebmail();
     void setServersAside();
     void removeServersAside();

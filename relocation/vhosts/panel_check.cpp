@@ -3,6 +3,7 @@
 #include "config/config_service_exception.h"
 #include "config/tarvo_srv_client.h"
 #include "relocation/place_check.h"
+#include "relocation/vhosts/move_vhosts.h"
 #include "relocation/vhosts/old_path.h"
 #include "relocation/vhosts/place_text.h"
 #include "relocation/vhosts/stray_references.h"
@@ -290,6 +291,18 @@ void PanelCheck::checkReferences(const std::wstring& source, const InstallerPath
              L"Settings that name the old place and are not changed by the move: " +
                  number(listed.count) + L" " + exampleText(listed) + L".",
              L"See whether they matter, and change them yourself after the move.");
+    }
+}
+
+void PanelCheck::checkWebmail(const std::wstring& source, const std::wstring& target) {
+    const std::wstring file = nicePath(MoveVHosts::webmailFile(source));
+    if ((source + target).find(L'\'') != std::wstring::npos && isThere(file)) {
+        warn("quotation-mark",
+             L"The source's or the target's name has a quotation mark (') in it, which would end a "
+             L"text in the settings of webmail: " +
+                 quoted(file) + L" is moved as it is.",
+             L"Choose another target, or change in that file what names the source after the "
+             L"move.");
     }
 }
 

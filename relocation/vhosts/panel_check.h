@@ -26,6 +26,7 @@ public:
     void checkSites(const std::wstring& source);
     // The installer's values, and what else names the source.
     void checkInstaller(const std::wstring& source);
+    void checkWebmail(const std::wstring& source, const std::wstring& target);
     // After checkDatabase.
     void checkVolumes(const std::wstring& source, const std::wstring& target);
 

@@ -17,7 +17,8 @@ namespace RunTime {
 // each, as in the strings of a program, or with slashes, and newPath is written the same way. It
 // must be a whole one: "D:\vhosts" is not in "D:\vhosts2", "D:\vhosts-old", "D:\vhosts.old" or
 // "XD:\vhosts", but it is in "D:\vhosts\a", "D:\vhosts'", "D:\vhosts;" and "D:\vhosts. ". Nothing
-// is escaped: a newPath with a quotation mark in it may end the string that it gets into.
+// is escaped: a newPath with a quotation mark in it would end the string that it gets into, so such
+// a path is not for files of a program.
 //
 // The text is UTF-8 where it is that, and of the system's code page otherwise. A new file is
 // written beside the old one and renamed over it, so that there is always a whole one; owner,

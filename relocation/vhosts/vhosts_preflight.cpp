@@ -34,6 +34,7 @@ public:
             examineTree(source, target);
             if (result_.isExamined) {
                 panel.checkVolumes(source, target);
+                panel.checkWebmail(source, target);
                 tellOfLinks();
             }
             panel.checkSites(source);

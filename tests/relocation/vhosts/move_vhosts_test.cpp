@@ -357,6 +357,20 @@ TEST_F(MoveVHostsTest, TheDirectoryAboveTakesTheTree) {
     }
 }
 
+// In a program's text it would be the text's end.
+TEST_F(MoveVHostsTest, NoQuotationMarkGetsIntoTheSettingsOfWebmail) {
+    const std::wstring file = MoveVHosts::webmailFile(oldPlace());
+    const std::string before = imageOf(oldPlace()).at(file.substr(oldPlace().size() + 1)).content;
+    MoveVHosts mover;
+    std::wstring told;
+    const Hook hook = mover.errorEvent.hook([&](const std::wstring& text) { told += text; });
+    const std::wstring to = newPlace() + L"'s";
+    EXPECT_FALSE(mover.move(to));
+    EXPECT_NE(told.find(MoveVHosts::webmailFile(to)), told.npos) << toUtf8(told);
+    EXPECT_EQ(before, imageOf(to).at(file.substr(oldPlace().size() + 1)).content);
+    mover.rollback();
+}
+
 // The same directory by another name: what names it is brought up to date, and nothing is moved.
 TEST_F(MoveVHostsTest, LeavesTheFilesAloneWhenOnlyTheNameDiffers) {
     const TreeImage before = imageOf(oldPlace());

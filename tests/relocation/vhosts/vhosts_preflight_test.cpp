@@ -120,6 +120,7 @@ TEST_F(VHostsPreflightTest, WhatStandsInTheWayOrIsNotCoveredIsFound) {
     const auto remove = [&](const wchar_t* program) {
         return [this, program] { RunTime::deleteFile(panel_->productRoot() + program); };
     };
+    std::wstring to; // empty: the usual one
     const Case cases[] = {
         {"no-config-service", Severity::Refuse, L"sc start", [&] { service_->stop(); }},
         {"not-configured", Severity::Refuse, L"HTTPD_VHOSTS_D",
@@ -171,16 +172,17 @@ TEST_F(VHostsPreflightTest, WhatStandsInTheWayOrIsNotCoveredIsFound) {
              directory_->writeFile(L"panel\\etc\\sub\\server.conf",
                                    "root " + toUtf8(slashes) + "/default;");
          }},
-        {"target-inside-source", Severity::Refuse, L"outside", [&] {}},
+        {"target-inside-source", Severity::Refuse, L"outside", [&] { to = vhosts() + L"\\new"; }},
+        {"quotation-mark", Severity::Warn, L"config.php", [&] { to = target() + L"'s"; }},
     };
     for (const Case& each : cases) {
         SCOPED_TRACE(std::string(each.code) + " " + toUtf8(each.says));
         rebuild();
         source_.clear();
+        to.clear();
         accounts_.failAt = 0;
         each.arrange();
-        const bool inside = std::string(each.code) == "target-inside-source";
-        const VHostsPreflight::Result seen = examine(inside ? vhosts() + L"\\new" : L"");
+        const VHostsPreflight::Result seen = examine(to);
         const MoveFinding* finding = find(seen, each.code);
         ASSERT_TRUE(finding) << text(seen);
         EXPECT_EQ(finding->severity, each.severity);
