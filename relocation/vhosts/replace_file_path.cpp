@@ -241,13 +241,23 @@ void setReadOnly(const OldFile& old, bool readOnly, const std::wstring& file) {
     }
 }
 
+// For what follows a failure, which is the one to be seen.
+template <class Action>
+void cleanUp(Action&& action) {
+    try {
+        action();
+    } catch (const vexception& error) {
+        LogManager::getInstance().vAddLog(LogType::Warning, error.what());
+    }
+}
+
 void replaceBy(const std::wstring& name, OldFile& old, const std::wstring& file) {
     setReadOnly(old, false, file);
     old.handle.reset(); // nothing that is open is replaced
     try {
         moveEx(name, file, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
     } catch (...) { // whatever it was
-        setReadOnly(old, true, file);
+        cleanUp([&] { setReadOnly(old, true, file); });
         throw;
     }
 }
@@ -290,7 +300,7 @@ std::size_t replaceFilePathInFile(const std::wstring& file, const std::wstring& 
         writeNew(temporary, old, content, name);
         replaceBy(temporary, old, name);
     } catch (...) { // whatever it was
-        deleteFile(temporary);
+        cleanUp([&] { deleteFile(temporary); });
         throw;
     }
     return count;

@@ -1,5 +1,6 @@
 #include "relocation/vhosts/saved_file.h"
 
+#include "runtime/accounts/privilege_scope.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/files/pinned_directories.h"
@@ -72,6 +73,7 @@ bool isFile(HANDLE handle) {
 
 std::optional<SavedFile> SavedFile::of(const std::wstring& path, const std::wstring& root) {
     const std::wstring name = RunTime::longPath(path);
+    const RunTime::PrivilegeScope privileges({SE_BACKUP_NAME, SE_RESTORE_NAME});
     const auto held = RunTime::openPinnedDirectories(RunTime::longPath(root), name);
     if (held.empty()) {
         return std::nullopt;
@@ -111,6 +113,7 @@ void SavedFile::restore(const std::wstring& path, const std::wstring& root) cons
         }
     };
     const std::wstring name = RunTime::longPath(path);
+    const RunTime::PrivilegeScope privileges({SE_BACKUP_NAME, SE_RESTORE_NAME});
     const auto held = RunTime::openPinnedDirectories(RunTime::longPath(root), name);
     check(held.empty() ? ERROR_PATH_NOT_FOUND : ERROR_SUCCESS, __LINE__);
     const auto open = [&](DWORD access) {
