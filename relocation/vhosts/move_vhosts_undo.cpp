@@ -9,6 +9,8 @@
 #include "runtime/native_span.h"
 #include "runtime/thread_cancelation.h"
 
+#include <algorithm>
+
 // Attempts one part after another and gathers what fails.
 class MoveVHosts::PuttingBack {
 public:
@@ -170,10 +172,20 @@ void MoveVHosts::restoreSetting() {
     TarvoSrvClient::getInstance().setString(L"HTTPD_VHOSTS_D", record_.setting);
 }
 
-// A copy goes away as it is; a tree that was renamed takes its file with it.
+// A copy goes away as it is, unless the file was in the new place before; a tree that was renamed
+// takes its file with it.
 void MoveVHosts::restoreWebmail() {
-    if (record_.renamed && record_.webmail) {
-        const std::wstring& root = treeIsAway() ? record_.to : record_.from;
+    if (!record_.webmail) {
+        return;
+    }
+    const std::vector<std::wstring>& failed = get_failed();
+    const bool wasThere =
+        std::any_of(failed.begin(), failed.end(), [this](const std::wstring& name) {
+            return RunTime::equalNames(RunTime::nicePath(name), webmailFile(record_.from));
+        });
+    if (record_.renamed || wasThere) {
+        const bool isBack = record_.renamed && !isBegun(Part::Tree);
+        const std::wstring& root = isBack ? record_.from : record_.to;
         record_.webmail->restore(webmailFile(root), root);
     }
 }

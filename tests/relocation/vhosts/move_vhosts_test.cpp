@@ -313,6 +313,25 @@ TEST_F(MoveVHostsTest, APlaceInTheDirectoryOfTheFtpServerIsKept) {
     EXPECT_TRUE(RunTime::exists(oldPlace() + L"\\webmail\\atmail\\index.php"));
 }
 
+// A settings file that was in the new place before, and is of others, is put back, too.
+TEST_F(MoveVHostsTest, PutsBackASettingsFileThatWasInTheNewPlace) {
+    accounts_.state.users.clear();
+    TempDirectory taken;
+    const std::wstring name = L"webmail\\atmail\\libs\\Atmail\\config.php";
+    taken.makeDirectory(RunTime::parentPath(name));
+    const std::string content = toUtf8(L"'" + oldPlace() + L"\\old'");
+    taken.writeFile(name, content);
+    const std::string before = world({taken.nice()});
+    MoveVHosts mover;
+    const Hook ignoring =
+        mover.ignorebleErrorEvent.hook([](const std::wstring&, bool& ignore) { ignore = true; });
+    EXPECT_FALSE(mover.move(taken.nice()));
+    EXPECT_NE(content, taken.readFile(name));
+    EXPECT_FALSE(mover.rollback());
+    EXPECT_EQ(content, taken.readFile(name));
+    EXPECT_EQ(before, world({taken.nice()}));
+}
+
 // The home's own mover moves all of it, and the tree's has nothing left to do.
 TEST_F(MoveVHostsTest, AHomeMayBeTheWholeDirectory) {
     database->execute(
