@@ -471,7 +471,10 @@ void MoveVHosts::runCreationUtil(const std::wstring& script,
         throw vexception(failure + error.message(), site);
     }
     if (done.exitStatus != 0) {
-        throw vexception(
-            failure + formatString(L"exit status %lu: ", done.exitStatus) + done.output, site);
+        const std::wstring output =
+            done.output.substr(0, done.output.find_last_not_of(L" \t\r\n") + 1);
+        throw vexception(failure + formatString(L"exit status %lu", done.exitStatus) +
+                             (output.empty() ? L"" : L": " + output),
+                         site);
     }
 }
