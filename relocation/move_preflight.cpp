@@ -19,6 +19,8 @@ using RunTime::nicePath;
 using RunTime::VolumeInformation;
 
 constexpr std::size_t oldPathLimit = 259; // what programs without long path support can open
+constexpr wchar_t noDrive[] =
+    L"There is no such drive or share, or it does not answer: check how the path begins.";
 
 class Examination : MoveFindings {
 public:
@@ -162,13 +164,19 @@ private:
                    L" does exist: are the two paths the wrong way round? It is SOURCE first, then "
                    L"TARGET.";
         }
-        std::wstring parent = RunTime::parentPath(source_);
-        while (!parent.empty() && !isThere(parent)) {
-            parent = RunTime::parentPath(parent);
+        const std::wstring above = existingAbove(source_);
+        return above.empty()
+                   ? noDrive
+                   : L"Check the spelling; as far as " + quoted(above) + L" the path is right.";
+    }
+
+    // The nearest directory above the path that is there; empty when not even its drive is.
+    static std::wstring existingAbove(const std::wstring& path) {
+        std::wstring above = RunTime::parentPath(path);
+        while (!above.empty() && !isThere(above)) {
+            above = RunTime::parentPath(above);
         }
-        return parent.empty()
-                   ? L"There is no such drive: check the first letter."
-                   : L"Check the spelling; as far as " + quoted(parent) + L" the path is right.";
+        return above;
     }
 
     void checkSystemPlace(const std::wstring& real, const std::wstring& shown,
@@ -227,7 +235,10 @@ private:
         checkSystemPlace(realTarget_, target_, L"target");
         const std::wstring parent = RunTime::parentPath(target_);
         if (!isThere(target_)) {
-            if (!isThere(parent) && !options_.createsTarget) {
+            if (existingAbove(target_).empty()) {
+                refuse("target-parent-missing",
+                       L"The target " + quoted(target_) + L" cannot be reached.", noDrive);
+            } else if (!isThere(parent) && !options_.createsTarget) {
                 refuse("target-parent-missing",
                        L"The directory " + quoted(parent) +
                            L", where the target is to be, does "

@@ -119,6 +119,8 @@ TEST_F(MovePreflightTest, PathsThatCannotBeMeantAreRefused) {
     EXPECT_EQ(refusalOf(L"C:\\"), "target-around-source");
     EXPECT_EQ(refusalOf(L"Z:\\"), "target-root");
     EXPECT_EQ(refusalOf(L"Z:\\none\\here"), "target-parent-missing");
+    options_.createsTarget = true; // but no drive
+    EXPECT_EQ(refusalOf(L"Q:\\none\\here"), "target-parent-missing");
 }
 
 TEST_F(MovePreflightTest, SourcesThatAreNoDirectoryOfOursAreRefused) {
