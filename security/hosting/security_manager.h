@@ -53,8 +53,8 @@ public:
     //            alone, as mode Fast does
     // reportAll  calls onItem for every item, not only for those that differ
     // Throws CanceledException; vexception when the template cannot be applied at all (an account
-    // that does not exist, a root that cannot be opened, no place for the undo file). Single items
-    // go to onError.
+    // that does not exist, a root that cannot be opened, no place for the undo file), and when
+    // another repair of the hosting is under way. Single items go to onError.
     void commit(ICommitCallback& callback, CommitMode mode, bool descend, bool reportAll);
 
     // The list of access that the template wants for an existing item, in SDDL ("D:P(A;...)");

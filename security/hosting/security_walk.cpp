@@ -267,6 +267,7 @@ void SecurityWalk::applyPending() {
         return;
     }
     if (!undo_) {
+        lock_ = std::make_unique<HostingLock>(head_.root, head_.identity);
         undo_ = std::make_unique<UndoLog>(head_, root_.domainName());
         undoFile_ = undo_->path();
     }

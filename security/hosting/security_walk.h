@@ -108,6 +108,7 @@ private:
     RunTime::DescriptorBytes present_; // of the item at hand
     AccessDifference difference_;
     UndoHead head_;
+    std::unique_ptr<HostingLock> lock_; // from the first change on
     std::unique_ptr<UndoLog> undo_;
     std::wstring undoFile_;
     std::uint64_t failures_ = 0;

@@ -112,7 +112,7 @@ private:
     RunTime::throwForPath(format, path, code, "HostingSecurity::undo", line);
 }
 
-DWORD volumeOf(const HostingRoot& root, RunTime::PinnedPath& way) {
+ItemIdentity identityOf(const HostingRoot& root, RunTime::PinnedPath& way) {
     const bool held = way.hold(root.path);
     const RunTime::AutoHandle handle =
         held ? RunTime::openExisting(root.path, FILE_READ_ATTRIBUTES, shareAll)
@@ -126,7 +126,7 @@ DWORD volumeOf(const HostingRoot& root, RunTime::PinnedPath& way) {
         RunTime::throwForPath(L"Unable to open (%s)", root.path, code, "HostingSecurity::undo",
                               __LINE__);
     }
-    return facts.identity.volume;
+    return facts.identity;
 }
 
 // True when the item's permissions were others. Throws vosexception to pass it over.
@@ -177,7 +177,8 @@ UndoCounts undo(const std::wstring& file, ICommitCallback& callback, bool unfini
     UndoReader reader(bytes, unfinished);
     const HostingRoot root = HostingRoot::find(reader.head().root);
     RunTime::PinnedPath way(root.vhosts);
-    const DWORD volume = volumeOf(root, way);
+    const ItemIdentity identity = identityOf(root, way);
+    const HostingLock lock(root.path, identity);
     UndoCounts counts;
     UndoItem item;
     RunTime::DescriptorBytes present;
@@ -188,7 +189,7 @@ UndoCounts undo(const std::wstring& file, ICommitCallback& callback, bool unfini
         const std::wstring nice = RunTime::nicePath(path);
         bool changed = false;
         try {
-            changed = restore(item, path, volume, way, present);
+            changed = restore(item, path, identity.volume, way, present);
         } catch (const vosexception& error) {
             ++counts.passedOver;
             callback.onError(nice, error);

@@ -23,8 +23,9 @@ struct UndoCounts {
 //   unfinished  also take a file without its end: the machine went down during the repair
 // Throws UndoFileException for a damaged, truncated or foreign file, before anything is changed:
 // also for one that is owned, or may be changed, by others than System, Administrators and the
-// caller; RootCorrelationException when its root is no place for a hosting; CanceledException;
-// vosexception when file or root cannot be opened.
+// caller; RootCorrelationException when its root is no place for a hosting; vexception when a
+// repair or an undo of the hosting is under way; CanceledException; vosexception when file or root
+// cannot be opened.
 UndoCounts undo(const std::wstring& file, ICommitCallback& callback, bool unfinished = false);
 
 } // namespace HostingSecurity

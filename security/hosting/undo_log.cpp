@@ -165,6 +165,26 @@ std::wstring stemOf(const std::wstring& domain) {
 
 } // namespace
 
+HostingLock::HostingLock(const std::wstring& root, const ItemIdentity& identity) {
+    constexpr const char* function = "HostingSecurity::HostingLock::HostingLock";
+    const std::wstring path = RunTime::combine(
+        undoDirectory(), formatString(L"%08lx-%016llx.lock", identity.volume,
+                                      static_cast<unsigned long long>(identity.file)));
+    const auto descriptor = RunTime::descriptorFromSddl(fileSddl);
+    SECURITY_ATTRIBUTES security = {sizeof(security), descriptor.get(), FALSE};
+    file_.reset(::CreateFileW(path.c_str(), GENERIC_WRITE | DELETE, 0, &security, OPEN_ALWAYS,
+                              FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (!file_) {
+        const DWORD code = ::GetLastError();
+        if (code == ERROR_SHARING_VIOLATION) {
+            throw vexception(formatString(L"Another repair or undo of (%s) is under way",
+                                          RunTime::nicePath(root).c_str()),
+                             {L"", function, __LINE__});
+        }
+        RunTime::throwForPath(L"Unable to create file (%s)", path, code, function, __LINE__);
+    }
+}
+
 UndoLog::UndoLog(const UndoHead& head, const std::wstring& domain, std::uint64_t limit)
     : room_(limit) {
     const std::wstring directory = undoDirectory();

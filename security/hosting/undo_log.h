@@ -36,6 +36,19 @@ struct UndoItem {
     RunTime::DescriptorBytes descriptor; // that it had
 };
 
+// Keeps others from changing permissions of one hosting meanwhile: each would keep for its undo
+// what the other has half done. A file in the directory of the undo files, which goes with the
+// object or the process; a named object of the system's would be anybody's to take, hosted users'
+// included.
+class HostingLock {
+public:
+    // root  of the hosting. Throws vexception when another holds the lock; otherwise as UndoLog.
+    HostingLock(const std::wstring& root, const ItemIdentity& identity);
+
+private:
+    RunTime::AutoHandle file_;
+};
+
 // Writes one. The file is made new, for System and Administrators alone, in
 // "logs\hosting-security" below the panel's data directory (PRODUCT_DATA_D), which is made where it
 // is not there. Nothing in it counts before sync() has returned.

@@ -151,6 +151,32 @@ TEST_F(UndoTest, AFileThatOthersOwnOrMayChangeIsRefused) {
     EXPECT_GT(undo(file, recorder).restored, 0u);
 }
 
+TEST_F(UndoTest, OneRepairOrUndoOfAHostingAtATime) {
+    repaired({L"a"});
+    ntfs.setSecurity(place.writeFile(L"vhosts\\d1\\b"), damagedList);
+    const auto subject = manager();
+    struct Meddler : Recorder {
+        std::function<void()> meddle;
+        void onItem(const std::wstring& path) override {
+            Recorder::onItem(path);
+            if (const auto once = std::exchange(meddle, nullptr)) {
+                once();
+            }
+        }
+    } meddler;
+    meddler.meddle = [&] {
+        Recorder recorder;
+        EXPECT_THROW(subject->commit(recorder, CommitMode::Repair, true, false), vexception);
+        EXPECT_EQ(subject->getReplacedCount(), 0U);
+        EXPECT_THROW(undo(file, recorder), vexception);
+    };
+    EXPECT_GT(undo(file, meddler).restored, 0U);
+    Recorder recorder;
+    subject->commit(recorder, CommitMode::Repair, true, false);
+    EXPECT_GT(subject->getReplacedCount(), 0U);
+    EXPECT_GT(undo(subject->getUndoFile(), recorder).restored, 0U);
+}
+
 // The system takes lists with entries whose inside it does not look at.
 TEST_F(UndoTest, AnItemWithAnUnheardOfListDoesNotSpoilTheFile) {
     RunTime::DescriptorBytes odd(20 + sizeof(ACL) + 8);
