@@ -35,7 +35,7 @@ fi
 . "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 bench=$root/bench
 [ -w /dev/shm ] || fail "/dev/shm is not to be had here." "The comparison needs a file system in memory there."
-for program in move_bench copyfile_loop call_counts micro_bench config_bench zopctl zopconfigsvc panelctl; do
+for program in move_bench copyfile_loop call_counts micro_bench config_bench replay_bench zopctl zopconfigsvc panelctl; do
     [ -f "$root/build/release/bin/$program.exe" ] || fail "$program.exe has not been built." \
         "Run: cmake --preset release -DZOP_BENCH=ON && cmake --build --preset release -j2"
 done

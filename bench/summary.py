@@ -59,11 +59,12 @@ for files, peaks in results["memory"].items():
     print(f"memory  {files} files: {max(peaks) / 1024:.1f} MiB at the peak")
     target(f"memory with {files} files", max(peaks) / 1024, 64, " MiB")
 if results["vhosts"]:
-    domains, files, utilities = (int(results["vhosts"][what][0]) for what in ("domains", "files", "utilities"))
-    whole = statistics.median(results["vhosts"]["whole"])
-    copy, removal = (statistics.median(results["vhosts"][what]) for what in ("copy", "removal"))
-    print(f"vhosts  {domains} domains, {files} files: the whole move {whole:.0f} ms, {whole / (copy + removal):.2f} times "
-          f"the bare one of the tree (copy {copy:.0f}, removal {removal:.0f}); the rest takes "
-          f"{(whole - copy - removal) / domains:.1f} ms a domain, with {utilities} starts of utilities")
+    of = {what: statistics.median(map(float, values)) for what, values in results["vhosts"].items()}
+    tree, starts = of["copy"] + of["removal"], of["replay"] / 2  # the calls of two moves
+    own = of["whole"] - tree - starts
+    print(f"vhosts  {of['domains']:.0f} domains, {of['files']:.0f} files: the whole move {of['whole']:.0f} ms; "
+          f"the bare one of the tree {tree:.0f} (copy {of['copy']:.0f}, removal {of['removal']:.0f}; {of['whole'] / tree:.2f}), "
+          f"{of['starts'] / 2:.0f} bare starts of utilities {starts:.0f}; "
+          f"the rest {own:.0f}, {own / of['domains']:.1f} a domain ({of['whole'] / (tree + starts):.2f} times the two)")
 if targets:
     print("\n" + "\n".join(targets))

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # ROUNDS DOMAINS FILES: times the whole move of a stand-in panel's virtual hosts (tests/panel), there
-# and back, and the bare move of the same tree; for compare.sh, which runs it in a sandbox with a
-# database. A line each: "vhosts", what, value; times in milliseconds.
+# and back, the bare move of the same tree, and the bare starts of the same utilities; for
+# compare.sh, which runs it in a sandbox with a database. A line each: "vhosts", what, value; times
+# in milliseconds.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 . "$root/tests/panel/panel.sh"
@@ -21,6 +22,7 @@ whole() { # TARGET
 }
 
 start_panel 'P:\srv' "$domains" "$files"
+calls=$memory/p/srv/panel/var/stand-in/calls.txt
 items=$(find "$memory/p/srv/vhosts" | wc -l)
 echo "vhosts domains $domains"
 echo "vhosts files $(find "$memory/p/srv/vhosts" -type f | wc -l)"
@@ -34,5 +36,11 @@ for ((round = 1; round <= rounds; ++round)); do
     [ ! -e "$memory/p/srv/vhosts" ] || fail "The move has left something."
     [ "$(find "$memory/q/vhosts" | wc -l)" = "$items" ] || fail "The move has lost something."
     whole 'P:\srv\vhosts'
+    # Those of both directions, which leaves everything as it is.
+    mv "$calls" "$memory/calls.txt"
+    result=$(wine "$bin/replay_bench.exe" 'P:\srv\panel\admin' 'T:\calls.txt') ||
+        fail "$result" "The utilities could not be run again."
+    echo "vhosts starts $(field calls <<< "$result")"
+    echo "vhosts replay $(field ms <<< "$result")"
+    rm "$calls"
 done
-echo "vhosts utilities $(($(wc -l < "$memory/p/srv/panel/var/stand-in/calls.txt") / rounds / 2))"

@@ -70,8 +70,8 @@ int Utility::run(const std::function<void(const Utility&)>& work) const {
     call.insert(call.begin(), name_);
     store_.addCall(call);
     try {
-        const std::vector<Words> calls = store_.calls();
         const std::vector<Words> orders = store_.control();
+        const std::vector<Words> calls = orders.empty() ? std::vector<Words>{} : store_.calls();
         std::function<void()> atEnd = [] {};
         for (const Words& order : orders) {
             const auto counts = [&](const Words& words) {
