@@ -6,10 +6,22 @@
 #include "relocation/vhosts/move_vhosts.h"
 #include "runtime/exception.h"
 #include "runtime/log_manager.h"
+#include "runtime/registry/config_values.h"
+#include "runtime/registry/registry.h"
 
 namespace zopobsolete {
 
 namespace {
+
+bool isDebugging() {
+    DWORD debug = 0;
+    try {
+        registry::lookup(HKEY_LOCAL_MACHINE, config::configKey, config::name::debug, debug,
+                         RegistryView::View32);
+    } catch (const vexception&) { // of another type; it must not hide the listener's failure
+    }
+    return debug != 0;
+}
 
 // What a listener does wrong is in the log even where the move's own error hides it.
 template <class Raise>
@@ -17,11 +29,8 @@ void relayLogged(const char* name, std::int32_t line, Raise&& raise) {
     try {
         relay(name, line, raise);
     } catch (const vexception& error) {
-#ifdef NDEBUG
-        LogManager::getInstance().vAddLog(LogType::Error, error.message());
-#else
-        LogManager::getInstance().vAddLog(LogType::Error, error.what());
-#endif
+        LogManager::getInstance().vAddLog(LogType::Error,
+                                          isDebugging() ? error.what() : error.message());
         throw;
     }
 }

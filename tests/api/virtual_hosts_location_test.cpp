@@ -2,6 +2,9 @@
 
 #include "api/exception.h"
 #include "runtime/files/file.h"
+#include "runtime/log_manager.h"
+#include "runtime/registry/config_values.h"
+#include "runtime/registry/registry.h"
 #include "tests/api/public_failure.h"
 #include "tests/panel/panel.h"
 #include "tests/relocation/vhosts/move_vhosts_fixture.h"
@@ -54,6 +57,11 @@ TEST_F(VirtualHostsLocationTest, ChangesAndCommitsByTheRealUtilities) {
 // After a listener's own error, after a cancel, and after an item that failed and was ignored.
 TEST_F(VirtualHostsLocationTest, RollbackRestoresWhateverEndedTheChange) {
     const panel::InProcess utilities;
+    const auto setDebug = [](DWORD value) {
+        registry::setDWORD(HKEY_LOCAL_MACHINE, config::configKey, config::name::debug, value,
+                           RegistryView::View32);
+    };
+    setDebug(0);
     const std::wstring to = otherVolume();
     const std::string before = world({to});
     VirtualHostsLocation location;
@@ -72,11 +80,24 @@ TEST_F(VirtualHostsLocationTest, RollbackRestoresWhateverEndedTheChange) {
         location.IgnorebleErrorEvent.hook([](BackupCopyErrorEvent& error) { error.ignore = true; }),
     };
     const auto change = [&] { location.Change(oldPlace(), to); };
-    std::string text = failureOf(change);
-    EXPECT_TRUE(text.starts_with("the listener's")) << text;
-    EXPECT_TRUE(text.find("\n   at (zopobsolete::VirtualHostsLocation::Change line ") != text.npos);
-    EXPECT_FALSE(location.get_Canceled());
-    EXPECT_FALSE(location.Rollback());
+    std::wstring logged;
+    const auto listener =
+        LogManager::getInstance().addListener([&](LogType, const std::wstring& line) {
+            logged = line.starts_with(L"the listener's") ? line : logged;
+        });
+    std::string text;
+    for (const DWORD debug : {1, 0}) { // 1: with the whole text in the log
+        logged.clear();
+        setDebug(debug);
+        text = failureOf(change);
+        EXPECT_TRUE(text.starts_with("the listener's")) << text;
+        EXPECT_TRUE(text.find("\n   at (zopobsolete::VirtualHostsLocation::Change line ") !=
+                    text.npos);
+        EXPECT_FALSE(logged.empty());
+        EXPECT_EQ(debug != 0, logged.find(L"_StartHandler line ") != logged.npos);
+        EXPECT_FALSE(location.get_Canceled());
+        EXPECT_FALSE(location.Rollback());
+    }
     EXPECT_EQ(before, world({to}));
 
     way = Cancel;
