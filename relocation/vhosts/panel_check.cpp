@@ -133,9 +133,9 @@ void PanelCheck::checkPrograms() {
 }
 
 void PanelCheck::checkDatabase(const std::wstring& source) {
+    const Place place{source, PlaceText(source)}; // its failure is not one of the database
     try {
         ZOPDatabase database = ZOPDatabase::connect();
-        const Place place{source, PlaceText(source)};
         checkAccounts(database, place);
         checkWwwRoots(database, place);
         // The others that the move reads or writes.

@@ -17,6 +17,21 @@ public:
         : MoveFindings(result_), options_(options), progress_(progress) {}
 
     VHostsPreflight::Result run(const std::wstring& given, const std::wstring& target) {
+        try {
+            look(given, target);
+        } catch (const CanceledException&) {
+            throw;
+        } catch (const vexception& e) {
+            refuse("cannot-look", L"The server cannot be examined: " + e.message() + L".",
+                   L"Check the drives and your rights there.");
+        }
+        return std::move(result_);
+    }
+
+    std::unique_ptr<LinkRelink> takeLinks() noexcept { return std::move(links_); }
+
+private:
+    void look(const std::wstring& given, const std::wstring& target) {
         PanelCheck panel(result_);
         const std::wstring configured = panel.readConfiguredPlace(given);
         const std::wstring source = given.empty() ? configured : given;
@@ -27,28 +42,19 @@ public:
             if (!source.empty()) {
                 examineTree(source, target); // says what is wrong with it
             }
-            return std::move(result_);
+            return;
         }
-        try {
-            panel.checkDatabase(source);
-            examineTree(source, target);
-            if (result_.isExamined) {
-                panel.checkVolumes(source, target);
-                panel.checkWebmail(source, target);
-                tellOfLinks();
-            }
-            panel.checkSites(source);
-            panel.checkInstaller(configured.empty() ? source : configured);
-        } catch (const vosexception& e) {
-            refuse("cannot-look", L"The server cannot be examined: " + e.message() + L".",
-                   L"Check the drives and your rights there.");
+        panel.checkDatabase(source);
+        examineTree(source, target);
+        if (result_.isExamined) {
+            panel.checkVolumes(source, target);
+            panel.checkWebmail(source, target);
+            tellOfLinks();
         }
-        return std::move(result_);
+        panel.checkSites(source);
+        panel.checkInstaller(configured.empty() ? source : configured);
     }
 
-    std::unique_ptr<LinkRelink> takeLinks() noexcept { return std::move(links_); }
-
-private:
     // The findings about the places come before those about the panel.
     void examineTree(const std::wstring& source, const std::wstring& target) {
         MovePreflight preflight;

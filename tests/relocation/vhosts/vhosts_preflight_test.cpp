@@ -173,6 +173,7 @@ TEST_F(VHostsPreflightTest, WhatStandsInTheWayOrIsNotCoveredIsFound) {
                                    "root " + toUtf8(slashes) + "/default;");
          }},
         {"target-inside-source", Severity::Refuse, L"outside", [&] { to = vhosts() + L"\\new"; }},
+        {"cannot-look", Severity::Refuse, L"names a device", [&] { source_ = L"\\\\.\\pipe\\x"; }},
         {"quotation-mark", Severity::Warn, L"config.php", [&] { to = target() + L"'s"; }},
     };
     for (const Case& each : cases) {
