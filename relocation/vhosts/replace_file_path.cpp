@@ -22,6 +22,7 @@ namespace {
 using Bytes = std::vector<char, WipingAllocator<char>>; // settings have passwords in them
 
 constexpr LONGLONG largest = 16 * 1024 * 1024;
+constexpr std::size_t largestResult = 64 * 1024 * 1024; // a long path may come in often
 constexpr DWORD keptAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
                                  FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
                                  FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
@@ -107,6 +108,9 @@ public:
             if (form->to.back() == ':' && (at == text.size() || !isSeparator(text[at]))) {
                 // "E:" alone would be the drive's current directory.
                 result.insert(result.end(), form->separator.begin(), form->separator.end());
+            }
+            if (result.size() > largestResult) {
+                fail(file, ERROR_FILE_TOO_LARGE, __LINE__);
             }
             ++count;
         }
