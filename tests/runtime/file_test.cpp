@@ -9,7 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <thread>
+#include <deque>
 
 using namespace RunTime;
 
@@ -30,8 +30,9 @@ std::wstring deepName() {
     return name + L"last";
 }
 
-AutoHandle hold(const std::wstring& path, DWORD share = 0) {
-    AutoHandle handle(::CreateFileW(path.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING,
+// Against anybody else's opening it.
+AutoHandle hold(const std::wstring& path) {
+    AutoHandle handle(::CreateFileW(path.c_str(), DELETE, 0, nullptr, OPEN_EXISTING,
                                     FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     EXPECT_TRUE(handle) << toUtf8(path);
     return handle;
@@ -68,42 +69,30 @@ TEST(FilePrimitivesTest, OddAndLongNamesAreCreatedListedMovedAndDeleted) {
     }
 }
 
-// Every path that reaches the system with 248 characters or more must carry the prefix.
 namespace {
 
-std::wstring offender;
+std::wstring offender; // a path of 248 characters or more that reached the system without prefix
 
-void checkPrefix(const wchar_t* path) {
-    if (path != nullptr && std::wcslen(path) >= 248 && !beginsWith(path, longPrefix)) {
-        offender = path;
-    }
-}
-
-// One import, replaced by a check of its first argument (and of the second, where that is a path).
-template <auto function>
-class PrefixCheck;
-template <class Result, class... Rest, Result(WINAPI* function)(const wchar_t*, Rest...)>
-class PrefixCheck<function> {
+// One import whose first argument is a path, and of a move the second.
+class PathWatch {
 public:
-    explicit PrefixCheck(const char* name) : patch_(name, &check) {
-        original = patch_.original<Result(WINAPI*)(const wchar_t*, Rest...)>();
+    explicit PathWatch(const std::string& name)
+        : arguments_(name == "MoveFileExW" ? 2 : 1), original_(nullptr),
+          patch_(nullptr, name.c_str(), newImportThunk(this, &look, nullptr, &original_)) {
+        original_ = patch_.original<void*>();
     }
 
 private:
-    static Result WINAPI check(const wchar_t* path, Rest... rest) {
-        checkPrefix(path);
-        checkSecond(rest...);
-        return original(path, rest...);
-    }
-    template <class First, class... Others>
-    static void checkSecond(First first, Others...) {
-        if constexpr (std::is_same_v<First, const wchar_t*>) {
-            checkPrefix(first);
+    static std::uintptr_t look(void* self, const std::uintptr_t* arguments) {
+        for (int i = 0; i < static_cast<PathWatch*>(self)->arguments_; ++i) {
+            const std::wstring path = reinterpret_cast<const wchar_t*>(arguments[3 - i]);
+            offender = path.size() >= 248 && !beginsWith(path, longPrefix) ? path : offender;
         }
+        return 0;
     }
-    static void checkSecond() {}
 
-    static inline Result(WINAPI* original)(const wchar_t*, Rest...) = nullptr;
+    const int arguments_;
+    void* original_;
     ImportPatch patch_;
 };
 
@@ -113,16 +102,12 @@ TEST(FilePrimitivesTest, LongPathsCarryThePrefixToEveryCall) {
     const TempDirectory temp;
     const std::wstring file = temp.writeFile(deepName()).substr(4); // as typed
     offender.clear();
-    const PrefixCheck<&::CreateFileW> create("CreateFileW");
-    const PrefixCheck<&::CreateDirectoryW> createDir("CreateDirectoryW");
-    const PrefixCheck<&::DeleteFileW> remove("DeleteFileW");
-    const PrefixCheck<&::RemoveDirectoryW> removeDir("RemoveDirectoryW");
-    const PrefixCheck<&::MoveFileExW> move("MoveFileExW");
-    const PrefixCheck<&::GetFileAttributesW> attributes("GetFileAttributesW");
-    const PrefixCheck<&::FindFirstFileExW> find("FindFirstFileExW");
-    const PrefixCheck<&::GetShortPathNameW> shortName("GetShortPathNameW");
-    const PrefixCheck<&::GetLongPathNameW> longName("GetLongPathNameW");
-    const PrefixCheck<&::GetVolumePathNameW> volume("GetVolumePathNameW");
+    std::deque<PathWatch> watched;
+    for (const char* name : {"CreateFileW", "CreateDirectoryW", "DeleteFileW", "RemoveDirectoryW",
+                             "MoveFileExW", "GetFileAttributesW", "FindFirstFileExW",
+                             "GetShortPathNameW", "GetLongPathNameW", "GetVolumePathNameW"}) {
+        watched.emplace_back(name);
+    }
 
     EXPECT_TRUE(exists(file));
     EXPECT_EQ(fileInformation(file).size, 4);
@@ -220,13 +205,11 @@ TEST(FilePrimitivesTest, OnlyReparsePointsThatNameAnotherItemAreLinks) {
 TEST(FileRetryTest, DeletionWaitsForAHolderThatLetsGo) {
     const TempDirectory temp;
     const std::wstring file = temp.writeFile(L"file");
-    AutoHandle holder = hold(file);
-    std::thread release([&] {
-        ::Sleep(60);
-        holder.reset();
-    });
-    deleteFile(file, 1000);
-    release.join();
+    static AutoHandle holder;
+    holder = hold(file);
+    const ImportPatch pause(
+        "Sleep", +[](DWORD) { holder.reset(); });
+    deleteFile(file, 3);
     EXPECT_FALSE(temp.has(L"file"));
 }
 
@@ -261,13 +244,9 @@ TEST(FileRetryTest, CancellationEndsTheWaiting) {
     const std::wstring file = temp.writeFile(L"file");
     const AutoHandle holder = hold(file);
     const ThreadCancelation::CancelationPoint cancellable;
-    const DWORD thread = ::GetCurrentThreadId();
-    std::thread canceller([=] {
-        ::Sleep(50);
-        ThreadCancelation::request(thread);
-    });
+    const ImportPatch pause(
+        "Sleep", +[](DWORD) { ThreadCancelation::request(::GetCurrentThreadId()); });
     expectError<CanceledException>(L"Canceled!", [&] { deleteFile(file, 1000); });
-    canceller.join();
     EXPECT_TRUE(temp.has(L"file"));
 }
 
@@ -380,8 +359,8 @@ TEST(FileMoveTest, TemporaryNamesAreFreshEvenWhenSomeAreTaken) {
     const std::wstring directory = temp.makeDirectory(L"directory");
     {
         FaultPoint move("MoveFileExW");
-        move.code = ERROR_ALREADY_EXISTS;
         move.failAt = 0;
+        move.code = ERROR_ALREADY_EXISTS;
         const std::wstring now = temporaryMove(temp.nice() + L"\\directory\\", L"$Backup", 1);
         EXPECT_TRUE(beginsWith(now, temp / L"$Backup"));
         EXPECT_EQ(temp.list(), (std::vector<std::wstring>{lastName(now) + L"\\"}));
@@ -439,8 +418,7 @@ TEST(TreeSizeTest, EverythingBelowIsCountedUntilEnoughIsKnown) {
     // Nothing stays open: the tree can be renamed.
     moveEx(temp / L"a", temp / L"z", 0, 1);
     // Whoever holds a directory against listing is named.
-    const AutoHandle holder(::CreateFileW((temp / L"z\\b").c_str(), DELETE, 0, nullptr,
-                                          OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const AutoHandle holder = hold(temp / L"z\\b");
     expectError<VSharingViolationException>(
         ERROR_SHARING_VIOLATION, L"Unable to list directory (" + temp.nice() + L"\\z\\b)",
         [&] { openPinnedDirectory(temp / L"z\\b", 1); });

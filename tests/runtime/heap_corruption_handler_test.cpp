@@ -1,9 +1,9 @@
 #include "runtime/heap_corruption_handler.h"
 
 #include "tests/support/registry_override.h"
+#include "tests/support/temp_directory.h"
 
-#include <filesystem>
-#include <fstream>
+#include <gtest/gtest.h>
 #include <regex>
 
 namespace {
@@ -13,33 +13,8 @@ constexpr DWORD otherCode = 0xE0000001;
 
 class HeapCorruptionHandlerTest : public testing::Test {
 protected:
-    HeapCorruptionHandlerTest() {
-        wchar_t temp[MAX_PATH];
-        ::GetTempPathW(MAX_PATH, temp);
-        folder_ = std::wstring(temp) + L"zop_dumps_" + std::to_wstring(::GetCurrentProcessId());
-        ::CreateDirectoryW(folder_.c_str(), nullptr);
-    }
-    ~HeapCorruptionHandlerTest() override {
-        for (const std::wstring& name : dumps()) {
-            ::DeleteFileW((folder_ + L"\\" + name).c_str());
-        }
-        ::RemoveDirectoryW(folder_.c_str());
-    }
-
-    std::vector<std::wstring> dumps() const {
-        std::vector<std::wstring> names;
-        WIN32_FIND_DATAW data;
-        const RunTime::AutoFindHandle find(::FindFirstFileW((folder_ + L"\\*").c_str(), &data));
-        for (BOOL more = find ? TRUE : FALSE; more; more = ::FindNextFileW(find.get(), &data)) {
-            if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-                names.emplace_back(data.cFileName);
-            }
-        }
-        return names;
-    }
-
     RegistryOverride registry_;
-    std::wstring folder_;
+    TempDirectory folder_;
 };
 
 // The last handler of the chain: lets the raise return, where the process would end otherwise.
@@ -56,23 +31,20 @@ struct Survivor : VectoredExceptionHandler {
 } // namespace
 
 TEST_F(HeapCorruptionHandlerTest, WritesADumpForHeapCorruptionOnly) {
-    RegistryOverride::setString(L"CrashDumpDirectory", folder_);
+    RegistryOverride::setString(L"CrashDumpDirectory", folder_.nice());
     const HeapCorruptionHandler handler(true);
     const Survivor survivor;
     ::RaiseException(otherCode, 0, 0, nullptr);
-    EXPECT_TRUE(dumps().empty());
+    EXPECT_TRUE(folder_.list().empty());
 
     SYSTEMTIME before;
     ::GetLocalTime(&before);
     ::RaiseException(heapCorruption, 0, 0, nullptr);
-    const std::vector<std::wstring> names = dumps();
+    const std::vector<std::wstring> names = folder_.list();
     ASSERT_EQ(1u, names.size());
     EXPECT_TRUE(std::regex_match(names[0], std::wregex(LR"(zopnative_\d+_\d{8}_\d{6}\.dmp)")));
     EXPECT_NE(std::wstring::npos, names[0].find(L"_" + std::to_wstring(before.wYear)));
-    std::ifstream file(std::filesystem::path(folder_ + L"\\" + names[0]), std::ios::binary);
-    char signature[5] = {};
-    file.read(signature, 4);
-    EXPECT_STREQ("MDMP", signature);
+    EXPECT_EQ("MDMP", folder_.readFile(names[0]).substr(0, 4));
 }
 
 TEST_F(HeapCorruptionHandlerTest, NothingIsWrittenUnlessItIsEnabledTwice) {
@@ -80,14 +52,14 @@ TEST_F(HeapCorruptionHandlerTest, NothingIsWrittenUnlessItIsEnabledTwice) {
     {
         const HeapCorruptionHandler handler(true);
         ::RaiseException(heapCorruption, 0, 0, nullptr); // no directory named
-        RegistryOverride::setString(L"CrashDumpDirectory", folder_ + L"\\missing");
+        RegistryOverride::setString(L"CrashDumpDirectory", folder_.nice() + L"\\missing");
         ::RaiseException(heapCorruption, 0, 0, nullptr);
     }
-    RegistryOverride::setString(L"CrashDumpDirectory", folder_);
+    RegistryOverride::setString(L"CrashDumpDirectory", folder_.nice());
     ::RaiseException(heapCorruption, 0, 0, nullptr); // unregistered
     const HeapCorruptionHandler off(false);
     ::RaiseException(heapCorruption, 0, 0, nullptr);
-    EXPECT_TRUE(dumps().empty());
+    EXPECT_TRUE(folder_.list().empty());
 }
 
 TEST_F(HeapCorruptionHandlerTest, ProcessStillEnds) {

@@ -88,16 +88,14 @@ TEST(InterprocessLockTest, OnlyTheOwnerUnlocks) {
 }
 
 TEST(InterprocessLockTest, CancellationEndsTheWait) {
-    const Holder other;
     InterprocessLock lock(lockName());
     const ThreadCancelation::CancelationPoint cancellable;
-    const DWORD thread = ::GetCurrentThreadId();
-    std::thread canceller([=] {
-        ::Sleep(30);
-        ThreadCancelation::request(thread);
-    });
+    const ImportPatch wait( // somebody holds it, and the request comes meanwhile
+        "WaitForSingleObject", +[](HANDLE, DWORD) -> DWORD {
+            ThreadCancelation::request(::GetCurrentThreadId());
+            return WAIT_TIMEOUT;
+        });
     expectError<CanceledException>(L"Canceled!", [&] { lock.lock(L"lock"); });
-    canceller.join();
 }
 
 TEST(InterprocessLockTest, AdministratorsAndTheSystemOnlyMayUseIt) {

@@ -2,20 +2,13 @@
 
 #include "tests/support/expect_error.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/temp_directory.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 namespace {
-
-struct Line {
-    LogType type;
-    std::wstring message;
-};
 
 std::vector<std::wstring> debugLines;
 std::vector<std::pair<WORD, std::wstring>> events;
@@ -35,25 +28,14 @@ protected:
     LogManagerTest() {
         debugLines.clear();
         events.clear();
-        wchar_t folder[MAX_PATH];
-        ::GetTempPathW(MAX_PATH, folder);
-        path = std::wstring(folder) + L"zop_log_" + std::to_wstring(::GetCurrentProcessId());
-        ::DeleteFileW(path.c_str());
+        log.openFile(directory.nice() + L"\\log");
     }
-    ~LogManagerTest() override {
-        log.closeFile();
-        ::DeleteFileW(path.c_str());
-    }
+    ~LogManagerTest() override { log.closeFile(); }
 
-    std::string fileText() const {
-        std::ifstream file(std::filesystem::path(path), std::ios::binary);
-        std::ostringstream text;
-        text << file.rdbuf();
-        return text.str();
-    }
+    std::string fileText() const { return directory.readFile(L"log"); }
 
     LogManager& log = LogManager::getInstance();
-    std::wstring path;
+    TempDirectory directory;
     ImportPatch debugOutput{"OutputDebugStringW", &takeDebugLine};
     ImportPatch eventLog{"ReportEventW", &takeEvent};
 };
@@ -61,7 +43,6 @@ protected:
 } // namespace
 
 TEST_F(LogManagerTest, EachTypeGoesToTheOutputsThatAreOnForIt) {
-    log.openFile(path);
     log.setEnabled(LogOutput::DebugOutput, LogType::Error, false);
     log.vAddLog(LogType::Error, L"e");
     log.setEnabled(LogOutput::DebugOutput, LogType::Error, true);
@@ -80,7 +61,6 @@ TEST_F(LogManagerTest, EachTypeGoesToTheOutputsThatAreOnForIt) {
 }
 
 TEST_F(LogManagerTest, MessageCannotForgeALine) {
-    log.openFile(path);
     log.vAddLog(LogType::Error, L"a\r\n2026 error: forged\t\x1b[2J\x85\x2028\x202E\u4e2d\\n");
     const std::string text = fileText();
     EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n'));
@@ -92,52 +72,39 @@ TEST_F(LogManagerTest, MessageCannotForgeALine) {
     EXPECT_EQ(escaped + L"\n", debugLines.at(0));
 }
 
-TEST_F(LogManagerTest, FileIsSharedAndAppended) {
-    log.openFile(path);
+TEST_F(LogManagerTest, FileIsSharedAppendedAndKeptUntilAnotherIsOpen) {
     log.vAddLog(LogType::Error, L"one");
-    log.openFile(path); // a second opening, as another process would do
+    log.openFile(directory / L"log"); // a second opening, as another process would do
     log.vAddLog(LogType::Error, L"two");
-    EXPECT_TRUE(::MoveFileExW(path.c_str(), (path + L".old").c_str(), MOVEFILE_REPLACE_EXISTING));
-    log.vAddLog(LogType::Error, L"three"); // to the same file, under its new name
-    path += L".old";
-    const std::string text = fileText();
-    EXPECT_LT(text.find(": one"), text.find(": two"));
-    EXPECT_LT(text.find(": two"), text.find(": three"));
-    log.closeFile();
-    log.vAddLog(LogType::Error, L"four");
-    EXPECT_EQ(text, fileText());
-}
-
-TEST_F(LogManagerTest, UnusableFileIsReportedAndKeepsTheOldOne) {
-    log.openFile(path);
+    EXPECT_TRUE(::MoveFileExW((directory / L"log").c_str(), (directory / L"old").c_str(), 0));
     expectError<VPathNotFoundException>(ERROR_PATH_NOT_FOUND,
                                         L"Unable to open the log file (C:\\none\\log.txt)",
                                         [&] { log.openFile(L"C:\\none\\log.txt"); });
-    log.vAddLog(LogType::Error, L"still here");
-    EXPECT_NE(std::string::npos, fileText().find("still here"));
+    log.vAddLog(LogType::Error, L"three"); // to the same file, under its new name
+    log.closeFile();
+    log.vAddLog(LogType::Error, L"four");
+    const std::string text = directory.readFile(L"old");
+    EXPECT_LT(text.find(": one"), text.find(": two"));
+    EXPECT_LT(text.find(": two"), text.find(": three"));
+    EXPECT_TRUE(text.ends_with(": three\r\n")) << text;
 }
 
 TEST_F(LogManagerTest, ListenersHearEveryLineUntilTheirRegistrationGoes) {
-    std::vector<Line> first;
-    std::vector<Line> second;
-    const auto kept = log.addListener([&](LogType type, const std::wstring& m) {
-        first.push_back({type, m});
-    });
+    std::vector<std::pair<LogType, std::wstring>> lines;
+    const auto keep = [&](LogType type, const std::wstring& text) {
+        lines.emplace_back(type, text);
+    };
+    const auto kept = log.addListener(keep);
     {
-        const auto passing = log.addListener([&](LogType type, const std::wstring& m) {
-            second.push_back({type, m});
-        });
+        const auto passing = log.addListener(keep);
         log.vAddLog(LogType::Debug, L"a\nb");
     }
     log.vAddLog(LogType::Error, L"c");
-    ASSERT_EQ(2u, first.size());
-    EXPECT_EQ(1u, second.size());
-    EXPECT_EQ(LogType::Debug, first[0].type);
-    EXPECT_EQ(L"a\nb", first[0].message);
+    const std::pair debug(LogType::Debug, std::wstring(L"a\nb"));
+    EXPECT_EQ(lines, (std::vector{debug, debug, {LogType::Error, L"c"}}));
 }
 
 TEST_F(LogManagerTest, FailingOutputsAndListenersHarmNobody) {
-    log.openFile(path);
     FaultPoint fault("WriteFile");
     fault.failAt = 0;
     fault.code = ERROR_DISK_FULL;
@@ -160,7 +127,6 @@ TEST_F(LogManagerTest, FailingOutputsAndListenersHarmNobody) {
 }
 
 TEST_F(LogManagerTest, ThreadsMayLogWhileListenersComeAndGo) {
-    log.openFile(path);
     std::atomic<int> heard{0};
     const auto counter = log.addListener([&](LogType, const std::wstring&) { ++heard; });
     std::vector<std::thread> threads;

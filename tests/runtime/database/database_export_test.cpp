@@ -23,51 +23,37 @@ protected:
 
 // Tables with a column of every type, and values at their ends.
 constexpr const wchar_t* everyType[] = {
-    L"create table `numb``e'r\ns` (`a``\n'` tinyint, b bigint unsigned, c decimal(65,30), "
-    L"d float, e double, f bit(13), g year, h boolean default 1, i float(7,3), "
-    L"j int as (h + 1) stored, k int as (concat('x', `b`)) virtual invisible, "
-    L"l bit(3) default b'101', m text as (concat(h, char(10))) virtual)",
-    L"insert into `numb``e'r\ns` (`a``\n'`, b, c, d, e, f, g, i) values "
-    L"(-128, 18446744073709551615, "
-    L"-12345678901234567890123456789012345.1234567890123456789"
-    L"01234567891, 3.4028e38, 1.7976931348623157e308, b'1000000000001', 1901, "
-    L"1234.567), "
-    L"(0, 0, 0, 1.17549435e-38, 5e-324, 0, 0, -0.001), (1, 7, 0.1, 0.1, 0.1, 10, 2155, "
-    L"0), "
-    L"(2, 8, 16777217, 16777216, 1e22, 39, 2026, 1), (null, null, null, null, null, null, "
-    L"null, null)",
-    L"create table times (a date, b datetime(6), c timestamp(6) null default "
-    L"current_timestamp(6) on update current_timestamp(6), d time(6), e timestamp null)",
+    L"create table `numb``e'r\ns` (`a``\n'` tinyint, b bigint unsigned, c decimal(65,30), d float, "
+    L"e double, f bit(13), g year, h boolean default 1, i float(7,3), j int as (h + 1) stored, k "
+    L"int as (concat('x', `b`)) virtual invisible, l bit(3) default b'101', m text as (concat(h, "
+    L"char(10))) virtual)",
+    L"insert into `numb``e'r\ns` (`a``\n'`, b, c, d, e, f, g, i) values (-128, "
+    L"18446744073709551615, -12345678901234567890123456789012345.123456789012345678901234567891, "
+    L"3.4028e38, 1.7976931348623157e308, b'1000000000001', 1901, 1234.567), (0, 0, 0, "
+    L"1.17549435e-38, 5e-324, 0, 0, -0.001), (1, 7, 0.1, 0.1, 0.1, 10, 2155, 0), (2, 8, 16777217, "
+    L"16777216, 1e22, 39, 2026, 1), (null, null, null, null, null, null, null, null)",
+    L"create table times (a date, b datetime(6), c timestamp(6) null default current_timestamp(6) "
+    L"on update current_timestamp(6), d time(6), e timestamp null)",
     L"set sql_mode = 'ALLOW_INVALID_DATES', time_zone = '+05:00'",
-    L"insert into times values ('0000-00-00', '9999-12-31 23:59:59.999999', "
-    L"'2038-01-19 08:14:07.999999', '-838:59:59.999999', '1970-01-01 05:00:01'), "
-    L"('2026-02-31', '0000-00-00', '0000-00-00', '00:00:00', null)",
+    L"insert into times values ('0000-00-00', '9999-12-31 23:59:59.999999', '2038-01-19 "
+    L"08:14:07.999999', '-838:59:59.999999', '1970-01-01 05:00:01'), ('2026-02-31', '0000-00-00', "
+    L"'0000-00-00', '00:00:00', null)",
     L"set sql_mode = 'STRICT_ALL_TABLES', time_zone = '+00:00'",
-    L"create table kinds (e enum('x', 'it''s', '', '\\\\') , s set('a', 'b', 'c'), j "
-    L"json, "
-    L"u uuid default uuid(), n inet6, g geometry, p point not null, spatial key (p), k "
-    L"enum("
-    L"'\u00e4','\u0416') comment 'a ''comment''; with `all` \\\\ \\n \u0416') comment "
-    L"'x;'",
-    L"insert into kinds values ('it''s', 'a,c', '{\"a\": \"\\\\\\\\ \U0001F600\"}', "
-    L"default, "
-    L"'::1', st_geomfromtext('POLYGON((0 0,1 0,1 1,0 0))', 4326), point(1, 2), "
-    L"'\u0416'), ('', '', null, null, null, null, point(-1e-300, 1e300), null), "
-    L"('\\\\', "
-    L"'a,b,c', '[]', null, '1:2::', null, point(0, 0), '\u00e4')",
-    L"create table charsets (a varchar(300) character set latin1, b varchar(300) "
-    L"character "
-    L"set sjis, c text character set utf16, d char(200) character set ucs2, e "
-    L"enum('\u00e9', "
-    L"'b') character set latin1, f varchar(300) character set utf8mb3) engine = MyISAM",
-    L"insert into charsets values ('\u20ac\u00e9', '\u8868\u3042\\\\', '\U0001F600', "
-    L"'\u0416', "
+    L"create table kinds (e enum('x', 'it''s', '', '\\\\') , s set('a', 'b', 'c'), j json, u uuid "
+    L"default uuid(), n inet6, g geometry, p point not null, spatial key (p), k "
+    L"enum('\u00e4','\u0416') comment 'a ''comment''; with `all` \\\\ \\n \u0416') comment 'x;'",
+    L"insert into kinds values ('it''s', 'a,c', '{\"a\": \"\\\\\\\\ \U0001F600\"}', default, "
+    L"'::1', st_geomfromtext('POLYGON((0 0,1 0,1 1,0 0))', 4326), point(1, 2), '\u0416'), ('', '', "
+    L"null, null, null, null, point(-1e-300, 1e300), null), ('\\\\', 'a,b,c', '[]', null, '1:2::', "
+    L"null, point(0, 0), '\u00e4')",
+    L"create table charsets (a varchar(300) character set latin1, b varchar(300) character set "
+    L"sjis, c text character set utf16, d char(200) character set ucs2, e enum('\u00e9', 'b') "
+    L"character set latin1, f varchar(300) character set utf8mb3) engine = MyISAM",
+    L"insert into charsets values ('\u20ac\u00e9', '\u8868\u3042\\\\', '\U0001F600', '\u0416', "
     L"'\u00e9', '\u0416'), (unhex('818D8F909D'), '', '', '', null, '')",
-    L"create table parts (a int primary key, b int check (b > 0 or b is null)) partition "
-    L"by "
-    L"range (a) (partition p0 values less than (10) comment = 'p', partition p1 values "
-    L"less "
-    L"than maxvalue)",
+    L"create table parts (a int primary key, b int check (b > 0 or b is null)) partition by range "
+    L"(a) (partition p0 values less than (10) comment = 'p', partition p1 values less than "
+    L"maxvalue)",
     L"insert into parts values (1, 2), (100, null)",
     L"create table bytes (id int primary key auto_increment, t longtext, b longblob, v "
     L"varbinary(2000), x binary(7)) auto_increment = 18000",
