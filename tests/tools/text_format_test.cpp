@@ -54,6 +54,8 @@ TEST(NearestTest, FindsTheTypoAndNothingFarFetched) {
 
 TEST(PrintableTest, NamesCannotSteerTheConsole) {
     EXPECT_EQ(printable(L"a\x1B[2Jb\n\u202E!"), L"a\xFFFD[2Jb\xFFFD\xFFFD!");
+    EXPECT_EQ(printableLines(L"a\r\n\x1B[2J\rb\n"), L"a\n\xFFFD[2J\xFFFD"
+                                                    L"b\n");
 }
 
 } // namespace zopctl

@@ -154,7 +154,7 @@ ExitCode runCommandLine(const std::vector<std::wstring>& arguments, Console& con
     try {
         return dispatch(arguments, console, table);
     } catch (const vexception& e) {
-        console.errorLine(L"Error: " + e.message());
+        console.errorLine(L"Error: " + printableLines(e.message()));
     } catch (const std::exception& e) {
         console.errorLine(L"Error: " + toWide(e.what()));
     }

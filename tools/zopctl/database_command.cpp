@@ -162,7 +162,7 @@ private:
             fields.insert(fields.end(), result_.begin(), result_.end());
             console_.line(jsonLine(L"result", fields));
         } else if (!stop.message.empty()) {
-            console_.errorLine(stop.message);
+            console_.errorLine(printableLines(stop.message));
         }
         return stop.code;
     }

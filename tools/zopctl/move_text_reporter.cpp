@@ -88,9 +88,9 @@ public:
         }
         if (!outcome.message.empty() && !(done && options_.quiet)) {
             if (done) {
-                console_.line(outcome.message);
+                console_.line(printableLines(outcome.message));
             } else {
-                console_.errorLine(outcome.message);
+                console_.errorLine(printableLines(outcome.message));
             }
         }
         // After a rollback nothing needs to be done about single items; they have been named.
@@ -156,9 +156,9 @@ private:
     static std::wstring describeItem(const FailedItem& item) {
         // Most messages name their file.
         if (item.path.empty() || item.reason.find(item.path) != std::wstring::npos) {
-            return printable(item.reason);
+            return printableLines(item.reason);
         }
-        return printable(item.path) + L": " + printable(item.reason);
+        return printable(item.path) + L": " + printableLines(item.reason);
     }
 
     static std::wstring doneLine(const MoveOutcome& outcome) {

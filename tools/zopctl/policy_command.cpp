@@ -169,7 +169,10 @@ public:
             try {
                 files = DiskSecurity::installedPolicyFiles();
             } catch (const vexception& e) {
-                return finish(ExitCode::Failed, e.message());
+                return finish(ExitCode::Failed,
+                              e.message() + L".\nThe policy files lie in etc\\DiskSecurity below "
+                                            L"the directory that the configuration value "
+                                            L"PRODUCT_ROOT_D names.");
             }
         }
         for (const std::wstring& file : files) {
@@ -295,7 +298,7 @@ private:
                                      {"entries", static_cast<std::int64_t>(entries_)},
                                      {"problems", static_cast<std::int64_t>(problems_)}}));
         } else if (!message.empty()) {
-            console_.errorLine(printable(message));
+            console_.errorLine(printableLines(message));
         }
         return code;
     }

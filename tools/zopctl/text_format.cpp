@@ -190,6 +190,20 @@ std::wstring printable(std::wstring_view text) {
     return result;
 }
 
+std::wstring printableLines(std::wstring_view text) {
+    std::wstring result;
+    for (std::size_t begin = 0; begin <= text.size();) {
+        const std::size_t end = std::min(text.find(L'\n', begin), text.size());
+        std::wstring_view line = text.substr(begin, end - begin);
+        if (line.ends_with(L'\r')) {
+            line.remove_suffix(1);
+        }
+        result.append(begin == 0 ? L"" : L"\n").append(printable(line));
+        begin = end + 1;
+    }
+    return result;
+}
+
 std::wstring quoted(std::wstring_view text) {
     return L"\"" + printable(text) + L"\"";
 }

@@ -32,7 +32,10 @@ std::wstring nearest(const std::wstring& text, const std::vector<std::wstring>& 
 // with those that end a line or turn the direction of writing: a name must not look like another.
 std::wstring printable(std::wstring_view text);
 
-// The same in quotation marks.
+// The same of a text that may have several lines, such as what a utility printed: their ends stay.
+std::wstring printableLines(std::wstring_view text);
+
+// A printable text in quotation marks.
 std::wstring quoted(std::wstring_view text);
 
 } // namespace zopctl
