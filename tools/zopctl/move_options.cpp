@@ -67,7 +67,7 @@ MoveOptionsParser::MoveOptionsParser(CommandParser& parser, MoveOptions& options
     app.add_flag("--keep-going", options.keepGoing,
                  "Leaves items that fail at the old place and goes on");
     parser.addValue("--streams", streams_, "LIST", "What is copied, with commas; see below");
-    app.add_flag("-q,--quiet", options.quiet, "Prints errors only");
+    app.add_flag("-q,--quiet", options.quiet, "Prints errors and warnings only");
     app.add_flag("-v,--verbose", options.verbose, "Prints each item, and what is logged");
     parser.addJson(options.json);
 }
