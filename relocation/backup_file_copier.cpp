@@ -79,11 +79,8 @@ private:
 
 BackupFileCopier::BackupFileCopier(const std::wstring& source, const std::wstring& target,
                                    StreamType streams, bool copyOwner, CopyReport& report)
-    : asked_(streams), kept_(streams), copyOwner_(copyOwner),
-      report_(report), privileges_{SE_BACKUP_NAME, SE_RESTORE_NAME, SE_SECURITY_NAME,
-                                   SE_CREATE_SYMBOLIC_LINK_NAME},
-      sourceVolume_(RunTime::volumeInformation(source)),
-      targetVolume_(RunTime::volumeInformation(target)) {
+    : asked_(streams), kept_(streams), copyOwner_(copyOwner), report_(report),
+      sourceVolume_(RunTime::volumeKind(source)), targetVolume_(RunTime::volumeKind(target)) {
     const struct {
         StreamType kind;
         DWORD flag;
@@ -111,9 +108,6 @@ BackupFileCopier::BackupFileCopier(const std::wstring& source, const std::wstrin
     audit_ = security && privileges_.holds(SE_SECURITY_NAME);
     if (security && !audit_) {
         report_.add(CopyLoss::AuditList, source);
-    }
-    for (const std::wstring& name : privileges_.missing()) {
-        LogManager::getInstance().vAddLog(LogType::Warning, L"Privilege " + name + L" is not held");
     }
     const DWORD audit = audit_ ? ACCESS_SYSTEM_SECURITY : 0;
     const DWORD owner = security && (copyOwner_ || privileges_.holds(SE_RESTORE_NAME))

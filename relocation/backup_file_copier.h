@@ -4,11 +4,12 @@
 #pragma once
 
 #include "relocation/backup_stream.h"
+#include "relocation/copy_privileges.h"
 #include "relocation/copy_report.h"
 #include "relocation/stream_type.h"
-#include "runtime/accounts/privilege_scope.h"
 #include "runtime/auto_handle.h"
 #include "runtime/files/file.h"
+#include "runtime/files/volume_kind.h"
 #include "security/descriptor_bytes.h"
 
 #include <cstdint>
@@ -29,6 +30,9 @@ public:
     // Enables the privileges that the copy uses for the life of the object.
     BackupFileCopier(const std::wstring& source, const std::wstring& target, StreamType streams,
                      bool copyOwner, CopyReport& report);
+
+    // Whether source and target may lie on one volume: copies of volumes look like it, too.
+    bool mayShareVolume() const noexcept { return sourceVolume_.serial == targetVolume_.serial; }
 
     // Copies a file, or a link of either kind (as a link), to a new item of the given name. created
     // tells whether the target has an item of ours afterwards, also when an exception is thrown: a
@@ -98,11 +102,11 @@ private:
     StreamType kept_; // of those asked for, what both volumes can do
     bool copyOwner_;
     CopyReport& report_;
-    RunTime::PrivilegeScope privileges_;
+    CopyPrivileges privileges_;
     bool audit_ = false;   // audit lists can be read and written
     bool refused_ = false; // the backup API is not to be had here
-    RunTime::VolumeInformation sourceVolume_;
-    RunTime::VolumeInformation targetVolume_;
+    RunTime::VolumeKind sourceVolume_;
+    RunTime::VolumeKind targetVolume_;
     DWORD sourceAccess_ = 0;
     DWORD targetAccess_ = 0;
     std::map<std::uint64_t, LinkedFile> linked_; // by the source's file id

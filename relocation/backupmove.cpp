@@ -111,9 +111,9 @@ bool backupmove::move(const std::wstring& source, const std::wstring& target, bo
 
     source_ = source;
     target_ = target;
-    const bool sameVolume = RunTime::theSameVolume(from_, to_);
-    // A tree cannot be renamed into itself.
-    bool copies = copy || !sameVolume || RunTime::isStrictlyInside(to_, from_);
+    // A tree cannot be renamed into itself. Volumes are compared, which takes a while, only where
+    // it matters.
+    bool copies = copy || RunTime::isStrictlyInside(to_, from_);
     const bool leftOut = isLeftOut();
     if (!leftOut && RunTime::exists(to_)) {
         const std::wstring shortSource = shortPathIfTold(from_);
@@ -123,13 +123,16 @@ bool backupmove::move(const std::wstring& source, const std::wstring& target, bo
             target_.clear();
             return true;
         }
-        const bool isEmpty =
-            sameVolume && RunTime::treeSize(to_, [](const RunTime::TreeSize& size) {
-                              return size.bytes != 0;
-                          }).bytes == 0;
-        if (!isEmpty || !setTargetAside()) {
+        const auto isEmpty = [this] {
+            return RunTime::treeSize(to_, [](const RunTime::TreeSize& size) {
+                       return size.bytes != 0;
+                   }).bytes == 0;
+        };
+        if (!RunTime::theSameVolume(from_, to_) || !isEmpty() || !setTargetAside()) {
             copies = true;
         }
+    } else if (!leftOut && !copies) {
+        copies = !RunTime::theSameVolume(from_, to_);
     }
     started_ = true;
     if (!leftOut && (copies || !renameSource())) {

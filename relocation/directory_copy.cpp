@@ -25,7 +25,7 @@ class Directory::CopyWalk {
 public:
     CopyWalk(Directory& top, const std::wstring& target, CopyTarget kind, CopyJob& job)
         : top_(top), kind_(kind), job_(job), source_(top.path_), target_(target),
-          targetRoot_(target), sameVolume_(theSameVolume(top.path_, target)) {}
+          targetRoot_(target) {}
 
     void run() {
         if (!top_.self_.isDirectory() || top_.self_.isLink()) {
@@ -84,8 +84,8 @@ private:
 
     // The target itself, met inside the source.
     bool isTargetRoot(const FileInformation& entry) const {
-        return equalNames(source_, targetRoot_) ||
-               (sameVolume_ && targetId_ != 0 && entry.fileId == targetId_);
+        return equalNames(source_, targetRoot_) || (targetId_ != 0 && entry.fileId == targetId_ &&
+                                                    theSameVolume(top_.path_, targetRoot_));
     }
 
     void raiseName(bool isFile) {
@@ -172,7 +172,7 @@ private:
         level.isOurs = made || takesOver;
         try {
             level.target = job_.copier.openTarget(target_, level.isOurs);
-            if (isTop && sameVolume_) {
+            if (isTop && job_.copier.mayShareVolume()) {
                 targetId_ = fileIdOf(level.target.get());
             }
             if (!made) {
@@ -231,8 +231,7 @@ private:
     std::wstring source_; // of the current item, both in long form
     std::wstring target_;
     std::wstring targetRoot_;
-    bool sameVolume_;
-    std::uint64_t targetId_ = 0;
+    std::uint64_t targetId_ = 0;                     // not unique among volumes
     BackupFileCopier::TargetDirectory targetParent_; // of the root: nothing is known of it
     std::int64_t cost_ = 0;
     std::vector<CopyLevel> levels_;

@@ -5,6 +5,7 @@
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/files/path.h"
+#include "runtime/files/volume_kind.h"
 #include "runtime/format_string.h"
 #include "runtime/thread_cancelation.h"
 
@@ -154,7 +155,7 @@ public:
 
 private:
     static bool hasStreams(const std::wstring& path) {
-        return (RunTime::volumeInformation(path).flags & FILE_NAMED_STREAMS) != 0;
+        return (RunTime::volumeKind(path).flags & FILE_NAMED_STREAMS) != 0;
     }
 
     static void append(std::wstring& path, const std::wstring& name) {

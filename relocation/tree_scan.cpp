@@ -4,6 +4,7 @@
 #include "relocation/stream_list.h"
 #include "runtime/exception.h"
 #include "runtime/files/path.h"
+#include "runtime/files/volume_kind.h"
 #include "runtime/format_string.h"
 #include "runtime/thread_cancelation.h"
 
@@ -43,7 +44,7 @@ public:
     TreeContents run() {
         const FileInformation top = RunTime::fileInformation(path_);
         if (options_.thorough && options_.streams) {
-            options_.streams = (RunTime::volumeInformation(path_).flags & FILE_NAMED_STREAMS) != 0;
+            options_.streams = (RunTime::volumeKind(path_).flags & FILE_NAMED_STREAMS) != 0;
         }
         if (!top.isDirectory() || top.isLink()) {
             visit(top);

@@ -13,6 +13,7 @@
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/files/path.h"
+#include "runtime/files/volume_kind.h"
 #include "runtime/registry/config_values.h"
 #include "runtime/registry/registry.h"
 #include "runtime/thread_cancelation.h"
@@ -308,7 +309,7 @@ void PanelCheck::checkWebmail(const std::wstring& source, const std::wstring& ta
 
 void PanelCheck::checkVolumes(const std::wstring& source, const std::wstring& target) {
     result_.otherVolume = !RunTime::theSameVolume(source, target);
-    const bool hasQuotas = (RunTime::volumeInformation(target).flags & FILE_VOLUME_QUOTAS) != 0;
+    const bool hasQuotas = (RunTime::volumeKind(target).flags & FILE_VOLUME_QUOTAS) != 0;
     if (result_.otherVolume && result_.quotas != 0 && !hasQuotas) {
         warn("no-quotas",
              L"The target's volume keeps no disk quotas. Accounts that have one and will be "

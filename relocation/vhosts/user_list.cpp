@@ -1,5 +1,6 @@
 #include "relocation/vhosts/user_list.h"
 
+#include "relocation/copy_privileges.h"
 #include "relocation/directory.h"
 #include "relocation/failure.h"
 #include "runtime/accounts/privilege_scope.h"
@@ -8,6 +9,7 @@
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/files/pinned_path.h"
+#include "runtime/files/volume_kind.h"
 #include "runtime/format_string.h"
 #include "runtime/log_manager.h"
 #include "runtime/native_span.h"
@@ -104,7 +106,7 @@ bool UserList::move(const std::wstring& from, const std::wstring& to) {
     from_ = normalized(from);
     to_ = normalized(to);
     differentVolume_ = !RunTime::theSameVolume(from_, to_);
-    newVolumeHasQuotas_ = (RunTime::volumeInformation(to_).flags & FILE_VOLUME_QUOTAS) != 0;
+    newVolumeHasQuotas_ = (RunTime::volumeKind(to_).flags & FILE_VOLUME_QUOTAS) != 0;
 
     ZOPDatabase database = ZOPDatabase::connect();
     std::vector<Row> rows = readRows(database);
@@ -318,6 +320,7 @@ void UserList::moveQuota(UserInfo& info) const {
 }
 
 void UserList::moveHomes() {
+    const CopyPrivileges privileges; // once for all of them
     RunTime::PinnedPath above(from_);
     for (const UserInfo* info : outermostHomes()) {
         ThreadCancelation::check();

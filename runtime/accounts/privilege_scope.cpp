@@ -17,15 +17,17 @@ std::uint64_t number(const LUID& id) {
     return static_cast<std::uint64_t>(static_cast<std::uint32_t>(id.HighPart)) << 32 | id.LowPart;
 }
 
-// How many scopes want a privilege of a token, and whether the first of them had to enable it.
+// What scopes want of a token.
 struct Use {
     int scopes = 0;
-    bool ours = false;
+    bool held = false;
+    bool ours = false;   // the first scope had to enable it
+    LUID privilege = {}; // of one that is held
 };
 
 struct Uses {
     std::mutex mutex;
-    std::map<std::pair<std::uint64_t, std::uint64_t>, Use> map; // token and privilege
+    std::map<std::pair<std::uint64_t, std::wstring>, Use> map; // token and name
 };
 
 Uses& uses() {
@@ -84,53 +86,52 @@ PrivilegeScope::~PrivilegeScope() {
 }
 
 bool PrivilegeScope::holds(const wchar_t* name) const {
-    return std::any_of(held_.begin(), held_.end(),
-                       [=](const Held& held) { return held.name == name; });
+    return std::find(held_.begin(), held_.end(), name) != held_.end();
 }
 
 void PrivilegeScope::enable(const wchar_t* name) {
-    LUID privilege = {};
-    DWORD code =
-        ::LookupPrivilegeValueW(nullptr, name, &privilege) ? ERROR_SUCCESS : ::GetLastError();
-    if (code == ERROR_SUCCESS) {
-        const std::lock_guard lock(uses().mutex);
-        held_.push_back({name, privilege}); // first, so that nothing enabled is lost
-        Use& use = uses().map[{tokenId_, number(privilege)}];
+    const std::lock_guard lock(uses().mutex);
+    const auto [found, isNew] = uses().map.try_emplace({tokenId_, name});
+    Use& use = found->second;
+    if (isNew) {
         bool was = false;
-        code = adjust(token_.get(), privilege, SE_PRIVILEGE_ENABLED, was);
+        DWORD code = ::LookupPrivilegeValueW(nullptr, name, &use.privilege) ? ERROR_SUCCESS
+                                                                            : ::GetLastError();
         if (code == ERROR_SUCCESS) {
-            if (use.scopes++ == 0) {
-                use.ours = !was;
-            }
-            return;
+            code = adjust(token_.get(), use.privilege, SE_PRIVILEGE_ENABLED, was);
         }
-        held_.pop_back();
-        if (use.scopes == 0) {
-            uses().map.erase({tokenId_, number(privilege)});
+        if (code != ERROR_SUCCESS && code != ERROR_NOT_ALL_ASSIGNED &&
+            code != ERROR_NO_SUCH_PRIVILEGE) {
+            uses().map.erase(found);
+            _throwError(L"Unable to adjust token privileges", code,
+                        {L"", "RunTime::PrivilegeScope::enable", __LINE__});
         }
+        use.held = code == ERROR_SUCCESS;
+        use.ours = use.held && !was;
     }
-    if (code != ERROR_NOT_ALL_ASSIGNED && code != ERROR_NO_SUCH_PRIVILEGE) {
-        _throwError(L"Unable to adjust token privileges", code,
-                    {L"", "RunTime::PrivilegeScope::enable", __LINE__});
+    ++use.scopes;
+    (use.held ? held_ : missing_).emplace_back(name);
+    if (isNew && !use.held) {
+        newlyMissing_.emplace_back(name);
     }
-    missing_.push_back(name);
 }
 
 void PrivilegeScope::giveBack() noexcept {
     const DWORD code = ::GetLastError();
     const std::lock_guard lock(uses().mutex);
-    for (const Held& held : held_) {
-        const auto use = uses().map.find({tokenId_, number(held.privilege)});
-        if (use == uses().map.end() || --use->second.scopes != 0) {
-            continue;
+    for (const auto* names : {&held_, &missing_}) {
+        for (const std::wstring& name : *names) {
+            const auto use = uses().map.find({tokenId_, name});
+            if (use == uses().map.end() || --use->second.scopes != 0) {
+                continue;
+            }
+            if (use->second.ours) {
+                bool was = false;
+                adjust(token_.get(), use->second.privilege, 0, was);
+            }
+            uses().map.erase(use);
         }
-        if (use->second.ours) {
-            bool was = false;
-            adjust(token_.get(), held.privilege, 0, was);
-        }
-        uses().map.erase(use);
     }
-    held_.clear();
     ::SetLastError(code);
 }
 

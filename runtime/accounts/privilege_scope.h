@@ -1,6 +1,8 @@
 // Enables privileges of the token in force (the thread's while it impersonates, otherwise the
 // process's) for the life of the object, and gives back what was not enabled before. Scopes may
-// overlap, on one thread or on several: a privilege goes with the last scope that wanted it.
+// overlap, on one thread or on several: a privilege goes with the last scope that wanted it. One
+// that wants what another of the same token has, or has found missing, does not ask the system
+// again; so many short ones are cheap inside of a long one.
 #pragma once
 
 #include "runtime/auto_handle.h"
@@ -26,20 +28,18 @@ public:
     bool holds(const wchar_t* name) const;
     // Those asked for that the token does not hold, in the order asked.
     const std::vector<std::wstring>& missing() const noexcept { return missing_; }
+    // Those of them that no other living scope had found missing: to be told once.
+    const std::vector<std::wstring>& newlyMissing() const noexcept { return newlyMissing_; }
 
 private:
-    struct Held {
-        std::wstring name;
-        LUID privilege;
-    };
-
     void enable(const wchar_t* name);
     void giveBack() noexcept;
 
     AutoHandle token_;
     std::uint64_t tokenId_ = 0;
-    std::vector<Held> held_;
+    std::vector<std::wstring> held_;
     std::vector<std::wstring> missing_;
+    std::vector<std::wstring> newlyMissing_;
 };
 
 } // namespace RunTime

@@ -3,6 +3,7 @@
 #include "runtime/auto_handle.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
+#include "runtime/files/volume_kind.h"
 #include "runtime/format_string.h"
 
 #include <algorithm>
@@ -502,23 +503,19 @@ bool theSameDirectory(const std::wstring& first, const std::wstring& second) {
 }
 
 VolumeInformation volumeInformation(const std::wstring& path) {
+    const VolumeKind kind = volumeKind(path);
     VolumeInformation result;
-    result.root = volumeRoot(path);
+    result.root = kind.root;
+    result.fileSystem = kind.fileSystem;
+    result.serial = kind.serial;
+    result.flags = kind.flags;
     const auto check = [&](BOOL succeeded, int line) {
         if (!succeeded) {
             const DWORD code = ::GetLastError();
-            _throwError(formatString(L"Unable to get volume information (%s)",
-                                     nicePath(result.root).c_str())
-                            .c_str(),
-                        code, {L"", "RunTime::volumeInformation", line});
+            throwForPath(L"Unable to get volume information (%s)", result.root, code,
+                         "RunTime::volumeInformation", line);
         }
     };
-    wchar_t fileSystem[MAX_PATH + 1] = {};
-    check(::GetVolumeInformationW(result.root.c_str(), nullptr, 0, &result.serial, nullptr,
-                                  &result.flags, fileSystem,
-                                  static_cast<DWORD>(std::size(fileSystem))),
-          __LINE__);
-    result.fileSystem = fileSystem;
     result.driveType = ::GetDriveTypeW(result.root.c_str());
     ULARGE_INTEGER available = {};
     ULARGE_INTEGER total = {};

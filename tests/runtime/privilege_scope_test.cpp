@@ -73,6 +73,31 @@ TEST(PrivilegeScopeTest, OverlappingScopesDoNotTakeFromEachOther) {
     }
 }
 
+TEST(PrivilegeScopeTest, AsksNothingOfTheSystemInsideAnother) {
+    const std::vector<std::wstring> missing = {SE_ASSIGNPRIMARYTOKEN_NAME};
+    const PrivilegeScope outer({SE_BACKUP_NAME, SE_ASSIGNPRIMARYTOKEN_NAME});
+    EXPECT_EQ(outer.newlyMissing(), missing);
+    FaultPoint lookup("LookupPrivilegeValueW");
+    FaultPoint adjust("AdjustTokenPrivileges");
+    {
+        const PrivilegeScope inner({SE_BACKUP_NAME, SE_ASSIGNPRIMARYTOKEN_NAME, SE_RESTORE_NAME});
+        EXPECT_TRUE(inner.holds(SE_BACKUP_NAME));
+        EXPECT_EQ(inner.missing(), missing);
+        EXPECT_TRUE(inner.newlyMissing().empty()) << "it is told once";
+        EXPECT_EQ(lookup.calls, 1) << "of the one that the outer scope has not";
+        EXPECT_EQ(adjust.calls, 1);
+    }
+    EXPECT_EQ(adjust.calls, 2) << "that one is given back";
+    // Another token may have what this one lacks.
+    ASSERT_TRUE(::ImpersonateSelf(SecurityImpersonation));
+    {
+        const PrivilegeScope other({SE_BACKUP_NAME, SE_ASSIGNPRIMARYTOKEN_NAME});
+        EXPECT_EQ(adjust.calls, 4);
+        EXPECT_EQ(other.newlyMissing(), missing);
+    }
+    ASSERT_TRUE(::RevertToSelf());
+}
+
 TEST(PrivilegeScopeTest, ActsOnTheTokenInForce) {
     ASSERT_TRUE(::ImpersonateSelf(SecurityImpersonation));
     {
