@@ -1,11 +1,10 @@
 #include "api/data_location.h"
-#include "api/flat/flat_support.h"
+#include "api/flat/flat_location.h"
 
 #include <memory>
 
 using namespace zopobsolete::flat;
 using zopobsolete::DataLocation;
-using zopobsolete::StreamType;
 
 namespace {
 
@@ -25,26 +24,10 @@ struct zop_data_location {
     std::shared_ptr<Location> shared;
 };
 
-namespace {
-
-std::shared_ptr<Location> of(zop_data_location* given) {
-    return needed(given, L"location")->shared;
-}
-
-template <class Getter>
-zop_list* listOf(zop_data_location* location, zop_error** error, Getter getter) {
-    return guarded(error, [&] { return handle<zop_list>((of(location)->native.*getter)()); });
-}
-
-} // namespace
-
 zop_data_location* ZOP_CALL zop_data_location_create(std::int32_t streams, std::int32_t copy_owner,
                                                      const zop_data_location_events* events,
                                                      zop_error** error) {
-    return guarded(error, [&] {
-        return handle<zop_data_location>(
-            std::make_shared<Location>(events, static_cast<StreamType>(streams), copy_owner != 0));
-    });
+    return newLocation<zop_data_location, Location>(streams, copy_owner, events, error);
 }
 
 void ZOP_CALL zop_data_location_free(zop_data_location* location) {
@@ -53,23 +36,19 @@ void ZOP_CALL zop_data_location_free(zop_data_location* location) {
 
 std::int32_t ZOP_CALL zop_data_location_get_copy_streams(zop_data_location* location,
                                                          std::int32_t* streams, zop_error** error) {
-    return done(error, [&] {
-        *needed(streams, L"streams") =
-            static_cast<std::int32_t>(of(location)->native.get_CopyStreams());
-    });
+    return getCopyStreams(location, streams, error);
 }
 
 std::int32_t ZOP_CALL zop_data_location_set_copy_streams(zop_data_location* location,
                                                          std::int32_t streams, zop_error** error) {
-    return done(error,
-                [&] { of(location)->native.set_CopyStreams(static_cast<StreamType>(streams)); });
+    return setCopyStreams(location, streams, error);
 }
 
 std::int32_t ZOP_CALL zop_data_location_change(zop_data_location* location, const wchar_t* source,
                                                const wchar_t* dest, std::int32_t* moved,
                                                zop_error** error) {
     return done(error, [&] {
-        const std::shared_ptr<Location> shared = of(location);
+        const std::shared_ptr<Location> shared = locationOf(location);
         const bool result = shared->native.Change(needed(source, L"source"), needed(dest, L"dest"));
         if (moved != nullptr) {
             *moved = result ? 1 : 0;
@@ -78,11 +57,11 @@ std::int32_t ZOP_CALL zop_data_location_change(zop_data_location* location, cons
 }
 
 std::int32_t ZOP_CALL zop_data_location_commit(zop_data_location* location, zop_error** error) {
-    return done(error, [&] { of(location)->native.Commit(); });
+    return commit(location, error);
 }
 
 std::int32_t ZOP_CALL zop_data_location_rollback(zop_data_location* location, zop_error** error) {
-    return done(error, [&] { of(location)->native.Rollback(); });
+    return rollback(location, error);
 }
 
 zop_list* ZOP_CALL zop_data_location_failed(zop_data_location* location, zop_error** error) {

@@ -1,10 +1,9 @@
-#include "api/flat/flat_support.h"
+#include "api/flat/flat_location.h"
 #include "api/virtual_hosts_location.h"
 
 #include <memory>
 
 using namespace zopobsolete::flat;
-using zopobsolete::StreamType;
 using zopobsolete::VirtualHostsLocation;
 
 namespace {
@@ -29,27 +28,11 @@ struct zop_vhosts_location {
     std::shared_ptr<Location> shared;
 };
 
-namespace {
-
-std::shared_ptr<Location> of(zop_vhosts_location* given) {
-    return needed(given, L"location")->shared;
-}
-
-template <class Getter>
-zop_list* listOf(zop_vhosts_location* location, zop_error** error, Getter getter) {
-    return guarded(error, [&] { return handle<zop_list>((of(location)->native.*getter)()); });
-}
-
-} // namespace
-
 zop_vhosts_location* ZOP_CALL zop_vhosts_location_create(std::int32_t streams,
                                                          std::int32_t copy_owner,
                                                          const zop_vhosts_location_events* events,
                                                          zop_error** error) {
-    return guarded(error, [&] {
-        return handle<zop_vhosts_location>(
-            std::make_shared<Location>(events, static_cast<StreamType>(streams), copy_owner != 0));
-    });
+    return newLocation<zop_vhosts_location, Location>(streams, copy_owner, events, error);
 }
 
 void ZOP_CALL zop_vhosts_location_free(zop_vhosts_location* location) {
@@ -59,24 +42,20 @@ void ZOP_CALL zop_vhosts_location_free(zop_vhosts_location* location) {
 std::int32_t ZOP_CALL zop_vhosts_location_get_copy_streams(zop_vhosts_location* location,
                                                            std::int32_t* streams,
                                                            zop_error** error) {
-    return done(error, [&] {
-        *needed(streams, L"streams") =
-            static_cast<std::int32_t>(of(location)->native.get_CopyStreams());
-    });
+    return getCopyStreams(location, streams, error);
 }
 
 std::int32_t ZOP_CALL zop_vhosts_location_set_copy_streams(zop_vhosts_location* location,
                                                            std::int32_t streams,
                                                            zop_error** error) {
-    return done(error,
-                [&] { of(location)->native.set_CopyStreams(static_cast<StreamType>(streams)); });
+    return setCopyStreams(location, streams, error);
 }
 
 std::int32_t ZOP_CALL zop_vhosts_location_change(zop_vhosts_location* location,
                                                  const wchar_t* source, const wchar_t* dest,
                                                  std::int32_t* cancelled, zop_error** error) {
     return done(error, [&] {
-        const std::shared_ptr<Location> shared = of(location);
+        const std::shared_ptr<Location> shared = locationOf(location);
         std::int32_t unused = 0;
         std::int32_t& wasCancelled = cancelled != nullptr ? *cancelled : unused;
         wasCancelled = 0;
@@ -94,12 +73,12 @@ std::int32_t ZOP_CALL zop_vhosts_location_change(zop_vhosts_location* location,
 }
 
 std::int32_t ZOP_CALL zop_vhosts_location_commit(zop_vhosts_location* location, zop_error** error) {
-    return done(error, [&] { of(location)->native.Commit(); });
+    return commit(location, error);
 }
 
 std::int32_t ZOP_CALL zop_vhosts_location_rollback(zop_vhosts_location* location,
                                                    zop_error** error) {
-    return done(error, [&] { of(location)->native.Rollback(); });
+    return rollback(location, error);
 }
 
 zop_list* ZOP_CALL zop_vhosts_location_failed(zop_vhosts_location* location, zop_error** error) {

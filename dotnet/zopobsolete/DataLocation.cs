@@ -50,7 +50,7 @@ namespace zopobsolete
         public DataLocation(StreamType type, bool copyOwner)
         {
             native = new NativeObject(
-                this,
+                this, listener,
                 (IntPtr context, out IntPtr error) =>
                 {
                     var events = new NativeMethods.DataLocationEvents
@@ -84,57 +84,41 @@ namespace zopobsolete
         /// <summary>The kinds of stream that a copy carries over. None is stored as all seven.</summary>
         public StreamType CopyStreams
         {
-            get
-            {
-                NativeMethods.zop_data_location_get_copy_streams(native, out int streams, out IntPtr error);
-                listener.Check(error);
-                return (StreamType)streams;
-            }
-            set
-            {
-                NativeMethods.zop_data_location_set_copy_streams(native, (int)value, out IntPtr error);
-                listener.Check(error);
-            }
+            get => (StreamType)native.Get<int>(NativeMethods.zop_data_location_get_copy_streams);
+            set => native.Call(
+                (NativeObject location, out IntPtr error) =>
+                    NativeMethods.zop_data_location_set_copy_streams(location, (int)value, out error));
         }
 
         /// <summary>The names of the items that could not be moved, in the order of failure: a new list of strings.</summary>
-        public ArrayList Failed =>
-            new ArrayList(NativeResult.List(NativeMethods.zop_data_location_failed(native, out IntPtr error), error));
+        public ArrayList Failed => new ArrayList(native.List(NativeMethods.zop_data_location_failed));
 
         /// <summary>What the last Commit or Rollback left in place.</summary>
-        public string[] LeftBehind =>
-            NativeResult.List(NativeMethods.zop_data_location_left_behind(native, out IntPtr error), error);
+        public string[] LeftBehind => native.List(NativeMethods.zop_data_location_left_behind);
 
         /// <summary>What the system will remove or move at its next restart.</summary>
-        public string[] PendingRestart =>
-            NativeResult.List(NativeMethods.zop_data_location_pending_restart(native, out IntPtr error), error);
+        public string[] PendingRestart => native.List(NativeMethods.zop_data_location_pending_restart);
 
         /// <summary>Moves the directory.</summary>
         /// <returns>False when a listener cancelled; call <see cref="Rollback"/> then.</returns>
         /// <exception cref="System.Exception">It failed; call <see cref="Rollback"/>.</exception>
         public bool Change(string source, string dest)
         {
-            NativeMethods.zop_data_location_change(
-                native, Native.Whole(source, "source"), Native.Whole(dest, "dest"), out int moved, out IntPtr error);
-            GC.KeepAlive(this);
-            listener.Check(error);
-            return moved != 0;
+            return native.Get(
+                (NativeObject location, out int moved, out IntPtr error) => NativeMethods.zop_data_location_change(
+                    location, Native.Whole(source, "source"), Native.Whole(dest, "dest"), out moved, out error)) != 0;
         }
 
         /// <summary>Makes the move final: the old place is removed.</summary>
         public void Commit()
         {
-            NativeMethods.zop_data_location_commit(native, out IntPtr error);
-            GC.KeepAlive(this);
-            listener.Check(error);
+            native.Call(NativeMethods.zop_data_location_commit);
         }
 
         /// <summary>Undoes the move, as far as it had come.</summary>
         public void Rollback()
         {
-            NativeMethods.zop_data_location_rollback(native, out IntPtr error);
-            GC.KeepAlive(this);
-            listener.Check(error);
+            native.Call(NativeMethods.zop_data_location_rollback);
         }
 
         /// <summary>Releases the native object; an open move is not rolled back.</summary>

@@ -9,16 +9,23 @@ namespace zopobsolete
     internal sealed class NativeObject : SafeHandle
     {
         readonly Action<IntPtr> free;
-        GCHandle owner; // weak: a dropped object is collected though native code knows of it
+        readonly Listener listener;
+        readonly object owner; // null without callbacks
+        GCHandle context;      // weak: a dropped object is collected though native code knows of it
 
         internal delegate IntPtr Create(IntPtr context, out IntPtr error);
+        internal delegate int Operation(NativeObject native, out IntPtr error);
+        internal delegate int Getter<T>(NativeObject native, out T value, out IntPtr error);
+        internal delegate IntPtr Result(NativeObject native, out IntPtr error);
 
-        internal NativeObject(object owner, Create create, Action<IntPtr> free) : base(IntPtr.Zero, true)
+        internal NativeObject(object owner, Listener listener, Create create, Action<IntPtr> free) : base(IntPtr.Zero, true)
         {
+            this.owner = owner;
+            this.listener = listener;
             this.free = free;
             Native.CheckVersion();
-            this.owner = GCHandle.Alloc(owner, GCHandleType.Weak);
-            handle = create(GCHandle.ToIntPtr(this.owner), out IntPtr error);
+            context = GCHandle.Alloc(owner, GCHandleType.Weak);
+            handle = create(GCHandle.ToIntPtr(context), out IntPtr error);
             NativeResult.Check(error);
         }
 
@@ -26,10 +33,37 @@ namespace zopobsolete
         internal NativeObject(IntPtr native, Action<IntPtr> free) : base(IntPtr.Zero, true)
         {
             this.free = free;
+            listener = new Listener();
             handle = native;
         }
 
         public override bool IsInvalid => false; // there is always a context to free
+
+        // Each calls the function, and throws what it or a listener has to say.
+        internal void Call(Operation operation)
+        {
+            operation(this, out IntPtr error);
+            GC.KeepAlive(owner);
+            listener.Check(error);
+        }
+
+        internal T Get<T>(Getter<T> getter)
+        {
+            getter(this, out T value, out IntPtr error);
+            GC.KeepAlive(owner);
+            listener.Check(error);
+            return value;
+        }
+
+        internal string[] List(Result result)
+        {
+            return NativeResult.List(result(this, out IntPtr error), error);
+        }
+
+        internal string Text(Result result)
+        {
+            return NativeResult.Text(result(this, out IntPtr error), error);
+        }
 
         protected override bool ReleaseHandle()
         {
@@ -37,9 +71,9 @@ namespace zopobsolete
             {
                 free(handle);
             }
-            if (owner.IsAllocated)
+            if (context.IsAllocated)
             {
-                owner.Free();
+                context.Free();
             }
             return true;
         }

@@ -59,7 +59,7 @@ namespace zopobsolete
         public VHostsSecurity(string root)
         {
             native = new NativeObject(
-                this,
+                this, listener,
                 (IntPtr context, out IntPtr error) =>
                 {
                     var events = new NativeMethods.VHostsSecurityEvents
@@ -95,19 +95,10 @@ namespace zopobsolete
         public event ItemErrorDelegate Error;
 
         /// <summary>The file in which the last repair kept the permissions that it replaced; empty when it replaced none.</summary>
-        public string UndoFile =>
-            NativeResult.Text(NativeMethods.zop_vhosts_security_undo_file(native, out IntPtr error), error);
+        public string UndoFile => native.Text(NativeMethods.zop_vhosts_security_undo_file);
 
         /// <summary>How many items the last check gave other permissions.</summary>
-        public long RepairedCount
-        {
-            get
-            {
-                NativeMethods.zop_vhosts_security_repaired_count(native, out long count, out IntPtr error);
-                listener.Check(error);
-                return count;
-            }
-        }
+        public long RepairedCount => native.Get<long>(NativeMethods.zop_vhosts_security_repaired_count);
 
         /// <summary>"web" for Webuser, "domain" for everything else.</summary>
         public static string translateHostingType(HostingType hosting)
@@ -126,18 +117,16 @@ namespace zopobsolete
             {
                 throw new ArgumentNullException("user");
             }
-            NativeMethods.zop_vhosts_security_check(
-                native, (int)hosting, Native.Whole(user, "user"), Native.Whole(parent, "parent"), (int)flags, out IntPtr error);
-            GC.KeepAlive(this);
-            listener.Check(error);
+            native.Call((NativeObject security, out IntPtr error) => NativeMethods.zop_vhosts_security_check(
+                security, (int)hosting, Native.Whole(user, "user"), Native.Whole(parent, "parent"), (int)flags, out error));
         }
 
         /// <summary>Sees to the permissions of a domain that only forwards, and so has no account.</summary>
         public void CheckFrameForwardingPermissions(CheckPermissionsFlags flags)
         {
-            NativeMethods.zop_vhosts_security_check_frame_forwarding(native, (int)flags, out IntPtr error);
-            GC.KeepAlive(this);
-            listener.Check(error);
+            native.Call(
+                (NativeObject security, out IntPtr error) =>
+                    NativeMethods.zop_vhosts_security_check_frame_forwarding(security, (int)flags, out error));
         }
 
         /// <summary>Looks at accounts and permissions and changes nothing at all.</summary>
@@ -148,12 +137,8 @@ namespace zopobsolete
             {
                 throw new ArgumentNullException("user");
             }
-            NativeMethods.zop_vhosts_security_inspect(
-                native, (int)hosting, Native.Whole(user, "user"), Native.Whole(parent, "parent"), out int whole,
-                out IntPtr error);
-            GC.KeepAlive(this);
-            listener.Check(error);
-            return whole != 0;
+            return native.Get((NativeObject security, out int whole, out IntPtr error) => NativeMethods.zop_vhosts_security_inspect(
+                security, (int)hosting, Native.Whole(user, "user"), Native.Whole(parent, "parent"), out whole, out error)) != 0;
         }
 
         /// <summary>Releases the native object.</summary>

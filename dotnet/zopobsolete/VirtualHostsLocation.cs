@@ -48,7 +48,7 @@ namespace zopobsolete
         public VirtualHostsLocation(StreamType type, bool copyOwner)
         {
             native = new NativeObject(
-                this,
+                this, listener,
                 (IntPtr context, out IntPtr error) =>
                 {
                     var events = new NativeMethods.VHostsLocationEvents
@@ -94,36 +94,26 @@ namespace zopobsolete
         /// <summary>The kinds of stream that a copy carries over. None is stored as all seven.</summary>
         public StreamType CopyStreams
         {
-            get
-            {
-                NativeMethods.zop_vhosts_location_get_copy_streams(native, out int streams, out IntPtr error);
-                listener.Check(error);
-                return (StreamType)streams;
-            }
-            set
-            {
-                NativeMethods.zop_vhosts_location_set_copy_streams(native, (int)value, out IntPtr error);
-                listener.Check(error);
-            }
+            get => (StreamType)native.Get<int>(NativeMethods.zop_vhosts_location_get_copy_streams);
+            set => native.Call(
+                (NativeObject location, out IntPtr error) =>
+                    NativeMethods.zop_vhosts_location_set_copy_streams(location, (int)value, out error));
         }
 
         /// <summary>
         /// The names of the items that could not be moved, in the order of failure: a new list of strings. Empty when the last
         /// Change was cancelled.
         /// </summary>
-        public ArrayList Failed =>
-            new ArrayList(NativeResult.List(NativeMethods.zop_vhosts_location_failed(native, out IntPtr error), error));
+        public ArrayList Failed => new ArrayList(native.List(NativeMethods.zop_vhosts_location_failed));
 
         /// <summary>Whether the last Change was cancelled.</summary>
         public bool Canceled { get; private set; }
 
         /// <summary>What the last Commit or Rollback left in place.</summary>
-        public string[] LeftBehind =>
-            NativeResult.List(NativeMethods.zop_vhosts_location_left_behind(native, out IntPtr error), error);
+        public string[] LeftBehind => native.List(NativeMethods.zop_vhosts_location_left_behind);
 
         /// <summary>What the system will remove or move at its next restart.</summary>
-        public string[] PendingRestart =>
-            NativeResult.List(NativeMethods.zop_vhosts_location_pending_restart(native, out IntPtr error), error);
+        public string[] PendingRestart => native.List(NativeMethods.zop_vhosts_location_pending_restart);
 
         /// <summary>Moves the directory from its configured place.</summary>
         /// <returns>False. A Change that a listener cancels throws.</returns>
@@ -149,9 +139,7 @@ namespace zopobsolete
         /// <returns>Whether a part of it was cancelled, which is never so.</returns>
         public bool Commit()
         {
-            NativeMethods.zop_vhosts_location_commit(native, out IntPtr error);
-            GC.KeepAlive(this);
-            listener.Check(error);
+            native.Call(NativeMethods.zop_vhosts_location_commit);
             return false;
         }
 
@@ -159,9 +147,7 @@ namespace zopobsolete
         /// <returns>Whether a part of it was cancelled, which is never so.</returns>
         public bool Rollback()
         {
-            NativeMethods.zop_vhosts_location_rollback(native, out IntPtr error);
-            GC.KeepAlive(this);
-            listener.Check(error);
+            native.Call(NativeMethods.zop_vhosts_location_rollback);
             return false;
         }
 
@@ -206,11 +192,13 @@ namespace zopobsolete
 
         bool ChangeFrom(string source, string dest)
         {
-            NativeMethods.zop_vhosts_location_change(
-                native, Native.Whole(source, "source"), Native.Whole(dest, "dest"), out int cancelled, out IntPtr error);
-            GC.KeepAlive(this);
-            Canceled = cancelled != 0;
-            listener.Check(error);
+            native.Call((NativeObject location, out IntPtr error) =>
+            {
+                int done = NativeMethods.zop_vhosts_location_change(
+                    location, Native.Whole(source, "source"), Native.Whole(dest, "dest"), out int cancelled, out error);
+                Canceled = cancelled != 0;
+                return done;
+            });
             return false;
         }
 

@@ -44,26 +44,10 @@ namespace zopobsolete
         public event DatabaseProgressDelegate progressEvent;
 
         /// <summary>How many transactions are open, one in the other.</summary>
-        public int transLevel
-        {
-            get
-            {
-                NativeMethods.zop_database_trans_level(native, out int level, out IntPtr error);
-                NativeResult.Check(error);
-                return level;
-            }
-        }
+        public int transLevel => native.Get<int>(NativeMethods.zop_database_trans_level);
 
         /// <summary>The identifier that the last execute made in an AUTO_INCREMENT column; 0: none.</summary>
-        public ulong lastInsertId
-        {
-            get
-            {
-                NativeMethods.zop_database_last_insert_id(native, out ulong id, out IntPtr error);
-                NativeResult.Check(error);
-                return id;
-            }
-        }
+        public ulong lastInsertId => native.Get<ulong>(NativeMethods.zop_database_last_insert_id);
 
         /// <summary>Runs a statement that gives rows.</summary>
         public ZOPMySQLRecordSet query(string sql, params object[] values)
@@ -97,22 +81,19 @@ namespace zopobsolete
         /// <summary>Begins a transaction, or one inside it.</summary>
         public void beginTrans()
         {
-            NativeMethods.zop_database_begin_trans(native, out IntPtr error);
-            NativeResult.Check(error);
+            native.Call(NativeMethods.zop_database_begin_trans);
         }
 
         /// <summary>Ends a transaction; the outermost takes effect, or fails where one inside was rolled back.</summary>
         public void commitTrans()
         {
-            NativeMethods.zop_database_commit_trans(native, out IntPtr error);
-            NativeResult.Check(error);
+            native.Call(NativeMethods.zop_database_commit_trans);
         }
 
         /// <summary>Ends a transaction; the outermost will not take effect.</summary>
         public void rollbackTrans()
         {
-            NativeMethods.zop_database_rollback_trans(native, out IntPtr error);
-            NativeResult.Check(error);
+            native.Call(NativeMethods.zop_database_rollback_trans);
         }
 
         /// <summary>Locks tables for this connection, which then can use no others.</summary>
@@ -130,15 +111,14 @@ namespace zopobsolete
             {
                 kinds[i] = write ? 1 : 0;
             }
-            NativeMethods.zop_database_lock_tables(native, tables, kinds, (UIntPtr)tables.Length, out IntPtr error);
-            NativeResult.Check(error);
+            native.Call((NativeObject database, out IntPtr error) => NativeMethods.zop_database_lock_tables(
+                database, tables, kinds, (UIntPtr)tables.Length, out error));
         }
 
         /// <summary>Gives all locked tables back.</summary>
         public void unlockTables()
         {
-            NativeMethods.zop_database_unlock_tables(native, out IntPtr error);
-            NativeResult.Check(error);
+            native.Call(NativeMethods.zop_database_unlock_tables);
         }
 
         /// <summary>Writes all tables into one file, which only System and Administrators may read.</summary>

@@ -16,7 +16,7 @@ namespace zopobsolete
         }
 
         /// <summary>The names of the columns, in order.</summary>
-        public string[] columns => NativeResult.List(NativeMethods.zop_record_set_columns(native, out IntPtr error), error);
+        public string[] columns => native.List(NativeMethods.zop_record_set_columns);
 
         /// <summary>A column of this row by its name, in any letter case; null for NULL.</summary>
         public string this[string column]
@@ -46,9 +46,7 @@ namespace zopobsolete
         /// <returns>False when there is none.</returns>
         public bool next()
         {
-            NativeMethods.zop_record_set_next(native, out int row, out IntPtr error);
-            NativeResult.Check(error);
-            return row != 0;
+            return native.Get<int>(NativeMethods.zop_record_set_next) != 0;
         }
 
         /// <summary>Gives back what the rows hold.</summary>
