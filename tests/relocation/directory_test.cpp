@@ -98,40 +98,35 @@ TEST_F(DirectoryTest, RemovalGoesParentFirstAndLinksGoAsLinks) {
 TEST_F(DirectoryTest, CancelAtTheTotalOrTheFirstNameChangesNothing) {
     makeTree();
     const TreeImage before = imageOf(tree());
-    for (const bool atTotal : {true, false}) {
+    const auto request = [self = ::GetCurrentThreadId()] {
+        std::thread([self] { ThreadCancelation::request(self); }).join();
+    };
+    enum class At { Total, Name, Before, Within }; // the last two by a request of another thread
+    for (const At at : {At::Total, At::Name, At::Before, At::Within}) {
+        SCOPED_TRACE(static_cast<int>(at));
         Directory walker(tree());
         const Hook total = walker.progressEvent_Total.hook(
-            [&](std::int32_t, std::int64_t, bool& cancel) { cancel = atTotal; });
+            [&](std::int32_t, std::int64_t, bool& cancel) { cancel = at == At::Total; });
         const Hook name = walker.progressEvent_Name.hook(
-            [](const std::wstring&, bool, std::int64_t, bool& cancel) { cancel = true; });
+            [&](const std::wstring& path, bool, std::int64_t, bool& cancel) {
+                cancel = at == At::Name;
+                if (at == At::Within && path.ends_with(L"\\a")) { // before anything is removed
+                    request();
+                }
+            });
+        if (at == At::Before) {
+            request();
+        }
         EXPECT_THROW(walker.remove(1, true, true, nullptr), CanceledException);
         EXPECT_TRUE(sameTree(before, imageOf(tree())));
     }
-    // A request of another thread, before the walk and within it.
-    const DWORD self = ::GetCurrentThreadId();
-    const auto request = [self] {
-        std::thread([self] { ThreadCancelation::request(self); }).join();
-    };
-    Directory walker(tree());
-    request();
-    EXPECT_THROW(walker.remove(1, true, true, nullptr), CanceledException);
-    EXPECT_TRUE(sameTree(before, imageOf(tree())));
-    const Hook name =
-        walker.progressEvent_Name.hook([&](const std::wstring& path, bool, std::int64_t, bool&) {
-            if (path.ends_with(L"\\a")) {
-                request();
-            }
-        });
-    EXPECT_THROW(walker.remove(1, true, true, nullptr), CanceledException);
-    EXPECT_TRUE(sameTree(before, imageOf(tree()))) << "nothing is removed before inner";
 }
 
 TEST_F(DirectoryTest, WhatCannotBeRemovedStaysWithItsParents) {
     for (const bool ignored : {true, false}) {
         makeTree();
-        const RunTime::AutoHandle inUse(
-            ::CreateFileW((tree() + L"\\a\\x.txt").c_str(), GENERIC_READ,
-                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+        const RunTime::AutoHandle inUse = RunTime::openExisting(
+            tree() + L"\\a\\x.txt", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
         Directory walker(tree(), true);
         Lines messages;
         const Hook hook = walker.errorEvent.hook([&](const std::wstring& message, bool& ignore) {
@@ -273,15 +268,11 @@ TEST_F(DirectoryTest, SwappedDirectoryIsNeverFollowedByRollbackOrMerge) {
                     swapped = ntfs_.swapForLink(sub, unixPath(victim()));
                 }
             });
-        Lines messages;
-        const Hook errors = mover.errorEvent.hook([&](const std::wstring& message, bool& ignore) {
-            messages.push_back(message);
-            ignore = true;
-        });
+        const IgnoredErrors errors(mover);
         mover.rollback();
         EXPECT_TRUE(tried);
         EXPECT_EQ(swapped, !inside);
-        EXPECT_EQ(messages.size(), inside ? 0u : 2u);
+        EXPECT_EQ(errors.messages.size(), inside ? 0u : 2u);
         EXPECT_TRUE(sameTree(before, imageOf(victim())));
         unixRemoveTree(unixPath(target()));
     }
@@ -303,14 +294,10 @@ TEST(DirectoryOnPlainFilesTest, LinkThatCannotBeReadIsAnErrorOfThatItem) {
     temp.writeFile(L"tree\\file.txt");
     unixSymlink(unixPath(temp / L"victim"), temp / L"tree\\link");
     Directory walker(temp / L"tree");
-    std::vector<std::wstring> messages;
-    const Hook hook = walker.errorEvent.hook([&](const std::wstring& message, bool& ignore) {
-        messages.push_back(message);
-        ignore = true;
-    });
+    const IgnoredErrors errors(walker);
     walker.remove(1, true, true, nullptr);
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_NE(messages[0].find(L"Unable to read link (" + temp.nice() + L"\\tree\\link)"),
+    ASSERT_EQ(errors.messages.size(), 1u);
+    EXPECT_NE(errors.messages[0].find(L"Unable to read link (" + temp.nice() + L"\\tree\\link)"),
               std::wstring::npos);
     EXPECT_TRUE(temp.has(L"victim\\inner.txt"));
     EXPECT_EQ(unixEntries(unixPath(temp / L"tree")), std::vector<std::string>{"link"});

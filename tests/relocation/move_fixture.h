@@ -6,6 +6,7 @@
 #include "tests/support/import_patch.h"
 #include "tests/support/ntfs_fake.h"
 #include "tests/support/temp_directory.h"
+#include "tests/support/test_drive.h"
 #include "tests/support/tree_image.h"
 
 #include <algorithm>
@@ -13,6 +14,19 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+// Ignores the errors of a walk, a copy or a move, and keeps their messages.
+struct IgnoredErrors {
+    template <class Source>
+    explicit IgnoredErrors(Source& source)
+        : hook(source.errorEvent.hook([this](const std::wstring& message, bool& ignore) {
+              messages.push_back(message);
+              ignore = true;
+          })) {}
+
+    std::vector<std::wstring> messages;
+    const Hook hook;
+};
 
 class MoveFixture : public testing::Test {
 protected:
@@ -64,10 +78,8 @@ protected:
         return ntfs_.fingerprint(source()) + ntfs_.fingerprint(temp_ / L"store");
     }
     World world() {
-        ImageOptions options;
-        World image{imageOf(source(), options), imageOf(temp_ / L"store", options), fingerprint()};
-        image.store[std::wstring()].written =
-            0; // the parent's time changes with what comes and goes in it
+        World image{imageOf(source()), imageOf(temp_ / L"store"), fingerprint()};
+        image.store[L""].written = 0; // changes with what comes and goes in it
         return image;
     }
     void expectWorld(const World& before) {
@@ -98,16 +110,10 @@ protected:
         return names;
     }
 
-    // In memory where there is such a drive: the sweeps make some thousand trees.
-    static std::wstring quickDrive() {
-        wchar_t drive[8] = L"";
-        ::GetEnvironmentVariableW(L"ZOP_TEST_TMPFS_DRIVE", drive, 8);
-        return drive;
-    }
-
     static void WINAPI noPause(DWORD) {}
     ImportPatch noPauses_{"Sleep", &noPause}; // of the retries
-    TempDirectory temp_{quickDrive()};
+    // In memory where there is such a drive: the sweeps make some thousand trees.
+    TempDirectory temp_{testDrive(L"ZOP_TEST_TMPFS_DRIVE")};
     NtfsFake ntfs_;
     std::vector<std::wstring> olderLogs_;
 };

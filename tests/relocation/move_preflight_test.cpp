@@ -1,26 +1,20 @@
 #include "relocation/move_preflight.h"
 
 #include "relocation/place_check.h"
-#include "runtime/exception.h"
 #include "runtime/text.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/temp_directory.h"
+#include "tests/support/test_drive.h"
 #include "tests/support/tree_image.h"
 #include "tests/support/unix_call.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace {
 
-std::wstring environment(const wchar_t* name) {
-    wchar_t value[MAX_PATH];
-    const DWORD length = ::GetEnvironmentVariableW(name, value, MAX_PATH);
-    return std::wstring(value, length < MAX_PATH ? length : 0);
-}
-
-// Volume flags and drive type as a test wants them.
-DWORD addedFlags;
-DWORD removedFlags;
+// Volume flags, drive type and free space as a test wants them.
+std::function<DWORD(const std::wstring& root, DWORD flags)> changedFlags;
 UINT driveType;
 decltype(&::GetVolumeInformationW) realVolumeInformation;
 
@@ -30,7 +24,7 @@ BOOL WINAPI fakeVolumeInformation(LPCWSTR root, LPWSTR name, DWORD size, LPDWORD
     const BOOL done =
         realVolumeInformation(root, name, size, serial, component, flags, system, systemSize);
     if (flags != nullptr) {
-        *flags = (*flags | addedFlags) & ~removedFlags;
+        *flags = changedFlags(root, *flags);
     }
     return done;
 }
@@ -55,17 +49,21 @@ protected:
         directory_.makeDirectory(L"out");
     }
 
-    std::wstring nice(const wchar_t* name) const { return directory_.nice() + L"\\" + name; }
+    // A path that begins with "~" lies in the test's directory.
+    std::wstring full(const std::wstring& path) const {
+        return path.starts_with(L'~') ? directory_.nice() + path.substr(1) : path;
+    }
 
-    MovePreflight::Result examine(const std::wstring& source, const std::wstring& target) {
+    MovePreflight::Result examine(const std::wstring& target,
+                                  const std::wstring& source = L"~\\data") {
         MovePreflight preflight;
-        return preflight.examine(source, target, options_);
+        return preflight.examine(full(source), full(target), options_);
     }
 
     // The code of the only refusal, which must have a reason and a remedy; "" when there is none.
-    std::string refusal(const std::wstring& source, const std::wstring& target) {
+    std::string refusal(const std::wstring& target, const std::wstring& source = L"~\\data") {
         std::string code;
-        for (const MoveFinding& finding : examine(source, target).findings) {
+        for (const MoveFinding& finding : examine(target, source).findings) {
             if (finding.severity == MoveFinding::Severity::Refuse) {
                 EXPECT_EQ(code, "") << "more than one";
                 EXPECT_FALSE(finding.reason.empty() || finding.remedy.empty()) << finding.code;
@@ -75,13 +73,13 @@ protected:
         }
         return code;
     }
-    std::string refusalOf(const std::wstring& target) { return refusal(nice(L"data"), target); }
 
-    static bool warns(const MovePreflight::Result& result, const std::string& code) {
-        return std::any_of(
-            result.findings.begin(), result.findings.end(), [&](const MoveFinding& finding) {
-                return finding.code == code && finding.severity == MoveFinding::Severity::Warn;
-            });
+    bool warns(const char* code, const std::wstring& target) {
+        const auto findings = examine(target).findings;
+        return std::any_of(findings.begin(), findings.end(), [&](const MoveFinding& finding) {
+            return finding.code == std::string(code) &&
+                   finding.severity == MoveFinding::Severity::Warn;
+        });
     }
 
     TempDirectory directory_;
@@ -92,7 +90,7 @@ protected:
 
 TEST_F(MovePreflightTest, AGoodMoveIsMeasuredAndNothingIsChanged) {
     const TreeImage before = imageOf(directory_.path());
-    const MovePreflight::Result result = examine(nice(L"data"), nice(L"out\\new"));
+    const MovePreflight::Result result = examine(L"~\\out\\new");
     EXPECT_TRUE(sameTree(before, imageOf(directory_.path())));
     EXPECT_FALSE(result.isRefused());
     EXPECT_TRUE(result.isExamined);
@@ -100,131 +98,124 @@ TEST_F(MovePreflightTest, AGoodMoveIsMeasuredAndNothingIsChanged) {
     EXPECT_EQ(result.contents.files, 2);
     EXPECT_EQ(result.contents.directories, 1);
     EXPECT_EQ(result.contents.bytes, 5001);
-    EXPECT_EQ(result.longestPath, (nice(L"out\\new") + L"\\sub\\b.txt").size());
+    EXPECT_EQ(result.longestPath, full(L"~\\out\\new\\sub\\b.txt").size());
     options_.copy = true;
-    const MovePreflight::Result copy = examine(nice(L"data"), nice(L"out\\new"));
+    const MovePreflight::Result copy = examine(L"~\\out\\new");
     EXPECT_TRUE(copy.willCopy);
     EXPECT_GE(copy.bytesNeeded, 5001);
     EXPECT_GT(copy.bytesFree, 0);
 }
 
-TEST_F(MovePreflightTest, PathsThatCannotBeMeantAreRefused) {
-    EXPECT_EQ(refusalOf(L""), "empty-path");
-    EXPECT_EQ(refusalOf(L"new"), "relative-path");
-    EXPECT_EQ(refusalOf(L"C:new"), "relative-path");
-    EXPECT_EQ(refusalOf(L"\\new"), "relative-path");
-    EXPECT_EQ(refusalOf(nice(L"out\\n*w")), "bad-character");
-    EXPECT_EQ(refusalOf(nice(L"out\" --yes")), "quote-in-path");
-    EXPECT_EQ(refusalOf(L"\\\\.\\C:"), "bad-character");
-    EXPECT_EQ(refusalOf(L"C:\\"), "target-around-source");
-    EXPECT_EQ(refusalOf(L"Z:\\"), "target-root");
-    EXPECT_EQ(refusalOf(L"Z:\\none\\here"), "target-parent-missing");
-    options_.createsTarget = true; // but no drive
-    EXPECT_EQ(refusalOf(L"Q:\\none\\here"), "target-parent-missing");
-}
-
-TEST_F(MovePreflightTest, SourcesThatAreNoDirectoryOfOursAreRefused) {
-    EXPECT_EQ(refusal(nice(L"none"), nice(L"out\\new")), "source-missing");
-    EXPECT_EQ(refusal(nice(L"data\\a.txt"), nice(L"out\\new")), "source-file");
-    EXPECT_EQ(refusal(L"C:\\", nice(L"out\\new")), "source-root");
-    EXPECT_EQ(refusal(L"C:\\Windows\\System32", nice(L"out\\new")), "source-system");
-    EXPECT_EQ(refusal(L"C:\\Program Files", nice(L"out\\new")), "source-system");
-    EXPECT_EQ(refusal(L"C:\\users", nice(L"out\\new")), "source-system");
-    EXPECT_EQ(refusal(L"C:\\ProgramData", nice(L"out\\new")), "source-system");
-    EXPECT_EQ(refusalOf(L"C:\\windows\\Temp\\new"), "target-system");
-    // The two paths the wrong way round.
-    const MovePreflight::Result swapped = examine(nice(L"none"), nice(L"data"));
+TEST_F(MovePreflightTest, PathsThatCannotBeMeantAndPlacesThatOverlapAreRefused) {
+    struct Case {
+        const char* code;
+        const wchar_t* target;
+        const wchar_t* source = L"~\\data";
+    };
+    const Case cases[] = {
+        {"empty-path", L""},
+        {"relative-path", L"new"},
+        {"bad-character", L"~\\out\\n*w"},
+        {"bad-character", L"\\\\.\\C:"},
+        {"quote-in-path", L"~\\out\" --yes"},
+        {"target-around-source", L"C:\\"},
+        {"target-root", L"Z:\\"},
+        {"target-parent-missing", L"~\\none\\new"},
+        {"target-file", L"~\\out\\file"},
+        {"target-system", L"C:\\windows\\Temp\\new"},
+        {"source-missing", L"~\\out\\new", L"~\\none"},
+        {"source-file", L"~\\out\\new", L"~\\data\\a.txt"},
+        {"source-root", L"~\\out\\new", L"C:\\"},
+        {"source-system", L"~\\out\\new", L"C:\\Program Files"},
+        {"same-place", L"~\\DATA"},
+        {"target-inside-source", L"~\\out\\..\\data\\new"},
+        {"target-around-source", L"~\\data", L"~\\data\\sub"},
+    };
+    const Case linked[] = {
+        {"source-link", L"~\\out\\new", L"~\\link"},
+        {"same-place", L"~\\link"},
+        {"same-place", L"~\\alias\\data"},
+        {"target-inside-source", L"~\\alias\\data\\new"},
+        {"target-around-source", L"~\\data", L"~\\alias\\data\\sub"},
+    };
+    directory_.writeFile(L"out\\file");
+    const auto expectRefused = [this](const Case& c) {
+        EXPECT_EQ(refusal(c.target, c.source), c.code) << toUtf8(c.source) << toUtf8(c.target);
+    };
+    std::for_each(std::begin(cases), std::end(cases), expectRefused);
+    if (underWine()) {
+        TreeBuilder(directory_.path()).link(L"link", "data").link(L"alias", ".");
+        std::for_each(std::begin(linked), std::end(linked), expectRefused);
+    }
+    const MovePreflight::Result swapped = examine(L"~\\data", L"~\\none");
     EXPECT_NE(swapped.findings.at(0).remedy.find(L"the wrong way round"), std::wstring::npos);
-    if (underWine()) {
-        TreeBuilder(directory_.path()).link(L"link", "data");
-        EXPECT_EQ(refusal(nice(L"link"), nice(L"out\\new")), "source-link");
-        EXPECT_EQ(refusalOf(nice(L"link")), "same-place");
-    }
-}
-
-TEST_F(MovePreflightTest, OverlappingPlacesAreRefusedUnderAnyName) {
-    EXPECT_EQ(refusalOf(nice(L"DATA")), "same-place");
-    EXPECT_EQ(refusalOf(nice(L"data\\sub\\new")), "target-inside-source");
-    EXPECT_EQ(refusalOf(nice(L"out\\..\\data\\new")), "target-inside-source");
-    EXPECT_EQ(refusal(nice(L"data\\sub"), nice(L"data")), "target-around-source");
-    if (underWine()) {
-        TreeBuilder(directory_.path()).link(L"alias", ".");
-        EXPECT_EQ(refusalOf(nice(L"alias\\data")), "same-place");
-        EXPECT_EQ(refusalOf(nice(L"alias\\data\\new")), "target-inside-source");
-        EXPECT_EQ(refusal(nice(L"alias\\data\\sub"), nice(L"data")), "target-around-source");
-    }
+    options_.createsTarget = true; // but no drive
+    EXPECT_EQ(refusal(L"Q:\\none\\here"), "target-parent-missing");
 }
 
 TEST_F(MovePreflightTest, TargetsThatCannotTakeTheTreeAreRefused) {
-    EXPECT_EQ(refusalOf(nice(L"none\\new")), "target-parent-missing");
-    directory_.writeFile(L"out\\file");
-    EXPECT_EQ(refusalOf(nice(L"out\\file")), "target-file");
     {
         ImportPatch patch("GetVolumeInformationW", &fakeVolumeInformation);
         realVolumeInformation = patch.original<decltype(&::GetVolumeInformationW)>();
-        addedFlags = 0;
-        removedFlags = FILE_PERSISTENT_ACLS;
-        EXPECT_EQ(refusalOf(nice(L"out\\new")), "target-without-permissions");
-        removedFlags = 0;
-        addedFlags = FILE_READ_ONLY_VOLUME;
-        EXPECT_EQ(refusalOf(nice(L"out\\new")), "target-read-only");
+        changedFlags = [](const std::wstring&, DWORD flags) {
+            return flags & ~DWORD{FILE_PERSISTENT_ACLS};
+        };
+        EXPECT_EQ(refusal(L"~\\out\\new"), "target-without-permissions");
+        changedFlags = [](const std::wstring&, DWORD flags) {
+            return flags | FILE_READ_ONLY_VOLUME;
+        };
+        EXPECT_EQ(refusal(L"~\\out\\new"), "target-read-only");
     }
     {
         const ImportPatch patch("GetDriveTypeW", &fakeDriveType);
         driveType = DRIVE_REMOTE;
-        EXPECT_EQ(refusalOf(nice(L"out\\new")), "target-network");
+        EXPECT_EQ(refusal(L"~\\out\\new"), "target-network");
         driveType = DRIVE_REMOVABLE;
-        EXPECT_EQ(refusalOf(nice(L"out\\new")), "target-removable");
+        EXPECT_EQ(refusal(L"~\\out\\new"), "target-removable");
     }
-    {
-        FaultPoint fault("GetVolumeInformationW");
-        fault.failAt = 0;
-        fault.failOnwards = true;
-        EXPECT_EQ(refusalOf(nice(L"out\\new")), "cannot-look");
-    }
-    {
-        const ImportPatch patch("GetDiskFreeSpaceExW", &noSpace);
-        EXPECT_EQ(refusalOf(nice(L"out\\new")), "") << "a rename takes no room";
-        options_.copy = true;
-        EXPECT_EQ(refusalOf(nice(L"out\\new")), "no-space");
-    }
-}
-
-TEST_F(MovePreflightTest, MissingPrivilegesAndACurrentDirectoryInTheSourceAreRefused) {
-    {
-        FaultPoint fault("LookupPrivilegeValueW"); // as if the token did not know them
+    for (const auto& [function, code] :
+         {std::pair("GetVolumeInformationW", "cannot-look"),
+          {"LookupPrivilegeValueW", "missing-privileges"}}) { // as if the token did not know them
+        FaultPoint fault(function);
         fault.failAt = 0;
         fault.failOnwards = true;
         fault.code = ERROR_NO_SUCH_PRIVILEGE;
-        EXPECT_EQ(refusalOf(nice(L"out\\new")), "missing-privileges");
+        EXPECT_EQ(refusal(L"~\\out\\new"), code);
     }
+    const ImportPatch patch("GetDiskFreeSpaceExW", &noSpace);
+    EXPECT_EQ(refusal(L"~\\out\\new"), "") << "a rename takes no room";
+    options_.copy = true;
+    EXPECT_EQ(refusal(L"~\\out\\new"), "no-space");
+}
+
+TEST_F(MovePreflightTest, ACurrentDirectoryInTheSourceIsRefused) {
     wchar_t before[MAX_PATH];
     ASSERT_NE(::GetCurrentDirectoryW(MAX_PATH, before), 0U);
-    ASSERT_TRUE(::SetCurrentDirectoryW(nice(L"data\\sub").c_str()));
-    const std::string code = refusalOf(nice(L"out\\new"));
+    ASSERT_TRUE(::SetCurrentDirectoryW(full(L"~\\data\\sub").c_str()));
+    const std::string code = refusal(L"~\\out\\new");
     ASSERT_TRUE(::SetCurrentDirectoryW(before));
     EXPECT_EQ(code, "current-directory");
 }
 
 TEST_F(MovePreflightTest, ATargetThatHoldsItemsIsToldAndCollisionsAreFound) {
     directory_.writeFile(L"out\\full\\sub\\other.txt");
-    const MovePreflight::Result merged = examine(nice(L"data"), nice(L"out\\full"));
+    const MovePreflight::Result merged = examine(L"~\\out\\full");
     EXPECT_FALSE(merged.isRefused());
-    EXPECT_TRUE(warns(merged, "target-not-empty"));
     EXPECT_TRUE(merged.willCopy);
     EXPECT_TRUE(merged.targetHoldsItems());
+    EXPECT_TRUE(warns("target-not-empty", L"~\\out\\full"));
     if (underWine()) {
         TreeBuilder(directory_ / L"linked").link(L"link", "../data");
-        EXPECT_TRUE(warns(examine(nice(L"data"), nice(L"linked")), "target-not-empty"));
+        EXPECT_TRUE(warns("target-not-empty", L"~\\linked"));
     }
     directory_.writeFile(L"out\\full\\sub\\b.txt");
-    EXPECT_EQ(refusalOf(nice(L"out\\full")), "collisions");
+    EXPECT_EQ(refusal(L"~\\out\\full"), "collisions");
     options_.keepGoing = true;
-    EXPECT_TRUE(warns(examine(nice(L"data"), nice(L"out\\full")), "collisions"));
+    EXPECT_TRUE(warns("collisions", L"~\\out\\full"));
 }
 
 TEST_F(MovePreflightTest, WhatTheTargetCannotKeepIsTold) {
-    const std::wstring other = environment(L"ZOP_TEST_TMPFS_DRIVE");
+    const std::wstring other = testDrive(L"ZOP_TEST_TMPFS_DRIVE");
     if (other.empty()) {
         GTEST_SKIP() << "needs a second drive";
     }
@@ -232,37 +223,28 @@ TEST_F(MovePreflightTest, WhatTheTargetCannotKeepIsTold) {
                                   (directory_ / L"data\\a.txt").c_str(), nullptr));
     ImportPatch patch("GetVolumeInformationW", &fakeVolumeInformation);
     realVolumeInformation = patch.original<decltype(&::GetVolumeInformationW)>();
-    removedFlags = 0;
-    addedFlags = FILE_SUPPORTS_HARD_LINKS;
-    EXPECT_FALSE(warns(examine(nice(L"data"), other + L"new"), "lost-on-target"));
-    static std::wstring otherRoot;
-    otherRoot = other;
-    const ImportPatch differing(
-        "GetVolumeInformationW",
-        +[](LPCWSTR root, LPWSTR name, DWORD size, LPDWORD serial, LPDWORD component, LPDWORD flags,
-            LPWSTR system, DWORD systemSize) -> BOOL {
-            const bool isOther = std::wstring(root).find(otherRoot) != std::wstring::npos;
-            addedFlags = isOther ? 0 : DWORD{FILE_SUPPORTS_HARD_LINKS};
-            return fakeVolumeInformation(root, name, size, serial, component, flags, system,
-                                         systemSize);
-        });
-    EXPECT_TRUE(warns(examine(nice(L"data"), other + L"new"), "lost-on-target"));
+    for (const bool differ : {false, true}) {
+        changedFlags = [&](const std::wstring& root, DWORD flags) {
+            const bool has = !differ || root.find(other) == root.npos;
+            return has ? flags | FILE_SUPPORTS_HARD_LINKS
+                       : flags & ~DWORD{FILE_SUPPORTS_HARD_LINKS};
+        };
+        EXPECT_EQ(warns("lost-on-target", other + L"new"), differ);
+    }
 }
 
 TEST_F(MovePreflightTest, SurprisesOfTheMoveAreToldBefore) {
     options_.copy = true;
-    EXPECT_TRUE(warns(examine(nice(L"data"), nice(L"data2")), "keeps-source"));
-    EXPECT_FALSE(warns(examine(nice(L"data"), nice(L"new")), "keeps-source"));
+    EXPECT_TRUE(warns("keeps-source", L"~\\data2"));
+    EXPECT_FALSE(warns("keeps-source", L"~\\new"));
     options_.streams = StreamType::Data | StreamType::AlternateData;
-    EXPECT_TRUE(warns(examine(nice(L"data"), nice(L"new")), "streams-left-out"));
+    EXPECT_TRUE(warns("streams-left-out", L"~\\new"));
     options_.streams = StreamType::SecurityData;
-    EXPECT_EQ(refusalOf(nice(L"new")), "no-data");
+    EXPECT_EQ(refusal(L"~\\new"), "no-data");
     options_.streams = StreamType::All;
-    std::wstring deep = nice(L"out\\");
-    deep.append(240, L'n');
-    EXPECT_TRUE(warns(examine(nice(L"data"), deep), "long-paths"));
+    EXPECT_TRUE(warns("long-paths", L"~\\out\\" + std::wstring(240, L'n')));
     directory_.makeDirectory(L"$Backup1A2B");
-    EXPECT_TRUE(warns(examine(nice(L"data"), nice(L"new")), "earlier-move"));
+    EXPECT_TRUE(warns("earlier-move", L"~\\new"));
 }
 
 TEST(PlaceCheckTest, OnlyPathsWithADriveOrShareAreAbsolute) {
@@ -282,7 +264,8 @@ TEST(PlaceCheckTest, ProductDirectoriesInSystemPlacesMayMove) {
     }
     for (const wchar_t* path :
          {L"C:\\users\\someone", L"C:\\ProgramData\\Microsoft\\x",
-          L"D:\\System Volume Information\\x", L"D:\\$RECYCLE.BIN", L"c:\\WINDOWS\\x"}) {
+          L"D:\\System Volume Information\\x", L"D:\\$RECYCLE.BIN", L"c:\\WINDOWS\\x",
+          L"C:\\Program Files", L"C:\\users", L"C:\\ProgramData"}) {
         EXPECT_FALSE(systemPlace(path).empty()) << toUtf8(path);
     }
 }

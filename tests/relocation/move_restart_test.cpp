@@ -11,9 +11,7 @@ class MoveRestartTest : public MoveFixture {
 protected:
     // Shares no deletion.
     static RunTime::AutoHandle use(const std::wstring& path) {
-        return RunTime::AutoHandle(
-            ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                          OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        return RunTime::openExisting(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
     }
     PendingList pending_;
 };

@@ -26,22 +26,11 @@ std::string record(const std::wstring& name) {
 
 // Behind the back of the log's own handle, which shares reading only.
 std::string bytesOf(const std::wstring& path) {
-    std::string bytes(65536, '\0');
-    const long long fd =
-        unixCall(unixcall::Open, unixPath(path).c_str(), unixcall::number(unixcall::ReadOnly));
-    const long long got =
-        unixCall(unixcall::Pread, unixcall::number(fd), bytes.data(), unixcall::number(65536), 0);
-    unixCall(unixcall::Close, unixcall::number(fd));
-    bytes.resize(static_cast<std::size_t>(std::max(got, 0LL)));
-    return bytes;
+    return unixRead(unixPath(path));
 }
 
 void setBytes(const std::wstring& path, const std::string& bytes) {
-    const long long fd =
-        unixCall(unixcall::Open, unixPath(path).c_str(), unixcall::number(unixcall::Truncate));
-    unixCall(unixcall::Pwrite, unixcall::number(fd), bytes.data(),
-             unixcall::number(static_cast<std::intptr_t>(bytes.size())), 0);
-    unixCall(unixcall::Close, unixcall::number(fd));
+    unixWrite(unixPath(path), bytes);
 }
 
 class TransactionLogTest : public MoveFixture {
@@ -168,20 +157,18 @@ TEST_F(TransactionLogTest, DamagedLogDeletesNothing) {
 }
 
 TEST_F(TransactionLogTest, LogOnAFullDiskEndsTheMoveAndItIsUndone) {
-    wchar_t drive[8] = L"";
-    if (::GetEnvironmentVariableW(L"ZOP_TEST_FULL_DRIVE", drive, 8) == 0) {
+    const std::wstring drive = testDrive(L"ZOP_TEST_FULL_DRIVE");
+    if (drive.empty()) {
         GTEST_SKIP() << "needs a small drive";
     }
-    const TempDirectory small{std::wstring(drive)};
+    const TempDirectory small(drive);
     small.writeFile(L"data\\older.txt", "older");
     for (int i = 0; i < 200; ++i) { // their records need more than the room
         temp_.makeDirectory(L"panel\\data\\" + std::wstring(200, L'd') + std::to_wstring(i));
     }
-    std::string filling(1 << 20, 'x');
-    const std::wstring filler = small / L"filler";
-    setBytes(small.writeFile(L"filler", ""), filling);
-    const std::size_t room = bytesOf(filler).size();
-    ASSERT_GT(room, 0u);
+    const std::wstring filler = small.writeFile(L"filler", "");
+    setBytes(filler, std::string(1 << 20, 'x'));
+    ASSERT_GT(bytesOf(filler).size(), 0u);
     const TreeImage before = imageOf(small / L"data");
     backupmove mover;
     DWORD code = 0;

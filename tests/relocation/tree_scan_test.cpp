@@ -41,7 +41,7 @@ TEST(TreeScanTest, CountsEverythingBelowTheTop) {
     // The two names of one file take its room once where the target keeps them together.
     options.thorough = true;
     options.clusterBytes = 4096;
-    const std::int64_t items = (calls - 0) * TreeScan::Options::itemAllowance;
+    const std::int64_t items = calls * TreeScan::Options::itemAllowance;
     const TreeContents thorough = scan.scan(directory / L"top", options);
     EXPECT_EQ(thorough.hardLinks.count, 2);
     EXPECT_EQ(thorough.bytesOnTarget, items + 8192 + 4096);

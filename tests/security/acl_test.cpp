@@ -1,6 +1,7 @@
 // RunTime::Acl: order, room, and what it does with lists that are none.
 #include "security/acl.h"
 #include "tests/support/expect_error.h"
+#include "tests/support/mutator.h"
 #include "tests/support/raw_security.h"
 
 #include <algorithm>
@@ -218,9 +219,9 @@ TEST_F(AclTest, MalformedListsAreRefusedBeforeAnythingIsChanged) {
             {raw::ace(allowObject, 0, 1, {3, 0, 0, 0, 0, 0, 0, 0}), raw::ace(0x1F, 0, 0, beyond)}),
     };
     ASSERT_EQ(RunTime::aclLength(good), good.size());
-    raw::PageEnd pageEnd;
+    GuardedBuffer atEnd(4096);
     for (std::size_t shorter = 0; shorter < good.size(); ++shorter) {
-        EXPECT_EQ(RunTime::aclLength(pageEnd.put(std::span(good).first(shorter))), 0U);
+        EXPECT_EQ(RunTime::aclLength(atEnd.hold(std::span(good).first(shorter))), 0U);
     }
     const auto refused = [](const wchar_t* text, const auto& run) {
         expectError<vosexception>(ERROR_INVALID_ACL, text, run);
@@ -229,7 +230,7 @@ TEST_F(AclTest, MalformedListsAreRefusedBeforeAnythingIsChanged) {
     for (const Bytes& bad : malformed) {
         SCOPED_TRACE(&bad - malformed);
         const ACL* given = raw::list(bad);
-        refused(L"Invalid ACL", [&] { Acl::fromBytes(pageEnd.put(bad)); });
+        refused(L"Invalid ACL", [&] { Acl::fromBytes(atEnd.hold(bad)); });
         refused(L"Unable to get ACL size", [&] { list.copy(given); });
         refused(L"Unable to get ACL size", [&] { list.add(given); });
         refused(L"Unable to get ACL size", [&] { list.expand(given, nullptr, 0); });

@@ -39,10 +39,7 @@ public:
         std::wstring comment = {};
         std::wstring description = {};
         std::wstring home = {};
-        bool passwordNeverExpires = false;
-        bool cannotChangePassword = false;
         bool administrator = false;
-        bool enabled = true;
         bool rdpLogon = true;
         std::map<std::wstring, std::uint64_t> quotas = {}; // by drive: L"C:"
 
@@ -67,7 +64,6 @@ public:
     AccountFake& operator=(const AccountFake&) = delete;
 
     State state;
-    std::wstring domainServer; // what getDomainServerName() says
 
     // Every call so far, in order, the reading ones as well: its name, the account and the value
     // (no passwords), such as L"setHomeDirectory d1 D:\\vhosts\\d1".
@@ -91,7 +87,6 @@ public:
         bool fired = false;
     } failAt;
     std::wstring failCall;
-    DWORD failCode = ERROR_ACCESS_DENIED;
 
     // For the objects that work on the fake: records the call, and fails it when it is its turn.
     void enter(std::wstring_view call, const std::wstring& account, const std::wstring& value = {});

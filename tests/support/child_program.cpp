@@ -8,7 +8,6 @@
 #include <cwchar>
 #include <shellapi.h>
 #include <stdexcept>
-#include <string_view>
 #include <windows.h>
 
 extern "C" int __cdecl __wgetmainargs(int*, wchar_t***, wchar_t***, int, int*);
@@ -160,14 +159,9 @@ void pressCtrlC(const std::string& word) {
     constexpr long long kill = 62;
     constexpr std::intptr_t interruptSignal = 2;
     for (const std::string& process : unixEntries("/proc")) {
-        char words[4096] = "";
-        const long long file = unixCall(unixcall::Open, ("/proc/" + process + "/cmdline").c_str());
-        const long long length = unixCall(unixcall::Pread, unixcall::number(file), words,
-                                          unixcall::number(sizeof words));
-        unixCall(unixcall::Close, unixcall::number(file));
-        const std::string_view all(words, static_cast<std::size_t>(std::max(length, 0LL)));
+        const std::string words = unixRead("/proc/" + process + "/cmdline");
         if (process.find_first_not_of("0123456789") == std::string::npos &&
-            all.find(word) != std::string::npos) {
+            words.find(word) != std::string::npos) {
             unixCall(kill, unixcall::number(std::stol(process)), unixcall::number(interruptSignal));
             return;
         }

@@ -209,16 +209,9 @@ void State::violation(const std::string& text) {
 }
 
 State::State() {
-    wchar_t temporary[MAX_PATH];
-    ::GetTempPathW(MAX_PATH, temporary);
-    LARGE_INTEGER now;
-    ::QueryPerformanceCounter(&now);
-    const std::wstring directory =
-        std::wstring(temporary) + L"streams" + std::to_wstring(now.QuadPart);
-    if (state != nullptr || !::CreateDirectoryW(directory.c_str(), nullptr)) {
-        throw std::logic_error("another NtfsFake lives, or no temporary directory");
+    if (state != nullptr) {
+        throw std::logic_error("another NtfsFake lives");
     }
-    backing = unixPath(directory);
 }
 
 State::~State() {
@@ -226,7 +219,6 @@ State::~State() {
         patches.pop_back();
     }
     state = nullptr;
-    unixRemoveTree(backing);
 }
 
 } // namespace ntfs
@@ -261,7 +253,7 @@ void addRecord(std::string& out, const ntfs::Extra& extra) {
     addText(out, extra.reparse);
     for (const auto& [name, backing] : extra.streams) {
         addText(out, toUtf8(name));
-        addText(out, ntfs::readAll(ntfs::UnixFile(backing)));
+        addText(out, unixRead(backing));
     }
 }
 
@@ -283,7 +275,7 @@ void addItem(std::string& out, const std::string& path, bool top) {
     if (item.isLink()) {
         addText(out, unixReadLink(path));
     } else if (!item.isDirectory()) {
-        addText(out, ntfs::readAll(file));
+        addText(out, unixRead(path));
     } else {
         std::vector<std::string> names = unixEntries(path);
         std::sort(names.begin(), names.end());
@@ -325,6 +317,10 @@ NtfsFake::~NtfsFake() {
         ADD_FAILURE() << "backup API: " << text;
     }
     owner.reset();
+}
+
+bool NtfsFake::isAlive() {
+    return owner != nullptr;
 }
 
 void NtfsFake::setFlags(const std::wstring& path, DWORD flags) {

@@ -34,6 +34,7 @@ public:
     ~NtfsFake(); // adds a failure for each breach that was not taken
     NtfsFake(const NtfsFake&) = delete;
     NtfsFake& operator=(const NtfsFake&) = delete;
+    static bool isAlive();
 
     // What files have besides their data. Paths in any form. Names of streams without colons.
     void setStream(const std::wstring& path, const std::wstring& name, const std::string& content);
@@ -43,12 +44,10 @@ public:
     void setEa(const std::wstring& path, const std::string& data);
     std::string ea(const std::wstring& path);
     void setObjectId(const std::wstring& path, const std::string& data); // 64 bytes
-    std::string objectId(const std::wstring& path);
     // FILE_ATTRIBUTE_SPARSE_FILE, _COMPRESSED, _ENCRYPTED: those that calls cannot simply set. The
     // holes of a sparse file are those that the Unix file has.
     void setFlags(const std::wstring& path, DWORD flags);
-    // As an allocated range for each, in bytes: offset, length. The file may be a stream's
-    // ("path:name").
+    // Its allocated ranges in bytes: offset, length.
     std::vector<std::pair<std::int64_t, std::int64_t>> allocated(const std::wstring& path);
     // A reparse point that is no link, such as IO_REPARSE_TAG_DEDUP.
     void setForeignTag(const std::wstring& path, DWORD tag, const std::string& data);
@@ -57,13 +56,11 @@ public:
     void makeLink(const std::wstring& path, const std::wstring& target, DWORD tag, bool directory);
 
     // How the backup API behaves.
-    DWORD backupRefusal = 0;      // fails every call of it with this code
-    unsigned chunkSeed = 0;       // not 0: BackupRead returns odd and random amounts
-    std::int64_t writeLimit = -1; // BackupWrite takes this many more bytes, then falls short
-    bool sparseAsData = false;    // a sparse file's bytes come in its data stream, whole
-    std::vector<BackupStream>
-        appended;                      // BackupRead ends every item with these (unknown, TXFS, ...)
-    std::vector<BackupStream> notKept; // what BackupWrite was given and a file does not keep
+    DWORD backupRefusal = 0;            // fails every call of it with this code
+    unsigned chunkSeed = 0;             // not 0: BackupRead returns odd and random amounts
+    std::int64_t writeLimit = -1;       // BackupWrite takes this many more bytes, then falls short
+    bool sparseAsData = false;          // a sparse file's bytes come in its data stream, whole
+    std::vector<BackupStream> appended; // BackupRead ends every item with these (unknown, ...)
 
     // Flags of GetVolumeInformationW for a drive; all that NTFS has at first.
     void setVolumeFlags(wchar_t drive, DWORD flags);

@@ -28,45 +28,39 @@ struct Context {
     bool reading = false;
     HANDLE handle = nullptr;
     std::mt19937 random;
-    std::string bytes;     // reading: all of it; writing: what is no whole stream yet
-    std::size_t given = 0; // reading
-    std::vector<std::pair<std::size_t, std::size_t>> payloads; // in bytes: what may be skipped
-    std::shared_ptr<UnixFile> data;                            // writing: where sparse blocks go
+    std::string bytes;              // reading: all of it; writing: what is no whole stream yet
+    std::size_t given = 0;          // reading
+    std::shared_ptr<UnixFile> data; // writing: where sparse blocks go
 };
 
 namespace {
 
-void addStream(Context& context, const BackupStream& stream) {
-    context.bytes += stream.packed();
-    const std::size_t end = context.bytes.size();
-    context.payloads.emplace_back(end - stream.payload.size(), end);
-}
-
 void addData(Context& context, const UnixFile& file, DWORD id, const std::wstring& name) {
     const bool sparse = isSparse(file);
     const DWORD attributes = sparse ? sparseAttribute : 0;
-    const std::string content = readAll(file);
+    const std::string content = unixRead(file.proc());
     if (!sparse || state->fake->sparseAsData) {
         if (!content.empty() || id != idData || sparse) { // an empty file has no data stream
-            addStream(context, {id, attributes, name, content});
+            context.bytes += BackupStream{id, attributes, name, content}.packed();
         }
         return;
     }
-    addStream(context, {id, attributes, name, {}});
+    context.bytes += BackupStream{id, attributes, name, {}}.packed();
     auto ranges = allocatedRanges(file);
     ranges.emplace_back(content.size(), 0); // the end of the file
     for (const auto& [offset, length] : ranges) {
         const std::string at(reinterpret_cast<const char*>(&offset), sizeof offset);
-        addStream(context, {idSparse, sparseAttribute, L"",
-                            at + content.substr(static_cast<std::size_t>(offset),
-                                                static_cast<std::size_t>(length))});
+        context.bytes += BackupStream{idSparse, sparseAttribute, L"",
+                                      at + content.substr(static_cast<std::size_t>(offset),
+                                                          static_cast<std::size_t>(length))}
+                             .packed();
     }
 }
 
 void begin(Context& context, const OpenFile& open, bool security) {
     const auto whole = [&](DWORD id, DWORD attributes, const std::string& payload) {
         if (!payload.empty()) {
-            addStream(context, {id, attributes, L"", payload});
+            context.bytes += BackupStream{id, attributes, L"", payload}.packed();
         }
     };
     if (security) {
@@ -90,7 +84,7 @@ void begin(Context& context, const OpenFile& open, bool security) {
         whole(idObjectId, 0, extra->objectId);
     }
     for (const BackupStream& stream : state->fake->appended) {
-        addStream(context, stream);
+        context.bytes += stream.packed();
     }
 }
 
@@ -158,68 +152,36 @@ BOOL WINAPI backupRead(HANDLE handle, LPBYTE buffer, DWORD wanted, LPDWORD read,
     return TRUE;
 }
 
-BOOL WINAPI backupSeek(HANDLE handle, DWORD low, DWORD high, LPDWORD lowDone, LPDWORD highDone,
-                       LPVOID* slot) {
-    const Lock lock;
-    if (state->fake->backupRefusal != 0) {
-        return fail(state->fake->backupRefusal);
-    }
-    Context* context = enter(handle, slot, true, *slot == nullptr, "BackupSeek");
-    if (context == nullptr) {
-        return FALSE;
-    }
-    const auto payload =
-        std::find_if(context->payloads.begin(), context->payloads.end(), [&](const auto& part) {
-            return part.first <= context->given && context->given <= part.second;
-        });
-    if (payload == context->payloads.end()) {
-        state->violation("BackupSeek: within a header or a name");
-        return fail(ERROR_INVALID_PARAMETER);
-    }
-    const std::uint64_t wanted = static_cast<std::uint64_t>(high) << 32 | low;
-    const std::uint64_t done = std::min<std::uint64_t>(wanted, payload->second - context->given);
-    context->given += static_cast<std::size_t>(done);
-    *lowDone = static_cast<DWORD>(done);
-    *highDone = static_cast<DWORD>(done >> 32);
-    return done == wanted || fail(ERROR_SEEK);
-}
-
-DWORD writeAt(const UnixFile& file, std::int64_t offset, const std::string& bytes) {
-    const UnixFile writable(file.proc(), unixcall::ReadWrite);
-    const auto size = unixcall::number(static_cast<std::intptr_t>(bytes.size()));
-    return errorOf(unixCall(unixcall::Pwrite, writable.fd(), bytes.data(), size, offset));
-}
-
 DWORD applyData(Context& context, OpenFile& open, const Header& header, const std::wstring& name,
                 const std::string& payload) {
     if (header.id == idSparse) {
         std::int64_t offset = 0;
         std::memcpy(&offset, payload.data(), sizeof offset);
         if (payload.size() > sizeof offset) {
-            return writeAt(*context.data, offset, payload.substr(sizeof offset));
+            return errorOf(unixWrite(context.data->proc(), payload.substr(sizeof offset),
+                                     unixcall::ReadWrite, offset));
         }
-        const UnixFile file(context.data->proc(), unixcall::ReadWrite); // the end of the file
-        return errorOf(unixCall(unixcall::Ftruncate, file.fd(), unixcall::number(offset)));
+        return errorOf(unixCall(unixcall::TruncateTo, context.data->proc().c_str(),
+                                unixcall::number(offset))); // the end of the file
     }
     DWORD code = ERROR_SUCCESS;
     context.data = std::make_shared<UnixFile>(
         header.id == idData ? UnixFile(open.file.proc())
                             : openStream(open.file, name.substr(1, name.size() - 7), true, code));
-    return code != 0 ? code : writeAt(*context.data, 0, payload);
+    return code != 0 ? code
+                     : errorOf(unixWrite(context.data->proc(), payload, unixcall::ReadWrite));
 }
 
-DWORD applySmall(OpenFile& open, const Header& header, const std::wstring& name,
-                 std::string payload) {
-    switch (header.id) {
-    case idEa:
-        extraOf(open.file, true)->ea = payload;
-        return ERROR_SUCCESS;
-    case idReparse:
+DWORD applySmall(OpenFile& open, const Header& header, const std::string& payload) {
+    if (header.id == idReparse) {
         return setReparse(open, payload);
-    default:
-        state->fake->notKept.push_back({header.id, header.attributes, name, payload});
-        return ERROR_SUCCESS;
     }
+    if (header.id == idEa) {
+        extraOf(open.file, true)->ea = payload;
+    } else {
+        state->violation("BackupWrite: a stream that a file does not keep");
+    }
+    return ERROR_SUCCESS;
 }
 
 // Whether a file can take such a stream.
@@ -266,7 +228,7 @@ DWORD applyWhole(Context& context, OpenFile& open, std::size_t before) {
         }
         const std::string payload = bytes.substr(head, size);
         const DWORD code = isData ? applyData(context, open, header, name, payload)
-                                  : applySmall(open, header, name, payload);
+                                  : applySmall(open, header, payload);
         if (code != 0) {
             return code;
         }
@@ -313,7 +275,6 @@ void State::onClose(HANDLE handle) {
 void patchBackup(State& to) {
     patch(to, "BackupRead", backupRead);
     patch(to, "BackupWrite", backupWrite);
-    patch(to, "BackupSeek", backupSeek);
 }
 
 } // namespace ntfs

@@ -41,7 +41,7 @@ DWORD WINAPI openRaw(LPCWSTR path, ULONG flags, PVOID* context) {
 
 DWORD WINAPI readRaw(PFE_EXPORT_FUNC take, PVOID argument, PVOID context) {
     const Raw& raw = *static_cast<Raw*>(context);
-    std::string bytes = turned(mark + readAll(raw));
+    std::string bytes = turned(mark + unixRead(raw.proc()));
     DWORD code = ERROR_SUCCESS;
     for (std::size_t at = 0; at < bytes.size() && code == ERROR_SUCCESS; at += 4096) {
         const auto count = static_cast<ULONG>(std::min<std::size_t>(4096, bytes.size() - at));
@@ -64,10 +64,7 @@ DWORD WINAPI writeRaw(PFE_IMPORT_FUNC give, PVOID argument, PVOID context) {
     if (!bytes.starts_with(mark)) {
         return ERROR_INVALID_DATA;
     }
-    const std::size_t head = std::size(mark) - 1;
-    const UnixFile writable(raw.proc(), unixcall::Truncate);
-    const auto size = unixcall::number(static_cast<std::intptr_t>(bytes.size() - head));
-    return errorOf(unixCall(unixcall::Pwrite, writable.fd(), bytes.data() + head, size, 0));
+    return errorOf(unixWrite(raw.proc(), bytes.substr(std::size(mark) - 1)));
 }
 
 void WINAPI closeRaw(PVOID context) {

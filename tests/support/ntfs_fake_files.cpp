@@ -126,6 +126,24 @@ void showLink(const unixcall::Stat64& link, Info& info) {
     info.ChangeTime.QuadPart = fileTime(link.changed.seconds, link.changed.nanoseconds);
 }
 
+// In structures that have FILETIMEs. Returns the tag.
+template <class Info>
+DWORD showItem(const std::string& unixName, Info& info) {
+    std::int64_t created = 0;
+    std::memcpy(&created, &info.ftCreationTime, sizeof created);
+    const Shown shown = shownOf(unixName, info.dwFileAttributes, created);
+    info.dwFileAttributes = shown.attributes;
+    std::memcpy(&info.ftCreationTime, &shown.created, sizeof shown.created);
+    if (shown.link) {
+        FILE_BASIC_INFO basic = {};
+        showLink(*shown.link, basic);
+        std::memcpy(&info.ftLastAccessTime, &basic.LastAccessTime, sizeof(FILETIME));
+        std::memcpy(&info.ftLastWriteTime, &basic.LastWriteTime, sizeof(FILETIME));
+        info.nFileSizeHigh = info.nFileSizeLow = 0;
+    }
+    return shown.tag;
+}
+
 void showEntry(const std::string& directory, FILE_ID_BOTH_DIR_INFO& entry) {
     const std::wstring name(entry.FileName, entry.FileNameLength / sizeof(wchar_t));
     if (name == L"." || name == L"..") {
@@ -246,18 +264,10 @@ BOOL WINAPI getInformation(HANDLE handle, LPBY_HANDLE_FILE_INFORMATION info) {
         info->nNumberOfLinks = static_cast<DWORD>(item.links);
         info->nFileIndexHigh = static_cast<DWORD>(item.inode >> 32);
         info->nFileIndexLow = static_cast<DWORD>(item.inode);
-        FILE_BASIC_INFO basic = {};
-        showLink(item, basic);
-        std::memcpy(&info->ftLastAccessTime, &basic.LastAccessTime, sizeof(FILETIME));
-        std::memcpy(&info->ftLastWriteTime, &basic.LastWriteTime, sizeof(FILETIME));
     } else if (!REAL(GetFileInformationByHandle)(handle, info)) {
         return FALSE;
     }
-    std::int64_t created = 0;
-    std::memcpy(&created, &info->ftCreationTime, sizeof created);
-    const Shown shown = shownOf(file->file.path(), info->dwFileAttributes, created);
-    info->dwFileAttributes = shown.attributes;
-    std::memcpy(&info->ftCreationTime, &shown.created, sizeof shown.created);
+    showItem(file->file.path(), *info);
     return TRUE;
 }
 
@@ -364,19 +374,7 @@ void showFound(const std::string& directory, WIN32_FIND_DATAW& data) {
     if (name == L"." || name == L"..") {
         return;
     }
-    std::int64_t created = 0;
-    std::memcpy(&created, &data.ftCreationTime, sizeof created);
-    const Shown shown = shownOf(directory + "/" + toUtf8(name), data.dwFileAttributes, created);
-    data.dwFileAttributes = shown.attributes;
-    data.dwReserved0 = shown.tag;
-    std::memcpy(&data.ftCreationTime, &shown.created, sizeof shown.created);
-    if (shown.link) {
-        FILE_BASIC_INFO basic = {};
-        showLink(*shown.link, basic);
-        std::memcpy(&data.ftLastAccessTime, &basic.LastAccessTime, sizeof(FILETIME));
-        std::memcpy(&data.ftLastWriteTime, &basic.LastWriteTime, sizeof(FILETIME));
-        data.nFileSizeHigh = data.nFileSizeLow = 0;
-    }
+    data.dwReserved0 = showItem(directory + "/" + toUtf8(name), data);
 }
 
 // A link is found by its name; a whole directory is listed by its handle.

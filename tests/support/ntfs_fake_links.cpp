@@ -108,7 +108,7 @@ BOOL WINAPI deviceIoControl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, 
         return true;
     };
     const bool writes = code == FSCTL_SET_REPARSE_POINT || code == FSCTL_SET_SPARSE ||
-                        code == FSCTL_SET_ZERO_DATA || code == FSCTL_SET_COMPRESSION;
+                        code == FSCTL_SET_COMPRESSION;
     if (writes && !file->may(FILE_WRITE_DATA) &&
         !(code == FSCTL_SET_REPARSE_POINT && file->may(FILE_WRITE_ATTRIBUTES))) {
         return fail(ERROR_ACCESS_DENIED);
@@ -135,15 +135,6 @@ BOOL WINAPI deviceIoControl(HANDLE handle, DWORD code, LPVOID in, DWORD inSize, 
                    : flag(FILE_ATTRIBUTE_COMPRESSED, *static_cast<USHORT*>(in) != 0);
     case FSCTL_QUERY_ALLOCATED_RANGES:
         return ranges(*file, in, inSize, out, outSize, returned);
-    case FSCTL_SET_ZERO_DATA: { // PUNCH_HOLE | KEEP_SIZE
-        const auto* zero = static_cast<FILE_ZERO_DATA_INFORMATION*>(in);
-        const UnixFile writable(file->file.proc(), unixcall::ReadWrite);
-        const DWORD error =
-            errorOf(unixCall(unixcall::Fallocate, writable.fd(), unixcall::number(3),
-                             unixcall::number(zero->FileOffset.QuadPart),
-                             zero->BeyondFinalZero.QuadPart - zero->FileOffset.QuadPart));
-        return error == 0 || fail(error);
-    }
     case FSCTL_SET_OBJECT_ID:
         for (const auto& [key, other] : state->extras) {
             if (other.objectId == std::string(static_cast<char*>(in), inSize)) {

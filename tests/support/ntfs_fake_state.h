@@ -4,6 +4,7 @@
 #include "runtime/text.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/ntfs_fake.h"
+#include "tests/support/temp_directory.h"
 #include "tests/support/unix_call.h"
 
 #include <deque>
@@ -128,7 +129,7 @@ struct State {
     };
     std::deque<Moment> moments;
     std::vector<std::string> violations;
-    std::string backing; // Unix directory of the streams
+    TempDirectory backing; // of the streams
     int backingCount = 0;
     std::deque<ImportPatch> patches; // ends last to first
 
@@ -179,7 +180,6 @@ void setSecurityAtBirth(const UnixFile& file, const SECURITY_ATTRIBUTES* given);
 UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create, DWORD& code);
 std::wstring decorated(const std::wstring& name); // ":name:$DATA"
 bool isSparse(const UnixFile& file);
-std::string readAll(const UnixFile& file);
 std::vector<std::pair<std::int64_t, std::int64_t>> allocatedRanges(const UnixFile& file);
 
 void patchImport(State& state, const char* name, void* hook);

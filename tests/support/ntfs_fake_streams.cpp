@@ -80,14 +80,6 @@ std::vector<std::pair<std::int64_t, std::int64_t>> allocatedRanges(const UnixFil
     return found;
 }
 
-std::string readAll(const UnixFile& file) {
-    const UnixFile readable(file.proc(), unixcall::ReadOnly);
-    std::string bytes(static_cast<std::size_t>(file.stat().size), '\0');
-    const auto size = unixcall::number(static_cast<std::intptr_t>(bytes.size()));
-    unixCall(unixcall::Pread, readable.fd(), bytes.data(), size, 0);
-    return bytes;
-}
-
 // Opens the Unix file that holds a stream. A read-only file or directory takes no new ones.
 UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create, DWORD& code) {
     Extra* extra = extraOf(file, create);
@@ -100,7 +92,8 @@ UnixFile openStream(const UnixFile& file, const std::wstring& name, bool create,
             code = ERROR_ACCESS_DENIED;
             return UnixFile("");
         }
-        const std::string backing = state->backing + "/" + std::to_string(++state->backingCount);
+        const std::string backing =
+            unixPath(state->backing / std::to_wstring(++state->backingCount));
         const UnixFile made(backing, unixcall::CreateNew);
         extra->streams[name] = backing;
     }
@@ -119,10 +112,7 @@ void NtfsFake::setStream(const std::wstring& path, const std::wstring& name,
     const ntfs::UnixFile file(unixPath(path));
     DWORD code = 0;
     const ntfs::UnixFile held = ntfs::openStream(file, name, true, code);
-    const ntfs::UnixFile writable(held.proc(), unixcall::Truncate);
-    if (code != 0 ||
-        unixCall(unixcall::Pwrite, writable.fd(), content.data(),
-                 unixcall::number(static_cast<std::intptr_t>(content.size())), 0) < 0) {
+    if (code != 0 || unixWrite(held.proc(), content) < 0) {
         throw std::runtime_error("no stream can be made: " + toUtf8(path));
     }
 }
@@ -131,7 +121,7 @@ std::map<std::wstring, std::string> NtfsFake::streams(const std::wstring& path) 
     std::map<std::wstring, std::string> result;
     if (const ntfs::Extra* record = ntfs::extraAt(unixPath(path))) {
         for (const auto& [name, backing] : record->streams) {
-            result[name] = ntfs::readAll(ntfs::UnixFile(backing));
+            result[name] = unixRead(backing);
         }
     }
     return result;
@@ -150,17 +140,6 @@ void NtfsFake::setObjectId(const std::wstring& path, const std::string& data) {
     ntfs::extraAt(unixPath(path), true)->objectId = data;
 }
 
-std::string NtfsFake::objectId(const std::wstring& path) {
-    const ntfs::Extra* record = ntfs::extraAt(unixPath(path));
-    return record != nullptr ? record->objectId : std::string();
-}
-
 std::vector<std::pair<std::int64_t, std::int64_t>> NtfsFake::allocated(const std::wstring& path) {
-    const std::size_t colon = path.rfind(L':');
-    if (colon != path.npos && colon > path.rfind(L'\\') && path.rfind(L'\\') != path.npos) {
-        DWORD code = 0;
-        return ntfs::allocatedRanges(ntfs::openStream(
-            ntfs::UnixFile(unixPath(path.substr(0, colon))), path.substr(colon + 1), false, code));
-    }
     return ntfs::allocatedRanges(ntfs::UnixFile(unixPath(path)));
 }

@@ -14,33 +14,6 @@ namespace {
 
 std::atomic<long long> alive{0};
 
-void* allocate(std::size_t size) {
-    for (;;) {
-        if (void* block = std::malloc(size != 0 ? size : 1)) {
-            ++alive;
-            return block;
-        }
-        const std::new_handler handler = std::get_new_handler();
-        if (handler == nullptr) {
-            throw std::bad_alloc();
-        }
-        handler();
-    }
-}
-
-void release(void* block) noexcept {
-    if (block == nullptr) {
-        return;
-    }
-    static const HANDLE heap = reinterpret_cast<HANDLE>(_get_heap_handle());
-    if (!::HeapValidate(heap, 0, block)) {
-        std::fputs("a block of the heap is damaged\n", stderr);
-        std::abort();
-    }
-    --alive;
-    std::free(block);
-}
-
 struct SystemHandles { // SystemExtendedHandleInformation
     std::uintptr_t count, reserved;
     struct Entry {
@@ -54,43 +27,44 @@ struct SystemHandles { // SystemExtendedHandleInformation
 
 } // namespace
 
+// Those of arrays go through these.
 void* operator new(std::size_t size) {
-    return allocate(size);
+    void* block = std::malloc(size != 0 ? size : 1);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    ++alive;
+    return block;
 }
-void* operator new[](std::size_t size) {
-    return allocate(size);
-}
+
 void operator delete(void* block) noexcept {
-    release(block);
+    if (block == nullptr) {
+        return;
+    }
+    static const HANDLE heap = reinterpret_cast<HANDLE>(_get_heap_handle());
+    if (!::HeapValidate(heap, 0, block)) {
+        std::fputs("a block of the heap is damaged\n", stderr);
+        std::abort();
+    }
+    --alive;
+    std::free(block);
 }
-void operator delete[](void* block) noexcept {
-    release(block);
-}
+
 void operator delete(void* block, std::size_t) noexcept {
-    release(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    release(block);
+    operator delete(block);
 }
 
 ProcessCounters ProcessCounters::now() {
     using Query = LONG(WINAPI*)(int, void*, ULONG, ULONG*);
     static const auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(
         ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
-    ProcessCounters result;
-    result.blocks = alive;
-    for (ULONG size = 1 << 20; size <= 1 << 26; size *= 2) {
-        const auto buffer = static_cast<SystemHandles*>(std::malloc(size));
-        ULONG needed = 0;
-        const LONG status = query(64, buffer, size, &needed);
-        if (status >= 0) {
-            for (std::uintptr_t i = 0; i < buffer->count; ++i) {
-                result.handles += buffer->entries[i].process == ::GetCurrentProcessId();
-            }
-        }
-        std::free(buffer);
-        if (status != static_cast<LONG>(0xC0000004)) { // STATUS_INFO_LENGTH_MISMATCH
-            break;
+    constexpr ULONG size = 8 << 20; // room for more handles than there are
+    static auto* const all = static_cast<SystemHandles*>(std::malloc(size));
+    ProcessCounters result{0, alive};
+    ULONG needed = 0;
+    if (query(64, all, size, &needed) >= 0) {
+        for (std::uintptr_t i = 0; i < all->count; ++i) {
+            result.handles += all->entries[i].process == ::GetCurrentProcessId();
         }
     }
     return result;

@@ -3,14 +3,11 @@
 
 #include "tests/support/import_patch.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <optional>
-#include <span>
-#include <stdexcept>
 #include <type_traits>
 #include <vector>
 #include <windows.h>
@@ -72,33 +69,6 @@ inline const ACE_HEADER* header(const Bytes& ace) {
 inline ACL* list(const Bytes& acl) {
     return reinterpret_cast<ACL*>(const_cast<std::uint8_t*>(acl.data()));
 }
-
-// A place at the end of a page behind which nothing is: a reader that goes too far crashes.
-class PageEnd {
-public:
-    PageEnd() {
-        void* pages = ::VirtualAlloc(nullptr, room + 1, MEM_RESERVE, PAGE_NOACCESS);
-        pages_ =
-            static_cast<std::uint8_t*>(::VirtualAlloc(pages, room, MEM_COMMIT, PAGE_READWRITE));
-    }
-    ~PageEnd() { ::VirtualFree(pages_, 0, MEM_RELEASE); }
-    PageEnd(const PageEnd&) = delete;
-    PageEnd& operator=(const PageEnd&) = delete;
-
-    // Valid until the next call.
-    std::span<const std::uint8_t> put(std::span<const std::uint8_t> bytes) {
-        if (bytes.size() > room) {
-            throw std::length_error("too long for a place at the end of a page");
-        }
-        std::uint8_t* place = pages_ + room - bytes.size();
-        std::ranges::copy(bytes, place);
-        return {place, bytes.size()};
-    }
-
-private:
-    static constexpr std::size_t room = std::size_t{1} << 20;
-    std::uint8_t* pages_ = nullptr;
-};
 
 } // namespace raw
 

@@ -20,7 +20,7 @@ struct ItemImage {
     DWORD attributes = 0; // FILE_ATTRIBUTE_NORMAL left out
     std::int64_t size = 0;
     std::string content;
-    std::int64_t created = 0; // FILETIME as a number; 0 where times are left out
+    std::int64_t created = 0; // FILETIME as a number; 0 where times are left out or not kept
     std::int64_t written = 0;
     std::map<std::wstring, std::string> streams; // ":name:$DATA" -> content
     std::string security;                        // self-relative descriptor
@@ -34,24 +34,14 @@ struct ItemImage {
 // Names are relative to the root, the root itself is L"". Empty when the root does not exist.
 using TreeImage = std::map<std::wstring, ItemImage>;
 
-// Whether a creation time that is set can be read back here. Wine gives the older of the times of
-// writing and of change instead, unless a fake keeps it.
-bool keepsCreationTimes();
-
 struct ImageOptions {
-    bool fileTimes = true;      // of files and links
     bool directoryTimes = true; // they change with every child that comes or goes
-    bool creationTimes = keepsCreationTimes();
     bool security = true;
-    bool streams = true;
-    DWORD attributes = ~DWORD(FILE_ATTRIBUTE_NORMAL); // those compared
 };
 
 TreeImage imageOf(const std::wstring& path, const ImageOptions& options = {});
 
-// One line for each item that differs, saying how; empty for equal images.
-std::string difference(const TreeImage& first, const TreeImage& second);
-
+// A failure has one line for each item that differs, saying how.
 testing::AssertionResult sameTree(const TreeImage& expected, const TreeImage& actual);
 
 // Bytes that are the same for the same size and seed, and nowhere periodic.

@@ -25,9 +25,9 @@ inline long long unixCall(long long number, const void* a, const void* b = nullp
 namespace unixcall {
 
 inline constexpr long long Open = 2, Close = 3, Stat = 4, Fstat = 5, Lstat = 6, Lseek = 8,
-                           Pread = 17, Pwrite = 18, Ftruncate = 77, Rename = 82, Mkdir = 83,
+                           Pread = 17, Pwrite = 18, TruncateTo = 76, Rename = 82, Mkdir = 83,
                            Rmdir = 84, Unlink = 87, Symlink = 88, Readlink = 89, Setxattr = 188,
-                           Getxattr = 191, Getdents = 217, Utimensat = 280, Fallocate = 285;
+                           Getxattr = 191, Getdents = 217, Utimensat = 280;
 inline constexpr std::intptr_t ReadOnly = 0, OnlyPath = 0x200000, NoFollow = 0x20000,
                                CloseOnExec = 0x80000, ReadWrite = 2, Truncate = 0x201,
                                CreateNew = 0xC2;
@@ -134,6 +134,35 @@ inline std::vector<std::string> unixEntries(const std::string& directory) {
         unixCall(unixcall::Close, unixcall::number(fd));
     }
     return names;
+}
+
+// All of a file, and bytes into one, whoever has it open. Negative errno on failure.
+inline std::string unixRead(const std::string& path) {
+    const long long fd = unixCall(unixcall::Open, path.c_str(),
+                                  unixcall::number(unixcall::ReadOnly | unixcall::CloseOnExec));
+    std::string bytes;
+    char buffer[32768];
+    for (long long count = fd; fd >= 0 && count >= 0;) {
+        count = unixCall(unixcall::Pread, unixcall::number(fd), buffer,
+                         unixcall::number(sizeof buffer), static_cast<long long>(bytes.size()));
+        if (count <= 0) {
+            unixCall(unixcall::Close, unixcall::number(fd));
+            break;
+        }
+        bytes.append(buffer, static_cast<std::size_t>(count));
+    }
+    return bytes;
+}
+
+inline long long unixWrite(const std::string& path, const std::string& bytes,
+                           std::intptr_t flags = unixcall::Truncate, long long offset = 0) {
+    const long long fd =
+        unixCall(unixcall::Open, path.c_str(), unixcall::number(flags | unixcall::CloseOnExec));
+    const long long written =
+        unixCall(unixcall::Pwrite, unixcall::number(fd), bytes.data(),
+                 unixcall::number(static_cast<std::intptr_t>(bytes.size())), offset);
+    unixCall(unixcall::Close, unixcall::number(fd));
+    return written;
 }
 
 // Removes a tree, links as links.

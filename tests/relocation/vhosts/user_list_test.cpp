@@ -11,6 +11,7 @@
 #include "tests/support/ntfs_fake.h"
 #include "tests/support/registry_override.h"
 #include "tests/support/temp_directory.h"
+#include "tests/support/test_drive.h"
 #include "tests/support/tree_image.h"
 #include "tests/support/unix_call.h"
 
@@ -22,9 +23,7 @@
 namespace {
 
 std::wstring otherDrive() {
-    wchar_t drive[8] = L"";
-    ::GetEnvironmentVariableW(L"ZOP_TEST_TMPFS_DRIVE", drive, 8);
-    return drive;
+    return testDrive(L"ZOP_TEST_TMPFS_DRIVE");
 }
 
 class UserListTest : public DatabaseFixture {
@@ -268,10 +267,11 @@ TEST_F(UserListTest, HomesAreRecognizedHoweverTheyAreWritten) {
         {L"none", L"", nullptr},
         {L"gone", from + L"\\shared", nullptr},
     };
+    const auto bare = &UserManagement::UserInformation::getNameWithoutDomain;
     for (const Case& c : cases) {
         addRow(c.login, c.home);
         if (c.login != L"gone") {
-            addAccount(UserManagement::UserInformation::getNameWithoutDomain(c.login), c.home);
+            addAccount(bare(c.login), c.home);
         }
     }
     const World before = world();
@@ -279,15 +279,11 @@ TEST_F(UserListTest, HomesAreRecognizedHoweverTheyAreWritten) {
     Recorder recorder(*list);
     list->move(from, to);
     for (const Case& c : cases) {
+        SCOPED_TRACE(toUtf8(c.login));
         const std::wstring expected = c.moved != nullptr ? to + c.moved : c.home;
-        EXPECT_EQ(one(L"select home from sys_users where login = ?", {c.login}), toUtf8(expected))
-            << toUtf8(c.login);
+        EXPECT_EQ(one(L"select home from sys_users where login = ?", {c.login}), toUtf8(expected));
         if (c.login != L"gone") {
-            EXPECT_EQ(
-                accounts.state.users[UserManagement::UserInformation::getNameWithoutDomain(c.login)]
-                    .home,
-                expected)
-                << toUtf8(c.login);
+            EXPECT_EQ(accounts.state.users[bare(c.login)].home, expected);
         }
     }
     EXPECT_EQ(
