@@ -22,9 +22,12 @@ protected:
     }
 
     static Parameters parameters() {
-        const auto environment = [](const char* name) { return toWide(std::getenv(name)); };
+        const auto environment = [](const char* name) {
+            const char* value = std::getenv(name);
+            return value == nullptr ? std::wstring() : toWide(value);
+        };
         return {.host = environment("ZOP_TEST_DB_HOST"),
-                .port = static_cast<std::uint16_t>(std::atoi(std::getenv("ZOP_TEST_DB_PORT"))),
+                .port = static_cast<std::uint16_t>(std::stoi(environment("ZOP_TEST_DB_PORT"))),
                 .user = environment("ZOP_TEST_DB_USER"),
                 .password = environment("ZOP_TEST_DB_PASSWORD"),
                 .database = L"zop_test"};
