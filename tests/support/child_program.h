@@ -11,8 +11,8 @@
 //     line               prints its command line
 //     signal HANDLE      prints whether this number is an event that can be set
 //     hold FILE EVENT    keeps FILE open and undeletable; sets EVENT; ends when EVENT + "-end" is
-//     set parent FILE EVENT  starts "hold", prints its process id and waits for its end leave FILE
-//     EVENT   the same, but ends without waiting once EVENT is set
+//     parent FILE EVENT  starts "hold", prints its process id and waits for its end
+//     leave FILE EVENT   the same, but ends without waiting once EVENT is set
 #pragma once
 
 #include "runtime/exception.h"
@@ -29,8 +29,7 @@ std::vector<std::wstring> childWords(std::vector<std::wstring> words);
 // The code units of a text as "args" prints them.
 std::wstring codeUnits(const std::wstring& text);
 
-// What a function returns that starts programs. Under load Wine now and then fails to set a process
-// up, and says "internal error".
+// What a function returns that starts a program, which Wine may fail to do (scripts/wine.sh).
 template <class Function>
 auto startingAgain(Function&& start) {
     for (int attempt = 0;; ++attempt) {

@@ -57,16 +57,26 @@ protected:
         words.insert(words.end(), options.begin(), options.end());
         RunTime::Execute execute(program_, words);
         execute.timeout = std::chrono::minutes(5);
-        return startingAgain([&] { return execute.run(); });
+        const auto run = [&] { return startingAgain([&] { return execute.run(); }); };
+        RunTime::Execute::Result result = run();
+        for (int attempt = 0; attempt < 2 && couldNotStart(result); ++attempt) {
+            panel_->store().forgetCalls();
+            result = run();
+        }
+        return result;
     }
-    // Under load Wine now and then fails to set a process up, and the move fails with the utility.
-    static bool couldNotStart(const RunTime::Execute::Result& result) {
+    // Whether a utility could not even be started, for a reason of Wine's own (scripts/wine.sh),
+    // and the failed move has been undone as any other is.
+    bool couldNotStart(const RunTime::Execute::Result& result) const {
         wchar_t text[256] = L"";
         ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
                          ERROR_INTERNAL_ERROR, 0, text, 256, nullptr);
         const std::wstring reason(text, std::wcscspn(text, L"\r\n"));
-        return underWine() && !reason.empty() &&
-               (result.output + result.errors).find(reason) != std::wstring::npos;
+        const std::wstring all = result.output + result.errors;
+        const std::size_t begin = std::min(all.find(L"Unable to execute ("), all.size());
+        const std::wstring line = all.substr(begin, all.find(L'\n', begin) - begin);
+        return underWine() && result.exitStatus == 4 && !reason.empty() &&
+               line.find(reason) != std::wstring::npos && before_ == panel_->snapshot({target_});
     }
     void expectNothingChanged() const { EXPECT_EQ(before_, panel_->snapshot({target_})); }
 
@@ -85,9 +95,6 @@ TEST_F(VhostsMoveRunTest, EverythingThatNamedTheOldPlaceNamesTheNewOne) {
     const std::string named = panel_->references(panel_->vhosts());
     TreeImage tree = imageOf(panel_->vhosts());
     const auto moved = move({L"--yes", L"--json"});
-    if (couldNotStart(moved)) {
-        GTEST_SKIP() << "Wine could not start a program";
-    }
     EXPECT_EQ(moved.exitStatus, 0U) << toUtf8(moved.output + moved.errors);
     std::istringstream events(toUtf8(moved.output));
     for (std::string event; std::getline(events, event);) {
@@ -138,9 +145,6 @@ TEST_F(VhostsMoveRunTest, AUtilityThatFailsAtTheEndLeavesNothingChanged) {
         {{L"print", L"1", L"--repair-all-webspaces-security", L"3000000"},
          {L"half", L"1", L"--reconfigure-ftp-sites", L"255", L"the site is locked"}});
     const auto failed = move({L"--yes"});
-    if (couldNotStart(failed)) {
-        GTEST_SKIP() << "Wine could not start a program";
-    }
     EXPECT_EQ(failed.exitStatus, 4U)
         << toUtf8(failed.output.substr(0, 5000) + failed.errors.substr(0, 5000));
     EXPECT_NE(failed.errors.find(L"the site is locked"), std::wstring::npos);
@@ -156,9 +160,6 @@ TEST_F(VhostsMoveRunTest, CtrlCDuringAUtilityLeavesNothingChanged) {
         const std::jthread run([&] { cancelled = move({L"--yes"}); });
         EXPECT_EQ(::WaitForSingleObject(hangs.get(), 120'000), WAIT_OBJECT_0);
         pressCtrlC(toUtf8(target_) + '\0' + "--yes");
-    }
-    if (couldNotStart(cancelled)) {
-        GTEST_SKIP() << "Wine could not start a program";
     }
     EXPECT_EQ(cancelled.exitStatus, 5U) << toUtf8(cancelled.output + cancelled.errors);
     expectNothingChanged();
