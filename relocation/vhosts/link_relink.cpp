@@ -34,6 +34,16 @@ AutoHandle openLink(const std::wstring& path) {
     return link;
 }
 
+// Empty for what is no link any more.
+std::vector<unsigned char> readLink(HANDLE link, const std::wstring& path) {
+    std::vector<unsigned char> data = readReparsePoint(link);
+    const DWORD code = data.empty() ? ::GetLastError() : ERROR_SUCCESS;
+    if (code != ERROR_SUCCESS && code != ERROR_NOT_A_REPARSE_POINT) {
+        RunTime::throwForPath(L"Unable to read the link (%s)", path, code, "LinkRelink", __LINE__);
+    }
+    return data;
+}
+
 FILE_BASIC_INFO readTimes(HANDLE link, const std::wstring& path) {
     FILE_BASIC_INFO times{};
     if (!::GetFileInformationByHandleEx(link, FileBasicInfo, &times, sizeof(times))) {
@@ -61,8 +71,9 @@ void write(HANDLE link, const std::wstring& path, const std::vector<unsigned cha
 
 } // namespace
 
-LinkRelink::LinkRelink(const std::wstring& oldRoot) : oldForms_{plain(RunTime::longPath(oldRoot))} {
-    topLength_ = RunTime::withoutTrailingBackslash(RunTime::longPath(oldRoot)).size();
+LinkRelink::LinkRelink(const std::wstring& oldRoot)
+    : oldRoot_(RunTime::withoutTrailingBackslash(RunTime::longPath(oldRoot))),
+      oldForms_{plain(RunTime::longPath(oldRoot))} {
     if (RunTime::exists(oldRoot)) {
         for (std::wstring form : {plain(RunTime::File::longPath(RunTime::longPath(oldRoot))),
                                   plain(RunTime::shortPath(RunTime::longPath(oldRoot)))}) {
@@ -79,18 +90,18 @@ void LinkRelink::add(const std::wstring& path) {
     const AutoHandle link = RunTime::openExisting(path, FILE_READ_ATTRIBUTES, anyShare);
     const std::optional<LinkNames> names =
         link ? linkNames(readReparsePoint(link.get())) : std::nullopt;
-    if (!names || names->relative || path.size() <= topLength_ ||
+    if (!names || names->relative || path.size() <= oldRoot_.size() ||
         lengthInOldRoot(names->target) == 0) {
         return;
     }
     const std::size_t bytes =
-        sizeof(Link) + (path.size() - topLength_ + names->target.size()) * sizeof(wchar_t);
+        sizeof(Link) + (path.size() - oldRoot_.size() + names->target.size()) * sizeof(wchar_t);
     if (bytes_ + bytes > maxBytes) {
         ++notKept_;
         return;
     }
     bytes_ += bytes;
-    links_.push_back({path.substr(topLength_), names->target});
+    links_.push_back({path.substr(oldRoot_.size()), names->target});
 }
 
 void LinkRelink::change(const std::wstring& newRoot) {
@@ -126,27 +137,48 @@ void LinkRelink::rollback() {
     const NativeSpan span("LinkRelink::rollback", __LINE__);
     const RunTime::PrivilegeScope privileges(
         {SE_BACKUP_NAME, SE_RESTORE_NAME, SE_CREATE_SYMBOLIC_LINK_NAME});
-    RunTime::PinnedPath pinned(newRoot_);
+    RunTime::PinnedPath inNew(newRoot_);
+    RunTime::PinnedPath inOld(oldRoot_);
     changed_ = 0;
-    for (; !done_.empty(); done_.pop_back()) {
-        const Done& done = done_.back();
+    for (std::size_t left = done_.size(); left-- > 0;) {
+        const Done& done = done_[left];
         try {
-            if (!pinned.hold(RunTime::parentPath(done.path))) {
-                continue; // its owner has removed it
-            }
-            const AutoHandle link = openLink(done.path);
-            const std::vector<unsigned char> now = readReparsePoint(link.get());
-            if (now == done.after || now == done.before) { // otherwise it is somebody else's
-                write(link.get(), done.path, done.before, done.times);
+            // One that is in neither has been removed by its owner. In the old place is either the
+            // tree, back by a rename, or the original of what was copied, which names the old
+            // place.
+            if (!restoreOne(done, newRoot_, inNew)) {
+                restoreOne(done, oldRoot_, inOld);
             }
         } catch (const vosexception& e) {
-            if (RunTime::meansMissing(e.get_errorCode())) {
-                continue;
-            }
-            reportFailure(span, L"Unable to restore the link (" + nicePath(done.path) + L")");
+            reportFailure(span,
+                          L"Unable to restore the link (" + nicePath(newRoot_ + done.path) + L")");
             bool ignore = true;
             errorEvent.raise(e.message(), ignore);
+            continue;
         }
+        done_.erase(done_.begin() + static_cast<std::ptrdiff_t>(left));
+    }
+}
+
+// False when it is not there.
+bool LinkRelink::restoreOne(const Done& done, const std::wstring& root,
+                            RunTime::PinnedPath& pinned) {
+    const std::wstring path = root + done.path;
+    try {
+        if (!pinned.hold(RunTime::parentPath(path))) {
+            return false;
+        }
+        const AutoHandle link = openLink(path);
+        const std::vector<unsigned char> now = readLink(link.get(), path);
+        if (now == done.after || now == done.before) { // otherwise it is somebody else's
+            write(link.get(), path, done.before, done.times);
+        }
+        return true;
+    } catch (const vosexception& e) {
+        if (!RunTime::meansMissing(e.get_errorCode())) {
+            throw;
+        }
+        return false;
     }
 }
 
@@ -167,7 +199,7 @@ void LinkRelink::changeOne(const Link& link, RunTime::PinnedPath& pinned) {
                               "LinkRelink::changeOne", __LINE__);
     }
     const AutoHandle handle = openLink(path);
-    std::vector<unsigned char> before = readReparsePoint(handle.get());
+    std::vector<unsigned char> before = readLink(handle.get(), path);
     std::optional<LinkNames> names = linkNames(before);
     if (!names || names->relative || names->target != link.target) {
         return; // its owner was quicker
@@ -182,7 +214,7 @@ void LinkRelink::changeOne(const Link& link, RunTime::PinnedPath& pinned) {
     std::vector<unsigned char> after = linkData(*names);
     const FILE_BASIC_INFO times = readTimes(handle.get(), path);
     // Recorded before it is done: a failure between its steps is undone, too.
-    done_.push_back({path, std::move(before), std::move(after), times});
+    done_.push_back({link.path, std::move(before), std::move(after), times});
     write(handle.get(), path, done_.back().after, times);
     ++changed_;
 }

@@ -54,7 +54,8 @@ public:
     void change(const std::wstring& newRoot);
 
     // Writes the data of every changed link back, byte for byte, the last one first. A failure goes
-    // to the log and to errorEvent, and the others are still put back.
+    // to the log and to errorEvent, and the others are still put back; the next rollback tries that
+    // link again, also when the tree has moved back meanwhile.
     void rollback();
 
     // Links that point to the new place now.
@@ -66,7 +67,7 @@ public:
 
 private:
     struct Done {
-        std::wstring path;
+        std::wstring path; // below the top
         std::vector<unsigned char> before;
         std::vector<unsigned char> after;
         FILE_BASIC_INFO times;
@@ -74,10 +75,11 @@ private:
 
     std::size_t lengthInOldRoot(const std::wstring& path) const;
     void changeOne(const Link& link, RunTime::PinnedPath& pinned);
+    static bool restoreOne(const Done& done, const std::wstring& root, RunTime::PinnedPath& pinned);
 
+    std::wstring oldRoot_;               // long form, as newRoot_
     std::vector<std::wstring> oldForms_; // nice, without backslash at the end
-    std::size_t topLength_;              // of the old root in long form
-    std::wstring newRoot_;               // long form
+    std::wstring newRoot_;
     std::vector<Link> links_;
     std::vector<Done> done_;
     std::size_t bytes_ = 0;

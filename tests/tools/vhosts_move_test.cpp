@@ -7,6 +7,7 @@
 #include "tools/zopctl/vhosts_move_arguments.h"
 
 #include <algorithm>
+#include <winioctl.h> // after windows.h
 
 namespace zopctl {
 
@@ -55,6 +56,17 @@ ULONGLONG WINAPI pressingTickCount() {
         ctrlHandler(CTRL_C_EVENT);
     }
     return realTickCount();
+}
+// Or while a link is being changed.
+bool pressAtLink;
+decltype(&::DeviceIoControl) realControl;
+BOOL WINAPI pressingControl(HANDLE device, DWORD code, void* in, DWORD inSize, void* out,
+                            DWORD outSize, DWORD* returned, OVERLAPPED* overlapped) {
+    if (code == FSCTL_SET_REPARSE_POINT && ctrlHandler != nullptr && pressAtLink) {
+        pressAtLink = false;
+        ctrlHandler(CTRL_C_EVENT);
+    }
+    return realControl(device, code, in, inSize, out, outSize, returned, overlapped);
 }
 
 } // namespace
@@ -172,14 +184,22 @@ TEST_F(VHostsMoveTest, CtrlCAtAnyMomentLeavesAllOfOneState) {
     accounts_.state.users.clear(); // nothing is copied ahead, so that the tree is renamed
     const std::string before = world({newPlace()});
     int cancelled = 0;
+    const auto run = [this](std::vector<std::wstring> options, const std::wstring& target) {
+        const NtfsFake ntfs; // what it keeps besides links does not matter here
+        const ImportPatch control("DeviceIoControl", &pressingControl);
+        realControl = control.original<decltype(&::DeviceIoControl)>();
+        options.insert(options.end(), {L"--yes", L"--keep-going"});
+        return move(options, target);
+    };
+    pressAtLink = true;
+    EXPECT_EQ(run({L"--relink"}, newPlace()), ExitCode::Cancelled);
+    EXPECT_FALSE(pressAtLink);
+    ASSERT_EQ(before, world({newPlace()}));
     for (pressAt = 1;; pressAt += 7) {
         SCOPED_TRACE("pressed at " + std::to_string(pressAt));
         looks = 0;
 
-        const ExitCode code = [this] {
-            const NtfsFake ntfs; // what it keeps besides links does not matter here
-            return move({L"--yes", L"--relink", L"--keep-going"}, newPlace());
-        }();
+        const ExitCode code = run({L"--relink"}, newPlace());
         if (code != ExitCode::Cancelled) {
             ASSERT_EQ(code, ExitCode::DoneWithRemainder) << "accounts are missing";
             break;
@@ -191,6 +211,12 @@ TEST_F(VHostsMoveTest, CtrlCAtAnyMomentLeavesAllOfOneState) {
     EXPECT_GT(cancelled, 5);
     EXPECT_NE(world({newPlace()}).find("/store/new/vhosts\n"), std::string::npos);
     EXPECT_TRUE(shows("Links: 1 link leads to the new place now")) << console_->output;
+
+    // Back, where the link is left alone.
+    EXPECT_EQ(run({}, oldPlace()), ExitCode::DoneWithRemainder);
+    EXPECT_TRUE(shows("Links: 1 link leads to the old place still")) << console_->output;
+    EXPECT_NE(before.find("/vhosts\n"), std::string::npos);
+    EXPECT_EQ(world().find("/vhosts\n"), std::string::npos) << "nothing is there any more";
 }
 
 TEST(VHostsMoveArgumentsTest, MistakesAreAnsweredWithWhatWasMeant) {

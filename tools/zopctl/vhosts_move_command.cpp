@@ -160,7 +160,11 @@ private:
         if (links_) {
             const Hook error = links_->errorEvent.hook(
                 [this](const std::wstring& message, bool&) { partFailed(message); });
-            links_->rollback();
+            try {
+                links_->rollback();
+            } catch (const vexception& e) { // everything else is still to be put back
+                partFailed(e.message());
+            }
         }
         if (!mover_) {
             return;

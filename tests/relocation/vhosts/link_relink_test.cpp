@@ -40,10 +40,10 @@ protected:
         scan.scan(old(), {});
     }
 
-    TreeImage image() const {
+    static TreeImage image(const std::wstring& root) {
         ImageOptions options;
         options.directoryTimes = false; // the fake makes a link anew to change it
-        return imageOf(moved(), options);
+        return imageOf(root, options);
     }
 
     static LinkNames namesOf(const std::wstring& path) {
@@ -65,7 +65,7 @@ TEST_F(LinkRelinkTest, AbsoluteLinksFollowTheTreeAndComeBackByteForByte) {
     find(links);
     EXPECT_EQ(links.get_links().size(), 3U) << "neither the relative one nor the neighbour's";
     RunTime::moveEx(old(), moved());
-    const TreeImage before = image();
+    const TreeImage before = image(moved());
     links.change(moved());
     EXPECT_EQ(links.get_changed(), 3);
     const std::wstring place = directory_.nice() + L"\\new place";
@@ -80,21 +80,21 @@ TEST_F(LinkRelinkTest, AbsoluteLinksFollowTheTreeAndComeBackByteForByte) {
         EXPECT_EQ(namesOf(moved() + path).print, target);
     }
     // What differs is where they lead: no time, no kind.
-    TreeImage after = image();
+    TreeImage after = image(moved());
     for (auto& [name, item] : after) {
         item.reparse = before.at(name).reparse;
     }
     EXPECT_TRUE(sameTree(before, after));
     links.rollback();
     EXPECT_EQ(links.get_changed(), 0);
-    EXPECT_TRUE(sameTree(before, image()));
+    EXPECT_TRUE(sameTree(before, image(moved())));
 }
 
 TEST_F(LinkRelinkTest, WhicheverCallFailsRollbackPutsEveryLinkBack) {
     LinkRelink links(old());
     find(links);
     RunTime::moveEx(old(), moved());
-    const TreeImage before = image();
+    const TreeImage before = image(moved());
     bool fired = true;
     int failed = 0;
     for (long n = 1; fired; ++n) {
@@ -104,9 +104,30 @@ TEST_F(LinkRelinkTest, WhicheverCallFailsRollbackPutsEveryLinkBack) {
         fired = outcome.fired;
         failed += outcome.error.empty() ? 0 : 1;
         links.rollback();
-        ASSERT_TRUE(sameTree(before, image()));
+        ASSERT_TRUE(sameTree(before, image(moved())));
     }
     EXPECT_GT(failed, 5);
+}
+
+// The tree goes back whether or not its links could be put back before.
+TEST_F(LinkRelinkTest, WhatARollbackHasLeftTheNextOnePutsBackInTheOldPlace) {
+    LinkRelink links(old());
+    find(links);
+    const TreeImage before = image(old());
+    int errors = 0;
+    const Hook hook = links.errorEvent.hook([&](const std::wstring&, bool&) { ++errors; });
+    bool fired = true;
+    for (long n = 1; fired; ++n) {
+        RunTime::moveEx(old(), moved());
+        links.change(moved());
+        const FaultOutcome outcome = runWithFault(n, ERROR_DISK_FULL, [&] { links.rollback(); });
+        SCOPED_TRACE(outcome.text());
+        fired = outcome.fired;
+        RunTime::moveEx(moved(), old());
+        links.rollback();
+        ASSERT_TRUE(sameTree(before, image(old())));
+    }
+    EXPECT_GT(errors, 5);
 }
 
 TEST_F(LinkRelinkTest, NothingThatHasBecomeSomebodyElsesIsTouched) {
