@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 
 namespace {
 
@@ -23,28 +24,37 @@ protected:
     void SetUp() override {
         DatabaseFixture::SetUp();
         if (database) {
-            rebuild();
+            panel_.build();
+            restore();
         }
     }
 
-    // A whole panel again, whatever a case has done to the last one.
-    void rebuild() {
-        service_.reset();
-        panel_.reset();
-        registry_.reset();
+    // The whole panel again, whatever a case that must not be seen by others has done to it.
+    void restore() {
+        for (; !aside_.empty(); aside_.pop_back()) {
+            RunTime::moveEx(aside_.back() + L".aside", aside_.back());
+        }
+        RegistryOverride::setString(config::name::vhosts, panel_.vhosts());
+        RegistryOverride::setString(config::name::productRoot, panel_.productRoot());
+        configure(registry_);
+        panel_.store().setControl({});
         accounts_.state = {};
-        directory_ = std::make_unique<TempDirectory>();
-        registry_ = std::make_unique<RegistryOverride>();
-        panel_ = std::make_unique<panel::Panel>(directory_->nice(),
-                                                panel::Options{.domains = 4, .files = 1});
-        panel_->build();
-        for (const panel::Account& account : panel_->accounts()) {
+        accounts_.failAt = 0;
+        for (const panel::Account& account : panel_.accounts()) {
             accounts_.state.users[account.login] = {.home = account.home};
         }
-        service_ = std::make_unique<LocalConfigService>();
+        source_.clear();
+        if (!service_) {
+            service_.emplace();
+        }
     }
 
-    std::wstring target() const { return directory_->nice() + L"\\moved\\hosts"; }
+    void putAside(const std::wstring& path) {
+        RunTime::moveEx(path, path + L".aside");
+        aside_.push_back(path);
+    }
+
+    std::wstring target() const { return directory_.nice() + L"\\moved\\hosts"; }
 
     VHostsPreflight::Result examine(const std::wstring& to = {}) {
         VHostsPreflight preflight;
@@ -71,11 +81,12 @@ protected:
                             registry::MissingKey::Create);
     }
 
-    std::unique_ptr<TempDirectory> directory_;
-    std::unique_ptr<RegistryOverride> registry_;
+    TempDirectory directory_;
+    RegistryOverride registry_;
     AccountFake accounts_;
-    std::unique_ptr<panel::Panel> panel_;
-    std::unique_ptr<LocalConfigService> service_;
+    panel::Panel panel_{directory_.nice(), {.domains = 4, .files = 1}};
+    std::optional<LocalConfigService> service_;
+    std::vector<std::wstring> aside_;
     std::wstring source_;
     VHostsPreflight::Options options_;
 };
@@ -83,19 +94,19 @@ protected:
 } // namespace
 
 TEST_F(VHostsPreflightTest, AWholePanelIsCountedAndNothingIsChanged) {
-    const std::string before = panel_->snapshot();
+    const std::string before = panel_.snapshot();
     const AccountFake::State accounts = accounts_.state;
     const VHostsPreflight::Result seen = examine();
-    EXPECT_EQ(panel_->snapshot(), before);
+    EXPECT_EQ(panel_.snapshot(), before);
     EXPECT_EQ(accounts_.state, accounts);
-    for (const panel::Words& call : panel_->store().calls()) {
+    for (const panel::Words& call : panel_.store().calls()) {
         EXPECT_EQ(toUtf8(call.back()), "--get-sites-root-path");
     }
     EXPECT_FALSE(seen.isRefused()) << text(seen);
     EXPECT_TRUE(seen.isExamined);
     EXPECT_TRUE(seen.willCopy) << "homes are copied into the target first";
-    EXPECT_EQ(seen.homes, std::ssize(panel_->accounts()));
-    EXPECT_EQ(seen.homesOnDisk, std::count_if(panel_->accounts().begin(), panel_->accounts().end(),
+    EXPECT_EQ(seen.homes, std::ssize(panel_.accounts()));
+    EXPECT_EQ(seen.homesOnDisk, std::count_if(panel_.accounts().begin(), panel_.accounts().end(),
                                               [](const panel::Account& account) {
                                                   return RunTime::exists(account.home);
                                               }));
@@ -116,19 +127,18 @@ TEST_F(VHostsPreflightTest, WhatStandsInTheWayOrIsNotCoveredIsFound) {
         const wchar_t* says; // in reason or remedy
         std::function<void()> arrange;
     };
-    const auto vhosts = [&] { return panel_->vhosts(); };
+    const std::wstring vhosts = panel_.vhosts();
     const auto remove = [&](const wchar_t* program) {
-        return [this, program] { RunTime::deleteFile(panel_->productRoot() + program); };
+        return [this, program] { putAside(panel_.productRoot() + program); };
     };
     std::wstring to; // empty: the usual one
     const Case cases[] = {
-        {"no-config-service", Severity::Refuse, L"sc start", [&] { service_->stop(); }},
+        {"no-config-service", Severity::Refuse, L"sc start", [&] { service_.reset(); }},
         {"not-configured", Severity::Refuse, L"HTTPD_VHOSTS_D",
          [] { RegistryOverride::remove(config::name::vhosts); }},
         {"other-than-configured", Severity::Warn, L"--source",
-         [&] { source_ = panel_->elsewhere(); }},
-        {"source-missing", Severity::Refuse, L"does not exist",
-         [&] { RunTime::moveEx(vhosts(), vhosts() + L".aside"); }},
+         [&] { source_ = panel_.elsewhere(); }},
+        {"source-missing", Severity::Refuse, L"does not exist", [&] { putAside(vhosts); }},
         {"no-product-root", Severity::Refuse, L"PRODUCT_ROOT_D",
          [] { RegistryOverride::remove(config::name::productRoot); }},
         {"missing-program", Severity::Refuse, L"admin\\bin64\\ftphostctl.exe",
@@ -143,7 +153,7 @@ TEST_F(VHostsPreflightTest, WhatStandsInTheWayOrIsNotCoveredIsFound) {
          [] { RegistryOverride::setString(config::name::mySqlDatabase, L"information_schema"); }},
         {"no-sites", Severity::Refuse, L"IIS is stopped",
          [&] {
-             panel_->store().setControl(
+             panel_.store().setControl(
                  {{L"fail", L"0", L"--get-sites-root-path", L"3", L"IIS is stopped"}});
          }},
         {"missing-users", Severity::Warn, L"(d1)", [&] { accounts_.state.users.erase(L"d1"); }},
@@ -156,32 +166,30 @@ TEST_F(VHostsPreflightTest, WhatStandsInTheWayOrIsNotCoveredIsFound) {
         {"unmatched-roots", Severity::Warn, L"domain 1: file:///",
          [&] {
              database->execute(L"update hosting set www_root = ? where dom_id = 1",
-                               {L"file:///" + vhosts() + L"\\x"});
+                               {L"file:///" + vhosts + L"\\x"});
          }},
         {"not-covered", Severity::Warn, L"Config\\OTHER_D",
-         [&] { RegistryOverride::setString(L"OTHER_D", L"\"" + vhosts() + L"\\x\" -a"); }},
+         [&] { RegistryOverride::setString(L"OTHER_D", L"\"" + vhosts + L"\\x\" -a"); }},
         {"not-covered", Severity::Warn, L"Environment\\Path",
          [&] {
              setValue(L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment", L"Path",
-                      L"C:\\windows;" + vhosts() + L"\\bin;");
+                      L"C:\\windows;" + vhosts + L"\\bin;");
          }},
         {"not-covered", Severity::Warn, L"etc\\sub\\server.conf",
          [&] {
-             std::wstring slashes = vhosts();
+             std::wstring slashes = vhosts;
              std::replace(slashes.begin(), slashes.end(), L'\\', L'/');
-             directory_->writeFile(L"panel\\etc\\sub\\server.conf",
-                                   "root " + toUtf8(slashes) + "/default;");
+             directory_.writeFile(L"panel\\etc\\sub\\server.conf",
+                                  "root " + toUtf8(slashes) + "/default;");
          }},
-        {"target-inside-source", Severity::Refuse, L"outside", [&] { to = vhosts() + L"\\new"; }},
+        {"target-inside-source", Severity::Refuse, L"outside", [&] { to = vhosts + L"\\new"; }},
         {"cannot-look", Severity::Refuse, L"names a device", [&] { source_ = L"\\\\.\\pipe\\x"; }},
         {"quotation-mark", Severity::Warn, L"config.php", [&] { to = target() + L"'s"; }},
     };
     for (const Case& each : cases) {
         SCOPED_TRACE(std::string(each.code) + " " + toUtf8(each.says));
-        rebuild();
-        source_.clear();
+        restore();
         to.clear();
-        accounts_.failAt = 0;
         each.arrange();
         const VHostsPreflight::Result seen = examine(to);
         const MoveFinding* finding = find(seen, each.code);
@@ -195,7 +203,7 @@ TEST_F(VHostsPreflightTest, WhatStandsInTheWayOrIsNotCoveredIsFound) {
 
 TEST_F(VHostsPreflightTest, LinksIntoTheOldPlaceAreToldAndKeptForTheMove) {
     NtfsFake ntfs;
-    ntfs.makeLink(panel_->vhosts() + L"\\link", panel_->vhosts() + L"\\webmail",
+    ntfs.makeLink(panel_.vhosts() + L"\\link", panel_.vhosts() + L"\\webmail",
                   IO_REPARSE_TAG_MOUNT_POINT, true);
     const MoveFinding* told = nullptr;
     const VHostsPreflight::Result plain = examine();
