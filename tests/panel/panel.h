@@ -31,8 +31,8 @@ struct Options {
     int domains = 300;
     int files = 8; // of a domain, besides those that every domain has
     unsigned seed = 1;
-    bool links = false;   // symbolic links of Unix
-    bool streams = false; // on file systems that have them
+    bool links = false;   // to a directory beside them, and to nowhere
+    bool streams = false; // where the file system has them
 };
 
 struct Account {

@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <initializer_list>
 #include <stdexcept>
@@ -225,4 +227,11 @@ FaultExclusion::FaultExclusion(std::set<std::string> functions) : before_(exclud
 
 FaultExclusion::~FaultExclusion() {
     excludedByTest = before_;
+}
+
+SweepExtent::SweepExtent(long everyday)
+    : isWhole(std::getenv("ZOP_SWEEP") != nullptr), stride(isWhole ? 1 : everyday) {
+    if (isWhole) {
+        std::sscanf(std::getenv("ZOP_SWEEP"), "%ld-%ld", &first, &last);
+    }
 }

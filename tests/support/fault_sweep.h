@@ -69,3 +69,14 @@ public:
 private:
     std::set<std::string> before_;
 };
+
+// The rounds that a sweep goes through: every stride-th one; but with the environment variable
+// ZOP_SWEEP every single one, or those of its range ("all", "200-399").
+struct SweepExtent {
+    explicit SweepExtent(long everyday);
+
+    bool isWhole; // nothing is to be left out
+    long first = 1;
+    long last = 0x7FFFFFFF;
+    long stride;
+};

@@ -380,7 +380,7 @@ protected:
     // Tries a fault at every step that the operation has; returns how many there are.
     long sweep(Kind kind, const World& before, bool inMove) {
         // The movers' own system calls are all tried in the tests of the mover.
-        const long stride = kind != Kind::SystemCall ? 1 : inMove ? 11 : 3;
+        const long stride = SweepExtent(kind != Kind::SystemCall ? 1 : inMove ? 11 : 3).stride;
         long n = 1;
         for (bool fired = true; fired && !HasFailure(); n += stride) {
             const auto list = newList();
