@@ -265,6 +265,19 @@ TEST(ExecuteFaultTest, AFailingCallIsReportedAndLeavesNothing) {
             return made;
         });
     realPort = port.original<decltype(realPort)>();
+    static decltype(&::CreateProcessW) realCreate;
+    static DWORD started;
+    const ImportPatch create(
+        "CreateProcessW",
+        +[](const wchar_t* path, wchar_t* line, SECURITY_ATTRIBUTES* process,
+            SECURITY_ATTRIBUTES* thread, BOOL inherit, DWORD flags, void* block,
+            const wchar_t* directory, STARTUPINFOW* startup, PROCESS_INFORMATION* created) {
+            const BOOL done = realCreate(path, line, process, thread, inherit, flags, block,
+                                         directory, startup, created);
+            started = created->dwProcessId;
+            return done;
+        });
+    realCreate = create.original<decltype(realCreate)>();
     for (const char* name :
          {"CreateEventW", "CreateNamedPipeW", "CreateFileW", "CreateJobObjectW",
           "CreateIoCompletionPort", "SetInformationJobObject", "UpdateProcThreadAttribute",
@@ -273,6 +286,7 @@ TEST(ExecuteFaultTest, AFailingCallIsReportedAndLeavesNothing) {
         SCOPED_TRACE(name);
         const ProcessCounters before = ProcessCounters::now();
         {
+            started = 0;
             FaultPoint fault(name);
             fault.code = ERROR_NOT_ENOUGH_MEMORY;
             const std::string_view call = name;
@@ -288,6 +302,8 @@ TEST(ExecuteFaultTest, AFailingCallIsReportedAndLeavesNothing) {
                 EXPECT_EQ(e.get_errorCode(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
             }
             EXPECT_TRUE(fault.fired());
+            const AutoHandle left(::OpenProcess(SYNCHRONIZE, FALSE, started));
+            EXPECT_TRUE(!left || ::WaitForSingleObject(left.get(), 60'000) == WAIT_OBJECT_0);
         }
         const ProcessCounters after = ProcessCounters::now();
         EXPECT_EQ(after.handles, before.handles);

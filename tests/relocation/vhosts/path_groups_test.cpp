@@ -20,6 +20,7 @@ TEST(CommonPathPartTest, WholeComponentsAreComparedWhateverTheirCase) {
         {L"D:\\vhosts\\a.com", L"D:\\vhosts", "D:\\vhosts"},
         {L"d:\\VHosts", L"D:\\vhosts\\a.com\\", "d:\\VHosts"},
         {L"D:\\vhosts2\\a.com", L"D:\\vhosts", "D:"},
+        {L"D:\\vh\\a.com", L"D:\\vhosts", "D:"},
         {L"D:\\", L"D:\\vhosts", "D:"},
         {L"D:", L"d:\\", "D:"},
         {L"C:\\vhosts", L"D:\\vhosts", ""},

@@ -92,6 +92,14 @@ TEST_F(ReconfigureTest, RootsInTheDirectoryFollowItAndComeBackAsTheyWere) {
     EXPECT_EQ(this->roots(), before);
     EXPECT_EQ(forward.get_failure(), L"");
 
+    // Roots that are back already stay, also where the new place is above the old one.
+    const std::wstring above = RunTime::parentPath(from);
+    forward.reconfigure(from, above, true);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        forward.reconfigure(above, from, false);
+        EXPECT_EQ(this->roots(), before);
+    }
+
     // An object that has not seen the way forward goes by the paths alone.
     EXPECT_FALSE(WwwRootReconfigure().reconfigure(from, L"F:\\", true));
     EXPECT_EQ(roots().at(0) + roots().at(4), L"F:\\a\\httpdocsF:\\");
