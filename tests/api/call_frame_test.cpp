@@ -52,15 +52,6 @@ struct Counted {
 
 } // namespace
 
-TEST(CallFrameTest, ResultsOfAnyKindComeBack) {
-    EXPECT_EQ(7, callFrame(site, [] { return 7; }));
-    const auto text = callFrame(site, [] { return std::make_unique<std::wstring>(L"moved"); });
-    EXPECT_EQ(L"moved", *text);
-    bool ran = false;
-    callFrame(site, [&] { ran = true; });
-    EXPECT_TRUE(ran);
-}
-
 TEST(CallFrameTest, EveryKindOfFailureIsWordedTaggedAndEndsWithTheSite) {
     const Traced traced;
     static int alive;

@@ -134,35 +134,6 @@ TEST_F(DataLocationTest, CancelEndsTheChangeWithFalseAndLeavesTheTransactionOpen
     }
 }
 
-TEST_F(DataLocationTest, FailedItemsAreOfferedInOrderAndNamed) {
-    makeTrees();
-    temp_.writeFile(L"panel\\data\\older.txt", "in the way");
-    temp_.writeFile(L"panel\\data\\sub\\older.bin", "in the way");
-    DataLocation location;
-    bool ignores = false;
-    std::vector<std::wstring> messages;
-    const Hook errors = location.ErrorEvent.hook([&](BackupCopyErrorEvent& error) {
-        EXPECT_FALSE(error.ignore);
-        messages.push_back(error.message);
-        error.ignore = ignores;
-    });
-    expectEndsIn(failureOf([&] { location.Change(source(), target()); }), "Change");
-    EXPECT_EQ(messages.size(), 1U);
-    location.Rollback();
-    ignores = true;
-    messages.clear();
-    EXPECT_TRUE(location.Change(source(), target()));
-    const std::vector<std::wstring> failed = location.get_Failed();
-    ASSERT_EQ(failed.size(), 2U);
-    ASSERT_EQ(messages.size(), 2U);
-    EXPECT_NE(failed[0], failed[1]);
-    for (std::size_t i = 0; i < failed.size(); ++i) {
-        EXPECT_NE(messages[i].find(failed[i].substr(failed[i].rfind(L'\\'))), std::wstring::npos)
-            << toUtf8(messages[i]);
-    }
-    location.Rollback();
-}
-
 TEST_F(DataLocationTest, WhateverAListenerThrowsFailsTheMoveAndRollbackRestores) {
     makeTrees();
     const World before = world();
@@ -255,16 +226,6 @@ TEST_F(DataLocationTest, EveryMethodAndHandlerHasItsSpan) {
     EXPECT_EQ(handlers["errorEvent_Handler"], 1);
 }
 
-TEST(DataLocationLifeTest, TenThousandObjectsLeaveNothingBehind) {
-    const ProcessCounters growth = growthOver(10000, [] {
-        DataLocation location(StreamType::Data, true);
-        const Hook names =
-            location.ProgressEvent_Name.hook([](const std::wstring&, bool, std::int64_t, bool&) {});
-    });
-    EXPECT_LE(growth.handles, 0);
-    EXPECT_EQ(growth.blocks, 0);
-}
-
 // Memory runs out at each allocation of the constructor in turn.
 TEST(DataLocationLifeTest, AConstructorThatFailsLeavesNothingBehind) {
     { const DataLocation warmUp(StreamType::Data, true); }
@@ -278,8 +239,8 @@ TEST(DataLocationLifeTest, AConstructorThatFailsLeavesNothingBehind) {
         bool failed = false;
         {
             FaultPoint fault("malloc");
-            fault.result = 0;
             fault.failAt = n;
+            fault.result = 0;
             try {
                 const DataLocation location(StreamType::Data, true);
             } catch (const zopobsolete::Exception&) {

@@ -1,6 +1,7 @@
 #include "api/vhosts_security.h"
 
 #include "api/argument_null_exception.h"
+#include "tests/api/public_failure.h"
 #include "tests/support/hosted_domain_fixture.h"
 #include "tests/support/traced.h"
 
@@ -50,15 +51,6 @@ protected:
         add("");
         return trace;
     }
-    template <class Function>
-    static std::string failureOf(Function&& call) {
-        try {
-            call();
-        } catch (const zopobsolete::Exception& e) {
-            return e.what();
-        }
-        return {};
-    }
 
     std::string failure;
 };
@@ -79,7 +71,7 @@ TEST_F(VHostsSecurityTest, MissingAccountsAreMadeBeforeThePermissions) {
                   "! pool1: Application pool user was absent. Tarvo has created it.\n"
                   "createUser pool1\n" +
                   finished("pool1") + "commit\n");
-    EXPECT_EQ(failure, "");
+    EXPECT_EQ(failure, "no failure");
     AccountFake::State expected;
     expected.users[L"d1"] = {.password = L"secret d1",
                              .fullName = L"Tarvo Domain User",
@@ -282,6 +274,6 @@ TEST_F(VHostsSecurityTest, WhateverAListenerThrowsEndsTheCheck) {
     }
     // It goes when the call that runs has ended.
     const Hook disposing = security.Progress.hook([&](const std::wstring&) { security.Dispose(); });
-    EXPECT_EQ(check(), "");
+    EXPECT_EQ(check(), "no failure");
     EXPECT_THAT(check(), StartsWith("The hosting security object has been disposed of"));
 }

@@ -67,26 +67,6 @@ public sealed class VirtualHostsLocationTest : IDisposable
     }
 
     [Test]
-    public void AFailingStepFailsTheMoveAndRollbackSaysWhatCannotBePutBack()
-    {
-        using (var location = new VirtualHostsLocation())
-        {
-            var names = new List<string>();
-            location.ProgressEvent_Name += (name, val, completeCount, itemSize) =>
-            {
-                names.Add(name);
-                return false;
-            };
-            Exception absent = Check.Throws<Exception>(() => location.Change(root + "\\new"));
-            Check.True(absent.Message.Contains("call (ftphostctl.exe --remove-all)"), absent.Message);
-            Check.Equal("Reconfigure FTP server: first stage", string.Join(", ", names));
-            Check.Throws<Exception>(() => location.Commit());
-            Check.Throws<Exception>(() => location.Rollback()); // the utilities are still missing
-        }
-        IsUntouched();
-    }
-
-    [Test]
     public void EventsAreRaisedByName()
     {
         var heard = new List<string>();

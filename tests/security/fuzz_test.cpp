@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 using RunTime::Acl;
-using RunTime::Sid;
 
 namespace {
 
@@ -42,22 +41,6 @@ void readWhole(std::span<const std::uint8_t> input) {
 }
 
 } // namespace
-
-TEST(SecurityFuzzTest, SidsAreReadWholeOrRefused) {
-    int whole = 0;
-    fuzz({raw::sid({}), raw::sid({32, 544}), raw::sid({21, 1, 2, 3, 500})},
-         [&](std::span<const std::uint8_t> input) {
-             try {
-                 const Sid sid = Sid::fromBytes(input);
-                 EXPECT_TRUE(::IsValidSid(sid.get()));
-                 EXPECT_TRUE(std::equal(sid.bytes().begin(), sid.bytes().end(), input.begin()));
-                 ++whole;
-             } catch (const vosexception& e) {
-                 EXPECT_EQ(e.get_errorCode(), DWORD{ERROR_INVALID_SID});
-             }
-         });
-    EXPECT_GT(whole, 0);
-}
 
 TEST(SecurityFuzzTest, ListsAndDescriptorsAreReadWholeOrRefused) {
     const AddAceInPlace addAce;

@@ -14,11 +14,6 @@ using Stage = CancelKey::Stage;
 
 class CancelKeyTest : public ::testing::Test {
 protected:
-    std::string press() {
-        said_.clear();
-        stays_ = key_.press();
-        return toUtf8(said_);
-    }
     // Whether the work of this thread hears a cancel at its next step.
     static bool isHeard() {
         const ThreadCancelation::CancelationPoint work;
@@ -30,62 +25,44 @@ protected:
         }
     }
 
-    std::wstring said_;
-    bool stays_ = true;
-    CancelKey key_{[this](const std::wstring& text) { said_ = text; }};
+    std::string said_;
+    CancelKey key_{[this](const std::wstring& text) { said_ = toUtf8(text); }};
 };
 
 } // namespace
 
-TEST_F(CancelKeyTest, CancelsTheWorkByFlagAndByRequest) {
-    key_.enter(Stage::Working);
-    EXPECT_FALSE(key_.isRequested());
-    EXPECT_TRUE(press().starts_with("Cancelling"));
-    EXPECT_TRUE(key_.isRequested());
-    EXPECT_TRUE(isHeard());
-    EXPECT_TRUE(press().starts_with("Cancelling already"));
-}
-
-TEST_F(CancelKeyTest, ARepairIsCancelledAndKeepsWhatItDid) {
-    key_.enter(Stage::Repairing);
-    EXPECT_EQ(press(), "Cancelling; what was done stays...");
-    EXPECT_TRUE(isHeard());
-}
-
-TEST_F(CancelKeyTest, ARequestThatNobodyHeardDoesNotReachTheRollback) {
-    key_.enter(Stage::Working);
-    press();
-    EXPECT_FALSE(key_.enter(Stage::RollingBack));
-    EXPECT_FALSE(isHeard());
-    EXPECT_TRUE(press().starts_with("The rollback must finish"));
-    EXPECT_FALSE(isHeard());
-}
-
-TEST_F(CancelKeyTest, ACancelBetweenMoveAndCommitStopsTheCommit) {
-    key_.enter(Stage::Working);
-    press();
-    EXPECT_TRUE(key_.enter(Stage::Committing));
-}
-
-TEST_F(CancelKeyTest, AtTheQuestionTheProcessMayEnd) {
-    key_.enter(Stage::Asking);
-    EXPECT_EQ(press(), "\nCancelled; nothing has been changed.");
-    EXPECT_FALSE(stays_);
-    for (const Stage stage : {Stage::Looking, Stage::RollingBack, Stage::Committing}) {
-        key_.enter(stage);
-        press();
-        EXPECT_TRUE(stays_);
-        if (stage == Stage::Looking) {
-            EXPECT_TRUE(isHeard());
-        }
+TEST_F(CancelKeyTest, EachStageSaysWhatAPressDoesAndTheWorkHearsIt) {
+    struct Case {
+        Stage stage;
+        const char* says;
+        bool isHeard;
+        bool stays;
+    };
+    const Case cases[] = {
+        {Stage::Looking, "Cancelling", true, true},
+        {Stage::Asking, "\nCancelled; nothing has been changed.", false, false},
+        {Stage::Working, "Cancelling", true, true},
+        {Stage::Repairing, "Cancelling; what was done stays...", true, true},
+        {Stage::RollingBack, "The rollback must finish", false, true},
+        {Stage::Committing, "It is too late to cancel: the move is done", false, true},
+    };
+    for (const Case& each : cases) {
+        CancelKey key([this](const std::wstring& text) { said_ = toUtf8(text); });
+        EXPECT_FALSE(key.enter(each.stage));
+        EXPECT_EQ(key.press(), each.stays) << each.says;
+        EXPECT_TRUE(said_.starts_with(each.says)) << said_;
+        EXPECT_EQ(key.isRequested(), each.isHeard) << each.says;
+        EXPECT_EQ(isHeard(), each.isHeard) << each.says;
     }
 }
 
-TEST_F(CancelKeyTest, ACommitGoesOn) {
+TEST_F(CancelKeyTest, ACancelStopsTheCommitAndDoesNotReachTheRollback) {
     key_.enter(Stage::Working);
-    EXPECT_FALSE(key_.enter(Stage::Committing));
-    EXPECT_TRUE(press().starts_with("It is too late to cancel: the move is done"));
-    EXPECT_FALSE(key_.isRequested());
+    key_.press();
+    key_.press();
+    EXPECT_TRUE(said_.starts_with("Cancelling already")) << said_;
+    EXPECT_TRUE(key_.enter(Stage::Committing));
+    EXPECT_FALSE(key_.enter(Stage::RollingBack));
     EXPECT_FALSE(isHeard());
 }
 

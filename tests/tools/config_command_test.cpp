@@ -248,16 +248,4 @@ TEST_F(ConfigCommandTest, TheListHasWhatIsStoredAndWhatIsKnown) {
     EXPECT_THAT(odd, testing::ContainsRegex("\nOwn +string +text\n"));
 }
 
-TEST_F(ConfigCommandTest, WithoutAServiceTheMessageSaysHowToStartOne) {
-    service_.stop();
-    for (const Words& words : {Words{L"get", L"Text"}, {L"set", L"Text", L"x"}, {L"list"}}) {
-        EXPECT_EQ(run(words), ExitCode::Failed);
-        EXPECT_THAT(console_.errors, HasSubstr("is not running"));
-        EXPECT_THAT(console_.errors, HasSubstr("sc start zopconfigsvc"));
-        EXPECT_THAT(console_.errors, HasSubstr("zopconfigsvc --console"));
-    }
-    EXPECT_EQ(run({L"list", L"--json"}), ExitCode::Failed);
-    EXPECT_EQ(console_.objects().back()["status"], "failed");
-}
-
 } // namespace zopctl

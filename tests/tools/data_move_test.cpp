@@ -7,7 +7,6 @@
 #include "tests/tools/pressing_clock.h"
 #include "tests/tools/recording_console.h"
 
-#include <algorithm>
 #include <future>
 #include <gtest/gtest.h>
 #include <thread>
@@ -43,15 +42,16 @@ protected:
         return imageOf(*name ? directory_ / name : directory_.path(), options);
     }
 
-    nlohmann::json result() const {
-        for (const nlohmann::json& object : console_->objects()) {
-            if (object["event"] == "result") {
-                return object;
+    nlohmann::json object(const char* event) const {
+        for (const nlohmann::json& each : console_->objects()) {
+            if (each["event"] == event) {
+                return each;
             }
         }
-        ADD_FAILURE() << "no result in " << console_->output;
+        ADD_FAILURE() << "no " << event << " in " << console_->output;
         return {};
     }
+    nlohmann::json result() const { return object("result"); }
 
     TempDirectory directory_;
     std::unique_ptr<RecordingConsole> console_;
@@ -97,6 +97,9 @@ TEST_F(DataMoveTest, ADryRunChangesNothingAndSaysWhatWouldBeDone) {
 
 TEST_F(DataMoveTest, AsksOnceNamesTheConsequencesAndTakesNoForNo) {
     const TreeImage before = image();
+    EXPECT_EQ(move({}), ExitCode::Refused) << "nobody to ask";
+    EXPECT_NE(console_->output.find("--yes"), std::string::npos) << console_->output;
+    EXPECT_EQ(move({L"--json"}, L"new", true, true), ExitCode::Refused) << "only a program to ask";
     EXPECT_EQ(move({L"--copy"}, L"new", true, false), ExitCode::Cancelled);
     EXPECT_TRUE(sameTree(before, image()));
     ASSERT_EQ(console_->questions.size(), 1U);
@@ -108,21 +111,12 @@ TEST_F(DataMoveTest, AsksOnceNamesTheConsequencesAndTakesNoForNo) {
     EXPECT_TRUE(console_->questions.empty());
 }
 
-TEST_F(DataMoveTest, WithNobodyToAskItRefuses) {
-    const TreeImage before = image();
-    EXPECT_EQ(move({}), ExitCode::Refused);
-    EXPECT_NE(console_->output.find("--yes"), std::string::npos) << console_->output;
-    EXPECT_EQ(move({L"--json"}, L"new", true, true), ExitCode::Refused)
-        << "a program cannot answer";
-    EXPECT_TRUE(sameTree(before, image()));
-}
-
 TEST_F(DataMoveTest, AnItemThatFailsRollsBackOrIsLeftBehind) {
     const TreeImage before = image();
     {
         FaultPoint fault("BackupRead");
-        fault.failOnwards = true;
         fault.failAt = 0;
+        fault.failOnwards = true;
         FaultPoint plain("ReadFile");
         plain.failAt = 0;
         plain.code = ERROR_CRC;
@@ -164,13 +158,9 @@ TEST_F(DataMoveTest, ACopyThatDiffersIsRolledBack) {
     realWrite = patch.original<decltype(&::WriteFile)>();
     EXPECT_EQ(move({L"--yes", L"--copy", L"--json", L"--verify"}), ExitCode::Failed);
     EXPECT_TRUE(sameTree(before, image()));
-    const std::vector<nlohmann::json> all = console_->objects();
-    const auto difference = std::find_if(all.begin(), all.end(), [](const nlohmann::json& object) {
-        return object["event"] == "difference";
-    });
-    ASSERT_NE(difference, all.end()) << console_->output;
-    EXPECT_EQ((*difference)["kind"], "contents");
-    EXPECT_EQ((*difference)["detail"], "first difference at byte 4711");
+    const nlohmann::json difference = object("difference");
+    EXPECT_EQ(difference["kind"], "contents");
+    EXPECT_EQ(difference["detail"], "first difference at byte 4711");
 }
 
 TEST_F(DataMoveTest, AnOldDirectoryThatStaysIsNotCalledGone) {

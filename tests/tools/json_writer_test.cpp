@@ -28,9 +28,4 @@ TEST(JsonLineTest, ReadsBackAsItWasWritten) {
     EXPECT_EQ(read["texts"].size(), 2U);
 }
 
-TEST(JsonLineTest, ANameThatIsNoTextDoesNotBreakTheLine) {
-    const std::wstring line = jsonLine(L"error", {{"path", std::wstring(L"a\xD83D")}});
-    EXPECT_EQ(nlohmann::json::parse(toUtf8(line))["path"], "a\xEF\xBF\xBD");
-}
-
 } // namespace zopctl

@@ -56,27 +56,6 @@ TEST_F(ConfigImporterTest, EntryHasAllThatItsAttributesSay) {
               fieldsOf(entry));
 }
 
-TEST_F(ConfigImporterTest, EveryWellKnownAccountIsImported) {
-    std::string entries;
-    for (const AccountName& row : accountNames()) {
-        entries += entryXml({{"Account", toUtf8(row.name)}}) + "\n";
-    }
-    const std::vector<PolicyEntry> imported = importer.importBytes(policyXml(entries), L"p.xml");
-    ASSERT_EQ(37u, imported.size());
-    for (std::size_t i = 0; i < imported.size(); ++i) {
-        const AccountName& row = accountNames()[i];
-        const std::wstring sid = imported[i].account.sid.string();
-        if (row.sid != nullptr) {
-            EXPECT_EQ(row.sid, sid);
-        } else { // in the machine's domain
-            EXPECT_TRUE(sid.starts_with(L"S-1-5-21-") &&
-                        sid.ends_with(L"-" + std::to_wstring(row.rid)))
-                << toUtf8(sid);
-        }
-    }
-    EXPECT_EQ(0, lookup->calls);
-}
-
 TEST_F(ConfigImporterTest, SidStandsInForANameThatIsNotToldOrNotKnown) {
     lookup->sids[L"\\bob"] = L"S-1-5-21-1-2-3-1002";
     const auto sidOf = [&](const char* account, const char* sid) {

@@ -84,18 +84,6 @@ TEST_F(HostilePolicyTest, EveryEncodingIsReadAsTheSameText) {
     }
 }
 
-HANDLE WINAPI countingCreateFile(LPCWSTR path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                                 HANDLE);
-long opens = 0;
-decltype(&::CreateFileW) systemCreateFile = nullptr;
-
-HANDLE WINAPI countingCreateFile(LPCWSTR path, DWORD access, DWORD share,
-                                 LPSECURITY_ATTRIBUTES security, DWORD how, DWORD flags,
-                                 HANDLE model) {
-    ++opens;
-    return systemCreateFile(path, access, share, security, how, flags, model);
-}
-
 TEST_F(HostilePolicyTest, NoDocumentTypeGetsThroughAndNoOtherFileIsRead) {
     const TempDirectory directory;
     const std::string secret = toUtf8(RunTime::nicePath(directory.writeFile(L"secret", "s3cret")));
@@ -117,8 +105,7 @@ TEST_F(HostilePolicyTest, NoDocumentTypeGetsThroughAndNoOtherFileIsRead) {
         policyXml("") + "<!DOCTYPE a>",
         "<!ENTITY x 'y'>" + policyXml(""),
     };
-    const ImportPatch patch("CreateFileW", &countingCreateFile);
-    systemCreateFile = patch.original<decltype(&::CreateFileW)>();
+    const FaultPoint opens("CreateFileW");
     for (const std::string& attack : attacks) {
         for (const std::string& bytes :
              {attack, "\xEF\xBB\xBF" + attack, utf16(attack, false, true),
@@ -130,7 +117,7 @@ TEST_F(HostilePolicyTest, NoDocumentTypeGetsThroughAndNoOtherFileIsRead) {
             EXPECT_THROW(importer.importBytes(bytes, L"p.xml"), vexception);
         }
     }
-    EXPECT_EQ(0, opens);
+    EXPECT_EQ(0, opens.calls);
     // Words in places where they mean nothing are no attack.
     EXPECT_EQ(-1, onlyProblem(policyXml("<!-- <!DOCTYPE a> --><![CDATA[<!DOCTYPE a>]]>" +
                                         entryXml({{"Tag", "&lt;!DOCTYPE a>"}}))));

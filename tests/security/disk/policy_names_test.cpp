@@ -1,10 +1,10 @@
 #include "security/disk/policy_names.h"
+
+#include "security/sid.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/policy_xml.h"
 
-#include "security/sid.h"
-
-#include <algorithm>
+#include <cwchar>
 
 namespace DiskSecurity {
 
@@ -72,39 +72,13 @@ TEST(PolicyNamesTest, AccountNamesAreTheSystemsWellKnownSids) {
 }
 
 TEST(PolicyNamesTest, NumbersAreDecimalHexadecimalOrOctalAndNothingElse) {
-    const std::pair<const wchar_t*, std::uint32_t> good[] = {{L"0", 0},
-                                                             {L"10", 10},
-                                                             {L"0x10", 16},
-                                                             {L"0XfF", 255},
-                                                             {L"010", 8},
-                                                             {L"00", 0},
-                                                             {L"4294967295", ~0u},
-                                                             {L"0xFFFFFFFF", ~0u},
-                                                             {L"0777", 0777},
-                                                             {L"037777777777", ~0u}};
-    for (const auto& [text, number] : good) {
-        EXPECT_EQ(number, toInteger(text)) << toUtf8(text);
+    for (const wchar_t* text : {L"0", L"10", L"0x10", L"0XfF", L"010", L"00", L"4294967295",
+                                L"0xFFFFFFFF", L"0777", L"037777777777"}) {
+        EXPECT_EQ(std::wcstoul(text, nullptr, 0), toInteger(text)) << toUtf8(text);
     }
-    const wchar_t* const bad[] = {L"",
-                                  L" 1",
-                                  L"1 ",
-                                  L"+1",
-                                  L"-1",
-                                  L"12a",
-                                  L"0x",
-                                  L"0xG",
-                                  L"08",
-                                  L"1.0",
-                                  L"0x-1",
-                                  L"4294967296",
-                                  L"0x100000000",
-                                  L"a",
-                                  L"0b1",
-                                  L"١",
-                                  L"99999999999999999999999999",
-                                  L"0x 1",
-                                  L"1\n"};
-    for (const std::wstring text : bad) {
+    for (const std::wstring text : {L"", L" 1", L"1 ", L"+1", L"-1", L"12a", L"0x", L"0xG", L"08",
+                                    L"1.0", L"0x-1", L"4294967296", L"0x100000000", L"a", L"0b1",
+                                    L"١", L"99999999999999999999999999", L"0x 1", L"1\n"}) {
         expectError<vexception>(L"Unable to convert from '" + text + L"' to integer type.",
                                 [&] { toInteger(text); });
     }

@@ -3,7 +3,6 @@
 
 #include "runtime/log_manager.h"
 #include "runtime/text.h"
-#include "runtime/thread_cancelation.h"
 #include "security/hosting/undo_log.h"
 #include "tests/support/fault_sweep.h"
 #include "tests/support/unix_call.h"
@@ -177,31 +176,6 @@ TEST_F(HostingSafetyTest, DeepTreesAreWalked) {
     repair(recorder);
     EXPECT_NE(ntfs.security(file), everybody);
     EXPECT_TRUE(recorder.errors.empty());
-}
-
-TEST_F(HostingSafetyTest, ACancelledRepairCanBeUndoneAndRepeated) {
-    for (const wchar_t* name : {L"a", L"wwwroot\\b", L"wwwroot\\c"}) {
-        ntfs.setSecurity(make(name), everybody);
-    }
-    const std::string before = ntfs.fingerprint(root);
-    class Canceller : public Recorder {
-    public:
-        void onItem(const std::wstring& path) override {
-            if (path.ends_with(L"\\b")) {
-                ThreadCancelation::request(::GetCurrentThreadId());
-            }
-        }
-    } canceller;
-    const auto subject = manager();
-    EXPECT_THROW(subject->commit(canceller, CommitMode::Repair, true, false), CanceledException);
-    EXPECT_NE(ntfs.fingerprint(root), before);
-    Recorder recorder;
-    EXPECT_GT(undo(subject->getUndoFile(), recorder).restored, 0u);
-    EXPECT_EQ(ntfs.fingerprint(root), before);
-    repair(recorder);
-    Recorder again;
-    repair(again);
-    EXPECT_TRUE(again.differences.empty());
 }
 
 TEST_F(HostingSafetyTest, WhateverCallFailsNoItemHasMoreThanBeforeOrByTheTemplate) {

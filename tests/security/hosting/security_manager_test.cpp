@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <random>
+#include <ranges>
 #include <tuple>
 
 namespace HostingSecurity {
@@ -176,11 +177,8 @@ protected:
 };
 
 std::set<std::wstring> keysOf(const std::map<std::wstring, std::wstring>& map) {
-    std::set<std::wstring> keys;
-    for (const auto& [key, value] : map) {
-        keys.insert(key);
-    }
-    return keys;
+    const auto keys = std::views::keys(map);
+    return {keys.begin(), keys.end()};
 }
 
 } // namespace
