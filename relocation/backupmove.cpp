@@ -175,7 +175,10 @@ bool backupmove::setTargetAside() {
         return false;
     }
     try {
-        targetBackup_ = RunTime::temporaryMove(to_, setAsidePrefix);
+        const std::wstring name = RunTime::temporaryName(RunTime::parentPath(to_), setAsidePrefix);
+        intend(Intent::SetAside, name);
+        RunTime::moveEx(to_, name);
+        targetBackup_ = name;
     } catch (const CanceledException&) {
         throw;
     } catch (const vexception&) {
@@ -188,6 +191,7 @@ bool backupmove::setTargetAside() {
 bool backupmove::renameSource() {
     const NativeSpan span("backupmove::rename", __LINE__);
     LogsLock lock(logsLock_, lockLogs_);
+    intend(Intent::Rename, {});
     try {
         RunTime::moveEx(from_, to_);
     } catch (const vosexception& error) {
@@ -217,9 +221,25 @@ void backupmove::copySource() {
         undo_ = Undo::ReplayLog;
     }
     itemsMade_ = 0;
+    intend(Intent::Copy, log_.name());
     copyBegan_ = now() - clockStep;
     const RunTime::PrivilegeScope privilege{SE_BACKUP_NAME};
     backupcopy::copy(from_, to_, kind);
+}
+
+void backupmove::intend(Intent, const std::wstring&) {}
+
+void backupmove::resumeRename(const std::wstring& source, const std::wstring& target,
+                              bool isRenamed, const std::wstring& aside) {
+    close();
+    source_ = source;
+    target_ = target;
+    from_ = RunTime::withoutTrailingBackslash(longPath(source));
+    to_ = RunTime::withoutTrailingBackslash(longPath(target));
+    started_ = true;
+    moved_ = isRenamed;
+    undo_ = isRenamed ? Undo::RenameBack : Undo::Nothing;
+    targetBackup_ = aside.empty() ? aside : longPath(aside);
 }
 
 void backupmove::commit() {

@@ -79,6 +79,20 @@ public:
     // done before this item, cancel. Totals and errors come through the events of backupcopy.
     Event<const std::wstring&, bool, std::int64_t, bool&> progressEvent_Name;
 
+protected:
+    // What move() is about to do with the tree. By default nobody is told; what a derived class
+    // throws ends the move.
+    enum class Intent {
+        SetAside, // name: what stands at the target is renamed to it
+        Rename,
+        Copy, // name: of the log; empty without one
+    };
+    virtual void intend(Intent intent, const std::wstring& name);
+    // Takes up a rename of a process that has ended, for rollback(). isRenamed: the tree is at the
+    // target. aside: where what stood there is; empty where nothing is.
+    void resumeRename(const std::wstring& source, const std::wstring& target, bool isRenamed,
+                      const std::wstring& aside);
+
 private:
     // What rollback() has to do for the tree.
     enum class Undo { Nothing, RemoveTarget, EmptyTarget, ReplayLog, RenameBack };

@@ -7,6 +7,7 @@
 #include "runtime/native_span.h"
 #include "runtime/thread_cancelation.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace RunTime {
@@ -422,30 +423,35 @@ void Directory::setOwner(const std::wstring& path, bool recursive) {
     }
 }
 
-void Directory::intermediate(const std::wstring& path, const DescriptorBytes* descriptor,
-                             std::vector<std::wstring>& made) {
-    const NativeSpan span("RunTime::Directory::intermediate", __LINE__);
+std::vector<std::wstring> Directory::missing(const std::wstring& path) {
     std::vector<std::wstring> missing; // innermost first
     for (std::wstring at = withoutTrailingBackslash(longPath(path)); !at.empty() && !exists(at);
          at = parentPath(at)) {
         missing.push_back(at);
     }
-    for (auto directory = missing.rbegin(); directory != missing.rend(); ++directory) {
-        if (!createDirectory(*directory, descriptor)) {
+    std::reverse(missing.begin(), missing.end());
+    return missing;
+}
+
+void Directory::intermediate(const std::wstring& path, const DescriptorBytes* descriptor,
+                             std::vector<std::wstring>& made) {
+    const NativeSpan span("RunTime::Directory::intermediate", __LINE__);
+    for (const std::wstring& directory : missing(path)) {
+        if (!createDirectory(directory, descriptor)) {
             continue; // others were quicker
         }
-        made.push_back(*directory);
+        made.push_back(directory);
         if (descriptor == nullptr) {
             continue;
         }
         // What the system made of the list while it created the directory has parts of the
         // parent's in it, and lacks the flags.
-        const AutoHandle handle = openExisting(*directory, WRITE_DAC, shareNoDelete);
+        const AutoHandle handle = openExisting(directory, WRITE_DAC, shareNoDelete);
         DescriptorBytes bytes = *descriptor;
         const DWORD code =
             handle ? writeDescriptor(handle.get(), bytes, false, false) : ::GetLastError();
         if (code != ERROR_SUCCESS) {
-            throwForPath(L"Unable to set security (%s)", *directory, code,
+            throwForPath(L"Unable to set security (%s)", directory, code,
                          "RunTime::Directory::intermediate", __LINE__);
         }
     }

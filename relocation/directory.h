@@ -94,6 +94,8 @@ public:
     // thrown at the end.
     static void setOwner(const std::wstring& path, bool recursive);
 
+    // A directory that is not there with those missing above it, in long form, outermost first.
+    static std::vector<std::wstring> missing(const std::wstring& path);
     // Creates a directory with all that are missing above it, and gives each that it creates the
     // access list of the descriptor; none: what they inherit. Their paths (long form) are appended
     // to made, outermost first, also those made before a failure.

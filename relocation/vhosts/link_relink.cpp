@@ -133,6 +133,11 @@ void LinkRelink::change(const std::wstring& newRoot) {
     }
 }
 
+void LinkRelink::resume(const std::wstring& root, std::vector<Changed> links) {
+    newRoot_ = RunTime::withoutTrailingBackslash(RunTime::longPath(root));
+    done_ = std::move(links);
+}
+
 void LinkRelink::rollback() {
     const NativeSpan span("LinkRelink::rollback", __LINE__);
     const RunTime::PrivilegeScope privileges(
@@ -141,7 +146,7 @@ void LinkRelink::rollback() {
     RunTime::PinnedPath inOld(oldRoot_);
     changed_ = 0;
     for (std::size_t left = done_.size(); left-- > 0;) {
-        const Done& done = done_[left];
+        const Changed& done = done_[left];
         try {
             // One that is in neither has been removed by its owner. In the old place is either the
             // tree, back by a rename, or the original of what was copied, which names the old
@@ -161,7 +166,7 @@ void LinkRelink::rollback() {
 }
 
 // False when it is not there.
-bool LinkRelink::restoreOne(const Done& done, const std::wstring& root,
+bool LinkRelink::restoreOne(const Changed& done, const std::wstring& root,
                             RunTime::PinnedPath& pinned) {
     const std::wstring path = root + done.path;
     try {
@@ -215,6 +220,7 @@ void LinkRelink::changeOne(const Link& link, RunTime::PinnedPath& pinned) {
     const FILE_BASIC_INFO times = readTimes(handle.get(), path);
     // Recorded before it is done: a failure between its steps is undone, too.
     done_.push_back({link.path, std::move(before), std::move(after), times});
+    changingEvent.raise(done_.back());
     write(handle.get(), path, done_.back().after, times);
     ++changed_;
 }

@@ -33,6 +33,13 @@ public:
         std::wstring path;   // below the top, with a backslash in front
         std::wstring target; // where it leads, as people write it
     };
+    // One that has been pointed at the new place, or is about to be.
+    struct Changed {
+        std::wstring path;                 // as above
+        std::vector<unsigned char> before; // its data
+        std::vector<unsigned char> after;
+        FILE_BASIC_INFO times;
+    };
     // What is kept of all links together, in bytes; more are only counted. Whoever owns a site can
     // fill it with links.
     static constexpr std::size_t maxBytes = 64 * 1024 * 1024;
@@ -53,6 +60,10 @@ public:
     // when no handler ignores it. Throws CanceledException when a handler cancels.
     void change(const std::wstring& newRoot);
 
+    // Takes up what a process that has ended has changed, for rollback(); root is where the tree is
+    // now.
+    void resume(const std::wstring& root, std::vector<Changed> links);
+
     // Writes the data of every changed link back, byte for byte, the last one first. A failure goes
     // to the log and to errorEvent, and the others are still put back; the next rollback tries that
     // link again, also when the tree has moved back meanwhile.
@@ -64,24 +75,19 @@ public:
     Event<std::int32_t, bool&> progressEvent_Total;       // count, cancel
     Event<const std::wstring&, bool&> progressEvent_Name; // path of the link in nice form, cancel
     Event<const std::wstring&, bool&> errorEvent;         // message, ignore
+    Event<const Changed&> changingEvent;                  // before each change; may throw
 
 private:
-    struct Done {
-        std::wstring path; // below the top
-        std::vector<unsigned char> before;
-        std::vector<unsigned char> after;
-        FILE_BASIC_INFO times;
-    };
-
     std::size_t lengthInOldRoot(const std::wstring& path) const;
     void changeOne(const Link& link, RunTime::PinnedPath& pinned);
-    static bool restoreOne(const Done& done, const std::wstring& root, RunTime::PinnedPath& pinned);
+    static bool restoreOne(const Changed& done, const std::wstring& root,
+                           RunTime::PinnedPath& pinned);
 
     std::wstring oldRoot_;               // long form, as newRoot_
     std::vector<std::wstring> oldForms_; // nice, without backslash at the end
     std::wstring newRoot_;
     std::vector<Link> links_;
-    std::vector<Done> done_;
+    std::vector<Changed> done_;
     std::size_t bytes_ = 0;
     std::int64_t notKept_ = 0;
     std::int64_t changed_ = 0;

@@ -3,6 +3,7 @@
 #include "config/tarvo_srv_client.h"
 #include "relocation/directory.h"
 #include "relocation/failure.h"
+#include "relocation/vhosts/interrupted_move.h"
 #include "relocation/vhosts/replace_file_path.h"
 #include "runtime/accounts/factory.h"
 #include "runtime/exception.h"
@@ -86,7 +87,7 @@ MoveVHosts::MoveVHosts()
       wwwRoot_(std::make_unique<WwwRootReconfigure>()),
       aspNet_(std::make_unique<AspNetReconfigure>()),
       phpSettings_(std::make_unique<PHPSettingsReconfigure>(std::wstring(), std::wstring())),
-      installerPaths_(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TARVO\\Installer") {
+      installerPaths_(HKEY_LOCAL_MACHINE, installerKey) {
     registerHooks();
 }
 
@@ -181,6 +182,9 @@ bool MoveVHosts::start(const std::wstring* from, const std::wstring& to) {
     } catch (...) {
         logFailure(L"Move of the virtual hosts");
         clearVars();
+        if (record_.begun.empty()) {
+            forgetFile();
+        }
         throw;
     }
 }
@@ -199,6 +203,7 @@ bool MoveVHosts::moveInternal(const std::wstring& source, const std::wstring& ta
     checkCanceled();
     RunTime::longPath(source); // before anything is changed: whether these are paths at all
     RunTime::longPath(target);
+    file_ = MoveRecord::create(oldPath_, source, target);
 
     enterStep(2, L"Reconfiguring FTP first stage...");
     nameStep(L"Reconfigure FTP server: first stage");
@@ -214,16 +219,17 @@ bool MoveVHosts::moveInternal(const std::wstring& source, const std::wstring& ta
     if (wwwRoot_) {
         wwwRoot_->remember(from);
     }
+    file_->paths(from, to);
 
     enterStep(4, L"Storing paths...");
     record_.setting = oldPath_;
     begin(Part::Setting);
-    // A process that dies from here on leaves in the log what the value was.
     log(formatString(L"%s: (%s) becomes (%s)", vhostsSetting, oldPath_.c_str(), to.c_str()));
     TarvoSrvClient::getInstance().setString(vhostsSetting, to);
 
     enterStep(5, L"Fixing multiple paths...");
     record_.installer.emplace(installerPaths_);
+    file_->values(installerPaths_.plan(to));
     begin(Part::Installer);
     installerPaths_.change(to);
 
@@ -235,6 +241,7 @@ bool MoveVHosts::moveInternal(const std::wstring& source, const std::wstring& ta
     begin(Part::Users);
     users_.set_streams(get_streams());
     users_.set_copyOwner(get_copyOwner());
+    users_.set_record(file_.get());
     if (users_.move(from, to)) {
         throw CanceledException({L"", "MoveVHosts::moveInternal", __LINE__});
     }
@@ -249,10 +256,14 @@ bool MoveVHosts::moveInternal(const std::wstring& source, const std::wstring& ta
 
     enterStep(11, L"Moving sites in IIS...");
     begin(Part::Sites);
+    sites_.set_record(file_.get());
     if (sites_.change(from, to)) {
         throw CanceledException({L"", "MoveVHosts::moveInternal", __LINE__});
     }
 
+    if (wwwRoot_) {
+        wwwRoot_->set_record(file_.get());
+    }
     reconfigure(12, L"Reconfiguring www roots...", Part::WwwRoot, wwwRoot_.get());
     reconfigure(13, L"Reconfiguring application vaults...", Part::AppVault, appVault_.get());
     reconfigure(14, L"Reconfiguring ASP.NET settings...", Part::AspNet, aspNet_.get());
@@ -270,12 +281,19 @@ bool MoveVHosts::moveInternal(const std::wstring& source, const std::wstring& ta
     checkCanceled();
     nameStep(L"Reconfigure FTP server: second stage");
     runCreationUtil(L"repair.php", {L"--reconfigure-ftp-sites"});
+    file_->completed();
     return false;
+}
+
+void MoveVHosts::begin(Part part) {
+    file_->begin(part);
+    record_.begun.insert(part);
 }
 
 void MoveVHosts::makeTarget() {
     if (!RunTime::exists(record_.to)) {
         const RunTime::DescriptorBytes security = RunTime::Access::getSecurity(record_.from);
+        file_->made(Directory::missing(record_.to));
         begin(Part::Target);
         Directory::intermediate(record_.to, &security, record_.made);
     }
@@ -286,7 +304,22 @@ void MoveVHosts::makeTarget() {
     }
 }
 
+void MoveVHosts::intend(Intent intent, const std::wstring& name) {
+    switch (intent) {
+    case Intent::SetAside:
+        file_->setAside(name);
+        break;
+    case Intent::Rename:
+        file_->way(RecordedMove::Way::Rename, {});
+        break;
+    case Intent::Copy:
+        file_->way(RecordedMove::Way::Copy, name);
+        break;
+    }
+}
+
 void MoveVHosts::moveTree() {
+    file_->tree(InterruptedMove::identityOf(record_.from));
     begin(Part::Tree);
     for (const std::unique_ptr<backupmove>& home : users_.get_movers()) {
         leaveOut(*home);
@@ -333,6 +366,7 @@ void MoveVHosts::fixWebmail() {
         LogManager::getInstance().vAddLog(LogType::Warning, text);
         errorEvent.raise(text);
     } else if (record_.webmail) {
+        file_->webmail(record_.webmail->stamp());
         begin(Part::Webmail);
         RunTime::replaceFilePathInFile(file, from, to, to);
     }
@@ -347,8 +381,11 @@ void MoveVHosts::setServersAside() {
             RunTime::theSameDirectory(record_.from, record_.to)) { // it holds the new place, or is
             return;
         }
-        record_.serversAside = RunTime::temporaryMove(servers, setAsidePrefix);
-        begin(Part::Servers);
+        const std::wstring name = RunTime::temporaryName(record_.from, setAsidePrefix);
+        file_->servers(name);
+        RunTime::moveEx(servers, name);
+        record_.serversAside = name;
+        record_.begun.insert(Part::Servers);
         log(formatString(L"(%s) is (%s) until the move is committed", servers.c_str(),
                          nicePath(record_.serversAside).c_str()));
     } catch (...) {
@@ -372,6 +409,9 @@ bool MoveVHosts::commit() {
                          {L"", "MoveVHosts::commit", __LINE__});
     }
     const FoldedProgress::Shield shield(progress_);
+    if (!committing_) {
+        file_->commit();
+    }
     committing_ = true;
     leftBehind_.clear();
     pendingRestart_.clear();
@@ -380,11 +420,31 @@ bool MoveVHosts::commit() {
     sites_.commit();
     backupmove::commit();
     gatherLeftovers();
+    forgetFile();
     clearVars();
     progress_.pop();
     record_ = {};
     committing_ = false;
     return canceled;
+}
+
+void MoveVHosts::recordLink(const LinkRelink::Changed& link) {
+    if (file_ && record_.renamed) {
+        file_->link(link);
+    }
+}
+
+// The move is final or undone all the same, and recovering it once more does no harm.
+void MoveVHosts::forgetFile() noexcept {
+    if (!file_) {
+        return;
+    }
+    try {
+        file_->remove();
+    } catch (...) {
+        logFailure(L"Remove the record of the move");
+    }
+    file_.reset();
 }
 
 void MoveVHosts::removeServersAside() {

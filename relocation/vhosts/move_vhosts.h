@@ -6,6 +6,10 @@
 // The object is itself the mover of the tree (backupmove) and owns a component for each other step,
 // whose events come out of it folded into one stream.
 //
+// While it works, a record of what it has begun lies on disk (relocation/vhosts/move_record.h),
+// from before the first change until everything is final or back. Where a process ended before
+// that, move() refuses to begin another one until the first has been recovered.
+//
 // The homes of users are copied before the tree moves, and lie in it. The tree's mover leaves out
 // what has been moved so.
 #pragma once
@@ -14,6 +18,8 @@
 #include "relocation/vhosts/app_vault_reconfigure.h"
 #include "relocation/vhosts/asp_net_reconfigure.h"
 #include "relocation/vhosts/folded_progress.h"
+#include "relocation/vhosts/interrupted_move.h"
+#include "relocation/vhosts/move_record.h"
 #include "relocation/vhosts/multiple_key_value_change.h"
 #include "relocation/vhosts/php_settings_reconfigure.h"
 #include "relocation/vhosts/saved_file.h"
@@ -39,7 +45,7 @@ public:
     // from  where the directory is now; "HTTPD_VHOSTS_D" when it is not given
     // Returns false; throws CanceledException when a handler cancels, and what the step that failed
     // throws. undo() puts back what was done until then; rollback() does not. Refused (vexception)
-    // while a move is neither committed nor undone.
+    // while a move is neither committed nor undone, be it of this object or of another process.
     bool move(const std::wstring& from, const std::wstring& to);
     bool move(const std::wstring& to);
 
@@ -58,6 +64,15 @@ public:
     // one. Does nothing when there is nothing to undo.
     bool undo();
 
+    // Puts back what a process has begun that has ended before its time, as undo() does, and its
+    // record goes then; where the commit had begun, only the record goes: what is in the new place
+    // stays. Refused (vexception) where the outlook is. Copies are left where they are, and are
+    // in get_leftBehind(). After a failure undo() goes on, or the next recover().
+    bool recover(InterruptedMove interrupted);
+
+    // A link of the tree is about to be pointed at the new place by somebody else, after move().
+    void recordLink(const LinkRelink::Changed& link);
+
     // Of the tree's mover, with the homes that it leaves to theirs.
     using backupmove::get_copyOwner;
     using backupmove::get_failed;
@@ -72,6 +87,8 @@ public:
 
     // Whether a completed move waits for commit() or rollback().
     bool isMoved() const noexcept { return !oldPath_.empty(); }
+    // Whether there is something that undo() would put back.
+    bool isPending() const noexcept { return !record_.begun.empty(); }
     // Of the last commit(), rollback() or undo(), the homes included (backupmove).
     const std::vector<std::wstring>& get_leftBehind() const noexcept { return leftBehind_; }
     const std::vector<std::wstring>& get_pendingRestart() const noexcept { return pendingRestart_; }
@@ -88,23 +105,9 @@ public:
     Event<std::int32_t, const std::wstring&> stepEvent;    // number from 1 to 19, its log line
 
 private:
-    // What may have to be put back. Each is noted before it is touched.
-    enum class Part {
-        FtpSites,
-        Setting, // "HTTPD_VHOSTS_D"
-        Installer,
-        Servers,
-        Webmail,
-        Tree,
-        Sites,
-        Users,
-        WwwRoot,
-        AppVault,
-        AspNet,
-        Php,
-        Target, // directories made for it
-    };
-    // What undo() goes by. It outlives clearVars().
+    using Part = MovePart;
+    // What undo() goes by. It outlives clearVars(). What of it is needed after the end of the
+    // process is in file_ as well.
     struct Record {
         std::set<Part> begun;
         std::wstring from; // as step 3 made them
@@ -115,7 +118,10 @@ private:
         std::optional<InstallerPaths> installer;
         std::wstring serversAside; // where the directory of the FTP server waits for commit()
         std::optional<SavedFile> webmail;
-        std::vector<std::wstring> made; // outermost first
+        std::vector<LinkRelink::Changed> links;       // of another process
+        std::vector<std::wstring> left;               // that nobody puts back
+        std::optional<SavedFile::Stamp> webmailStamp; // in place of it, of another process
+        std::vector<std::wstring> made;               // outermost first
     };
     class PuttingBack;
     // One operation at a time: a handler must not begin another within the one that calls it.
@@ -135,18 +141,24 @@ private:
     void clearVars() noexcept;
     bool start(const std::wstring* from, const std::wstring& to);
     bool moveInternal(const std::wstring& source, const std::wstring& target);
-    void begin(Part part) { record_.begun.insert(part); }
+    // Before it is touched.
+    void begin(Part part);
     bool isBegun(Part part) const { return record_.begun.contains(part); }
 
     void makeTarget();
     void moveTree();
+    void intend(Intent intent, const std::wstring& name) override;
+    void forgetFile() noexcept;
     void reconfigure(int number, const wchar_t* logLine, Part part, Reconfigure* what);
     void fixWebmail();
     void setServersAside();
     void removeServersAside();
 
     bool putBack(bool ftpMayFail);
+    void resume(const RecordedMove& move, const InterruptedMove::Outlook& outlook);
     void restoreSetting();
+    void restoreLinks();
+    const std::wstring& treeRoot() const;
     void restoreWebmail();
     void restoreUsers(bool& canceled);
     void removeTarget();
@@ -172,6 +184,7 @@ private:
     std::wstring oldPath_;
     InstallerPaths installerPaths_;
     Record record_;
+    std::unique_ptr<MoveRecord> file_; // while there is something to put back, or to finish
     bool committing_ = false;
     bool isRunning_ = false;
     std::vector<std::wstring> leftBehind_;

@@ -3,6 +3,7 @@
 
 #include "config/tarvo_srv_client.h"
 #include "relocation/failure.h"
+#include "relocation/vhosts/replace_file_path.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/log_manager.h"
@@ -67,6 +68,77 @@ bool MoveVHosts::undo() {
     return putBack(false);
 }
 
+bool MoveVHosts::recover(InterruptedMove interrupted) {
+    const NativeSpan span("MoveVHosts::recover", __LINE__);
+    {
+        const Running running(*this);
+        if (!record_.begun.empty()) {
+            throw vexception(L"Unable to start new transaction",
+                             {L"", "MoveVHosts::recover", __LINE__});
+        }
+        leftBehind_.clear();
+        pendingRestart_.clear();
+        const InterruptedMove::Outlook outlook = interrupted.outlook();
+        if (outlook.way == InterruptedMove::Way::Refused) {
+            throw vexception(outlook.reason + L" " + outlook.remedy,
+                             {L"", "MoveVHosts::recover", __LINE__});
+        }
+        const RecordedMove move = interrupted.move();
+        if (outlook.way == InterruptedMove::Way::Finish || move.parts.empty()) {
+            leftBehind_ = outlook.left;
+            interrupted.takeRecord()->remove();
+            return false;
+        }
+        try {
+            resume(move, outlook);
+        } catch (...) {
+            record_ = {};
+            throw;
+        }
+        file_ = interrupted.takeRecord();
+    }
+    return undo();
+}
+
+void MoveVHosts::resume(const RecordedMove& move, const InterruptedMove::Outlook& outlook) {
+    record_.begun = move.parts;
+    record_.from = move.from;
+    record_.to = move.to;
+    record_.setting = move.setting;
+    record_.renamed = move.way == RecordedMove::Way::Rename;
+    record_.left = outlook.left;
+    record_.made = move.made;
+    if (!move.made.empty()) { // said when it is not empty
+        std::erase(record_.left, move.to);
+    }
+    if (isBegun(Part::Users)) {
+        users_.resume(move.from, move.to, move.users);
+    }
+    record_.installer.emplace(HKEY_LOCAL_MACHINE, installerKey);
+    record_.installer->resume(move.values);
+    if (!move.serversAside.empty() && RunTime::exists(move.serversAside) &&
+        !RunTime::exists(RunTime::combine(move.from, L"Servers"))) {
+        record_.serversAside = move.serversAside;
+        record_.begun.insert(Part::Servers);
+    }
+    record_.webmailStamp = move.webmail;
+    if (record_.renamed && !move.links.empty()) {
+        record_.links = move.links;
+        record_.begun.insert(Part::Links);
+    }
+    sites_.resume(move.to, move.sites);
+    wwwRoot_->resume(move.from, move.to, move.hasRoots, move.roots);
+    phpSettings_ = std::make_unique<PHPSettingsReconfigure>(move.from, move.to);
+    record_.begun.erase(Part::Tree); // unless there is something to do
+    if (outlook.isOldPlaceEmpty) {
+        RunTime::removeDirectory(move.from);
+    }
+    if (outlook.isRenamed || !outlook.aside.empty()) {
+        resumeRename(move.from, move.to, outlook.isRenamed, outlook.aside);
+        record_.begun.insert(Part::Tree);
+    }
+}
+
 bool MoveVHosts::putBack(bool ftpMayFail) {
     const NativeSpan span("MoveVHosts::rollback", __LINE__);
     const Running running(*this);
@@ -122,6 +194,7 @@ bool MoveVHosts::putBack(bool ftpMayFail) {
     });
     parts.attempt(Part::Webmail, L"Unable to restore the webmail settings",
                   [&] { restoreWebmail(); });
+    parts.attempt(Part::Links, L"Unable to restore links", [&] { restoreLinks(); });
     parts.attempt(Part::Tree, L"Unable to restore the directory of virtual hosts",
                   [&] { backupmove::rollback(); });
     parts.attempt(Part::Sites, L"Unable to restore IIS sites", [&] {
@@ -154,12 +227,13 @@ bool MoveVHosts::putBack(bool ftpMayFail) {
     gatherLeftovers();
     if (!parts.failures().empty()) {
         if (!othersAreBack) {
-            begin(Part::FtpSites); // to be made anew when the others are
+            record_.begun.insert(Part::FtpSites); // to be made anew when the others are
         }
         throw vexception(L"Unable to put everything back. Remove the cause and roll back again. " +
                              parts.failures(),
                          {L"", "MoveVHosts::rollback", __LINE__});
     }
+    forgetFile();
     clearVars();
     progress_.clear();
     record_ = {};
@@ -175,6 +249,12 @@ void MoveVHosts::restoreSetting() {
 // A copy goes away as it is, unless the file was in the new place before; a tree that was renamed
 // takes its file with it.
 void MoveVHosts::restoreWebmail() {
+    const std::wstring& root = treeRoot();
+    const std::wstring file = webmailFile(root);
+    if (record_.webmailStamp) { // in a copy that is left the file may have been there before
+        RunTime::replaceFilePathInFile(file, record_.to, record_.from, root);
+        SavedFile::restoreTimes(*record_.webmailStamp, file, root);
+    }
     if (!record_.webmail) {
         return;
     }
@@ -184,9 +264,26 @@ void MoveVHosts::restoreWebmail() {
             return RunTime::equalNames(RunTime::nicePath(name), webmailFile(record_.from));
         });
     if (record_.renamed || wasThere) {
-        const bool isBack = record_.renamed && !isBegun(Part::Tree);
-        const std::wstring& root = isBack ? record_.from : record_.to;
-        record_.webmail->restore(webmailFile(root), root);
+        record_.webmail->restore(file, root);
+    }
+}
+
+// Where the tree that the move has changed is now.
+const std::wstring& MoveVHosts::treeRoot() const {
+    const bool isBack = record_.renamed && !isBegun(Part::Tree);
+    return isBack ? record_.from : record_.to;
+}
+
+void MoveVHosts::restoreLinks() {
+    const std::wstring& root = treeRoot();
+    LinkRelink links(root);
+    std::wstring failure;
+    const Hook error = links.errorEvent.hook(
+        [&failure](const std::wstring& message, bool&) { failure = message; });
+    links.resume(root, record_.links);
+    links.rollback();
+    if (!failure.empty()) {
+        throw vexception(failure, {L"", "MoveVHosts::rollback", __LINE__});
     }
 }
 
@@ -226,6 +323,7 @@ void MoveVHosts::gatherLeftovers() {
     const auto add = [](std::vector<std::wstring>& to, const std::vector<std::wstring>& more) {
         to.insert(to.end(), more.begin(), more.end());
     };
+    add(leftBehind_, record_.left);
     add(leftBehind_, backupmove::get_leftBehind());
     add(leftBehind_, users_.get_leftBehind());
     add(pendingRestart_, backupmove::get_pendingRestart());

@@ -1,13 +1,14 @@
 // Registry values below one key that name a directory, changed together to name its new place, and
 // put back:
 //
-//     InstallerPaths paths(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TARVO\\Installer");
+//     InstallerPaths paths(HKEY_LOCAL_MACHINE, installerKey);
 //     paths.save(oldPath);      // before the directory moves
 //     paths.change(newPath);
 //     ...
 //     paths.restore();          // on rollback
 //
-// The old texts live in memory only. One thread at a time.
+// The old texts live in memory only, unless somebody keeps plan() and gives it back by resume().
+// One thread at a time.
 //
 // Text    of the values (std::wstring)
 // type    the registry type of the values that are looked at; others are never touched
@@ -17,10 +18,12 @@
 
 #include "relocation/failure.h"
 #include "relocation/vhosts/old_path.h"
+#include "relocation/vhosts/recorded_move.h"
 #include "relocation/vhosts/reg_value_traits.h"
 #include "runtime/native_span.h"
 #include "runtime/registry/registry.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,6 +47,12 @@ public:
     // Writes the saved text of every record back, changed or not. One that cannot be written is
     // reported (log, tracing span) and passed by; the result is whether there was none.
     bool restore();
+
+    // What restore() would write, and in place of what once change() has been called with newPath.
+    std::vector<RecordedMove::Value> plan(const Text& newPath) const;
+    // Takes up what a process that has ended had planned. A value that has got a third text since,
+    // or has gone, is left out.
+    void resume(const std::vector<RecordedMove::Value>& values);
 
     // Forgets the records and the old path; the registry stays as it is.
     void clear() noexcept {
@@ -72,6 +81,7 @@ private:
 };
 
 // The paths that the installer keeps.
+inline constexpr wchar_t installerKey[] = L"SOFTWARE\\TARVO\\Installer";
 using InstallerPaths = MultipleKeyValueChange<std::wstring, REG_SZ, RegValueTraits>;
 
 template <class Text, DWORD type, class Traits>
@@ -113,6 +123,43 @@ bool MultipleKeyValueChange<Text, type, Traits>::restore() {
         }
     }
     return whole;
+}
+
+template <class Text, DWORD type, class Traits>
+std::vector<RecordedMove::Value>
+MultipleKeyValueChange<Text, type, Traits>::plan(const Text& newPath) const {
+    std::vector<RecordedMove::Value> values;
+    if (entries_.empty()) {
+        return values;
+    }
+    const OldPath oldPath(oldPath_);
+    for (const Traits& entry : entries_) {
+        values.push_back({entry.getKeyName(), entry.getValueName(), entry.getStored(),
+                          entry.getStoredNew(oldPath, newPath)});
+    }
+    return values;
+}
+
+template <class Text, DWORD type, class Traits>
+void MultipleKeyValueChange<Text, type, Traits>::resume(
+    const std::vector<RecordedMove::Value>& values) {
+    clear();
+    for (const RecordedMove::Value& value : values) {
+        if (!registry::keyExists(root_, value.key, RegistryView::View64)) {
+            continue;
+        }
+        const auto known = registry::values(root_, value.key, RegistryView::View64);
+        if (std::none_of(known.begin(), known.end(), [&](const registry::ValueName& name) {
+                return name.name == value.name && name.type == type;
+            })) {
+            continue;
+        }
+        Traits entry(root_, value.key, value.name);
+        if (entry.getStored() == value.after) {
+            entry.setStored(value.before);
+            entries_.push_back(std::move(entry));
+        }
+    }
 }
 
 template <class Text, DWORD type, class Traits>

@@ -26,7 +26,6 @@ using RunTime::combine;
 using RunTime::nicePath;
 using Special = TreeContents::Special;
 
-constexpr wchar_t installerKey[] = L"SOFTWARE\\TARVO\\Installer";
 constexpr wchar_t panelKey[] = L"SOFTWARE\\Tarvo";
 constexpr wchar_t environmentKey[] =
     L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";

@@ -12,10 +12,14 @@
 RegValueTraits::RegValueTraits(HKEY root, std::wstring keyName, std::wstring valueName)
     : root_(root), keyName_(std::move(keyName)), valueName_(std::move(valueName)),
       savedValue_(registry::getStored(root_, keyName_, valueName_, RegistryView::View64)) {
-    const std::size_t end = std::min(savedValue_.find(L'\0'), savedValue_.size());
-    behindText_ = savedValue_.substr(end);
-    savedValue_.resize(end);
+    setStored(savedValue_);
     current_ = savedValue_;
+}
+
+void RegValueTraits::setStored(const std::wstring& text) {
+    const std::size_t end = std::min(text.find(L'\0'), text.size());
+    behindText_ = text.substr(end);
+    savedValue_ = text.substr(0, end);
 }
 
 bool RegValueTraits::needChange(const OldPath& oldPath) const {

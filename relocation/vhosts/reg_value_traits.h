@@ -16,6 +16,15 @@ public:
     const std::wstring& getValueName() const noexcept { return valueName_; }
     const std::wstring& getValue() const noexcept { return current_; }
 
+    // The saved text as it is stored, with what stands behind its end, and what change() would
+    // store.
+    std::wstring getStored() const { return savedValue_ + behindText_; }
+    std::wstring getStoredNew(const OldPath& oldPath, const std::wstring& newPath) const {
+        return getNewValue(oldPath, newPath) + behindText_;
+    }
+    // Saves another text in place of the one that was read.
+    void setStored(const std::wstring& text);
+
     // Whether the text names oldPath or something in it (relocation/vhosts/old_path.h). An empty
     // text never does.
     bool needChange(const OldPath& oldPath) const;

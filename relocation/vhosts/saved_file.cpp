@@ -4,6 +4,7 @@
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
 #include "runtime/files/pinned_directories.h"
+#include "runtime/sha256.h"
 
 #include <algorithm>
 #include <cstring>
@@ -104,6 +105,22 @@ std::optional<SavedFile> SavedFile::of(const std::wstring& path, const std::wstr
     saved.content_.resize(static_cast<std::size_t>(size.QuadPart));
     check(readWhole(file.get(), saved.content_.data(), saved.content_.size()), __LINE__);
     return saved;
+}
+
+SavedFile::Stamp SavedFile::stamp() const {
+    RunTime::Sha256 sum;
+    sum.add(content_.data(), content_.size());
+    return {sum.finish(), basic_, directory_};
+}
+
+void SavedFile::restoreTimes(const Stamp& stamp, const std::wstring& path,
+                             const std::wstring& root) {
+    std::optional<SavedFile> present = of(path, root);
+    if (present && present->stamp().sha256 == stamp.sha256) {
+        present->basic_ = stamp.file;
+        present->directory_ = stamp.directory;
+        present->restore(path, root);
+    }
 }
 
 void SavedFile::restore(const std::wstring& path, const std::wstring& root) const {

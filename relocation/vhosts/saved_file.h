@@ -18,6 +18,18 @@ public:
     // (%s)", also for one that is too large.
     static std::optional<SavedFile> of(const std::wstring& path, const std::wstring& root);
 
+    // What tells the content, without holding it, and the times; may go on disk.
+    struct Stamp {
+        std::string sha256; // of the content
+        FILE_BASIC_INFO file = {};
+        FILE_BASIC_INFO directory = {};
+    };
+    Stamp stamp() const;
+    // Gives a file with the stamp's content the stamp's attributes and times, and its directory
+    // these. Leaves any other file alone.
+    static void restoreTimes(const Stamp& stamp, const std::wstring& path,
+                             const std::wstring& root);
+
     // Writes it to a file that is there, under this name or another. "Unable to restore file (%s)",
     // also where a link is on the way to it.
     void restore(const std::wstring& path, const std::wstring& root) const;

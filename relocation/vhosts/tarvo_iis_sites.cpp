@@ -1,5 +1,6 @@
 #include "relocation/vhosts/tarvo_iis_sites.h"
 
+#include "relocation/vhosts/move_record.h"
 #include "relocation/vhosts/path_groups.h"
 #include "relocation/vhosts/site_list.h"
 #include "runtime/database/zop_database.h"
@@ -68,6 +69,9 @@ bool TarvoIIsSites::change(const std::wstring& oldRoot, const std::wstring& newR
     for (const auto& [name, path] : sites_) {
         groups.add(name, path);
     }
+    if (record_ != nullptr) {
+        record_->sites(sites_);
+    }
     pending_ = true;
     newRoot_ = newRoot;
     bool cancel = false;
@@ -85,6 +89,13 @@ bool TarvoIIsSites::change(const std::wstring& oldRoot, const std::wstring& newR
         }
     }
     return false;
+}
+
+void TarvoIIsSites::resume(const std::wstring& newRoot,
+                           std::map<std::wstring, std::wstring> sites) {
+    sites_ = std::move(sites);
+    newRoot_ = newRoot;
+    pending_ = true;
 }
 
 bool TarvoIIsSites::rollback() {

@@ -14,6 +14,8 @@
 #include <map>
 #include <string>
 
+class MoveRecord;
+
 class TarvoIIsSites {
 public:
     TarvoIIsSites() = default;
@@ -35,6 +37,11 @@ public:
     // what a utility throws. The sites that were still to be done are kept then: another call goes
     // on with them. Handlers cannot cancel it.
     bool rollback();
+    // For the next change(): where the sites are recorded before the first is changed; null:
+    // nowhere.
+    void set_record(MoveRecord* record) noexcept { record_ = record; }
+    // Takes up what a process that has ended had recorded, for rollback().
+    void resume(const std::wstring& newRoot, std::map<std::wstring, std::wstring> sites);
     // Forgets what rollback() would restore.
     void commit() noexcept;
     // From the end of the search in change() until rollback() has finished, or commit().
@@ -55,4 +62,5 @@ private:
     std::map<std::wstring, std::wstring> sites_;
     bool pending_ = false;
     std::wstring newRoot_;
+    MoveRecord* record_ = nullptr;
 };

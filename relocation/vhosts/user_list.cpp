@@ -3,6 +3,7 @@
 #include "relocation/copy_privileges.h"
 #include "relocation/directory.h"
 #include "relocation/failure.h"
+#include "relocation/vhosts/move_record.h"
 #include "runtime/accounts/privilege_scope.h"
 #include "runtime/accounts/user_information.h"
 #include "runtime/database/zop_database.h"
@@ -17,6 +18,7 @@
 
 #include <algorithm>
 #include <lmerr.h>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -118,6 +120,7 @@ bool UserList::move(const std::wstring& from, const std::wstring& to) {
     bool cancel = false;
     progressEvent_Total.raise(static_cast<std::int32_t>(rows.size()), cancel);
     throwIfCanceled(cancel);
+    recordUsers(groups, rows);
     database.forgetSynchronisation();
     for (Row& row : rows) {
         changeUser(database, groups, std::move(row));
@@ -268,6 +271,68 @@ std::wstring UserList::homePath(const std::wstring& home) const {
     return mayHaveShortNames || RunTime::File::inpath(path, from_) ? normalized(path) : path;
 }
 
+// In long form; empty where the home stays. Only the group that the directory itself is the root of
+// moves with it. What else a group's root would make of a home leads to where another home, or
+// something of the new directory's own, may be.
+std::wstring UserList::newPathOf(const PathGroups& groups, const Row& row) const {
+    const std::wstring root = groups.rootOf(row.login).value_or(L"");
+    std::wstring directory = nicePath(from_);
+    directory.resize(directory.find_last_not_of(L'\\') + 1);
+    if (row.path.empty() || !RunTime::equalNames(root, directory) ||
+        !RunTime::File::inpath(row.path, from_)) { // "..", which a long path keeps
+        return {};
+    }
+    const std::wstring remainder = nicePath(row.path).substr(root.size());
+    return remainder.size() > 1 ? RunTime::combine(to_, remainder.substr(1)) : to_;
+}
+
+// All that may be changed, at once; what the accounts had comes as they are asked.
+void UserList::recordUsers(const PathGroups& groups, const std::vector<Row>& rows) const {
+    if (record_ == nullptr) {
+        return;
+    }
+    std::vector<RecordedMove::User> users;
+    for (const Row& row : rows) {
+        const std::wstring newPath = newPathOf(groups, row);
+        if (!newPath.empty()) {
+            users.push_back({row.login, row.home, nicePath(newPath), std::nullopt, false, {}});
+        }
+    }
+    record_->users(users);
+}
+
+void UserList::resume(const std::wstring& from, const std::wstring& to,
+                      const std::vector<RecordedMove::User>& users) {
+    clear();
+    from_ = normalized(from);
+    to_ = normalized(to);
+    ZOPDatabase database = ZOPDatabase::connect();
+    std::map<std::wstring, std::wstring> homes; // by login
+    for (const auto found = database.enumUsers(); found->next();) {
+        homes[found->value(L"login")] = found->text(L"home").value_or(L"");
+    }
+    for (const RecordedMove::User& user : users) {
+        const auto row = homes.find(user.login);
+        const bool isChanged = row != homes.end() && row->second == user.newHome;
+        if (!isChanged && !user.accountHome) {
+            continue;
+        }
+        UserInfo info;
+        info.row.login = user.login;
+        info.row.home = isChanged || row == homes.end() ? user.home : row->second;
+        info.quotaMoved = user.quotaMoved;
+        info.oldQuota = user.oldQuota;
+        if (information_->userExists(user.login)) {
+            info.user = factory_->getUser(user.login);
+            info.oldHome = info.user->getHomeDirectory();
+            if (info.oldHome == user.newHome) {
+                info.oldHome = user.accountHome.value_or(user.home);
+            }
+        }
+        users_.push_back(std::move(info));
+    }
+}
+
 void UserList::changeUser(ZOPDatabase& database, const PathGroups& groups, Row row) {
     ThreadCancelation::check();
     bool cancel = false;
@@ -278,14 +343,8 @@ void UserList::changeUser(ZOPDatabase& database, const PathGroups& groups, Row r
                          L" because user does not exist.");
         return;
     }
-    // Only the group that the directory itself is the root of moves with it. What else a group's
-    // root would make of a home leads to where another home, or something of the new directory's
-    // own, may be.
-    const std::wstring root = groups.rootOf(row.login).value_or(L"");
-    std::wstring directory = nicePath(from_);
-    directory.resize(directory.find_last_not_of(L'\\') + 1);
-    if (row.path.empty() || !RunTime::equalNames(root, directory) ||
-        !RunTime::File::inpath(row.path, from_)) { // "..", which a long path keeps
+    std::wstring newPath = newPathOf(groups, row);
+    if (newPath.empty()) {
         LogManager::getInstance().vAddLog(
             LogType::Warning,
             formatString(L"The home (%s) of the user (%s) lies outside the directory (%s) and "
@@ -293,15 +352,17 @@ void UserList::changeUser(ZOPDatabase& database, const PathGroups& groups, Row r
                          row.home.c_str(), row.login.c_str(), nicePath(from_).c_str()));
         return;
     }
-    const std::wstring remainder = nicePath(row.path).substr(root.size());
     UserInfo info;
     info.user = factory_->getUser(row.login);
     info.oldHome = info.user->getHomeDirectory();
-    info.newPath = remainder.size() > 1 ? RunTime::combine(to_, remainder.substr(1)) : to_;
+    info.newPath = std::move(newPath);
     info.row = std::move(row);
     users_.push_back(std::move(info)); // before the first change: rollback() is to know of it
     UserInfo& recorded = users_.back();
     const std::wstring newHome = nicePath(recorded.newPath);
+    if (record_ != nullptr) {
+        record_->account(recorded.row.login, recorded.oldHome);
+    }
     recorded.user->setHomeDirectory(newHome);
     if (differentVolume_ && newVolumeHasQuotas_) {
         moveQuota(recorded);
@@ -311,6 +372,9 @@ void UserList::changeUser(ZOPDatabase& database, const PathGroups& groups, Row r
 
 void UserList::moveQuota(UserInfo& info) const {
     info.oldQuota = info.user->getQuota(to_);
+    if (record_ != nullptr) {
+        record_->quota(info.row.login, info.oldQuota);
+    }
     info.quotaMoved = true;
     if (info.row.quota != 0) {
         info.user->setQuota(to_, info.row.quota);
@@ -404,8 +468,11 @@ void UserList::restoreHomes(const NativeSpan& span) {
         const std::wstring& login = info.row.login;
         raiseUndoName(span, L"Restore Tarvo user " + quoted(login) + L" home");
         const std::wstring failure = formatString(L"Restore Tarvo user (%s) home", login.c_str());
-        const bool account = attempt(
-            span, failure, [&] { unlessGone([&] { info.user->setHomeDirectory(info.oldHome); }); });
+        const bool account = attempt(span, failure, [&] {
+            if (info.user) {
+                unlessGone([&] { info.user->setHomeDirectory(info.oldHome); });
+            }
+        });
         const bool row = attempt(span, failure, [&] {
             if (!database) {
                 throw vexception(L"There is no connection to the database",
@@ -426,6 +493,9 @@ void UserList::restoreQuotas(const NativeSpan& span) {
         }
         attempt(span, formatString(L"Restore Tarvo user (%s) quota", login.c_str()), [&] {
             unlessGone([&] {
+                if (!info.user) {
+                    return;
+                }
                 if (info.oldQuota) {
                     info.user->setQuota(to_, *info.oldQuota);
                 } else {

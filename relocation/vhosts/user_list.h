@@ -20,6 +20,7 @@
 
 #include "relocation/backupmove.h"
 #include "relocation/vhosts/path_groups.h"
+#include "relocation/vhosts/recorded_move.h"
 #include "runtime/accounts/factory.h"
 #include "runtime/event.h"
 
@@ -29,6 +30,7 @@
 #include <string>
 #include <vector>
 
+class MoveRecord;
 class NativeSpan;
 class ZOPDatabase;
 namespace RunTime {
@@ -55,6 +57,13 @@ public:
     // tried again by the next rollback(); directories that were made above homes go when empty.
     // An account that is gone needs nothing put back. Handlers cannot cancel it. Returns false.
     bool rollback();
+    // For the next move(): where accounts are recorded before they are changed; null: nowhere.
+    void set_record(MoveRecord* record) noexcept { record_ = record; }
+    // Takes up what a process that has ended had recorded, for rollback(). Copies of homes are left
+    // where they are. What has been given a third home since, in the database or as an account,
+    // keeps that.
+    void resume(const std::wstring& from, const std::wstring& to,
+                const std::vector<RecordedMove::User>& users);
     // Whether rollback() has something left to put back.
     bool isPending() const noexcept;
 
@@ -106,6 +115,8 @@ private:
     };
     class Mover;
 
+    void recordUsers(const PathGroups& groups, const std::vector<Row>& rows) const;
+    std::wstring newPathOf(const PathGroups& groups, const Row& row) const;
     void changeUser(ZOPDatabase& database, const PathGroups& groups, Row row);
     std::vector<Row> readRows(ZOPDatabase& database) const;
     std::wstring homePath(const std::wstring& home) const;
@@ -138,6 +149,7 @@ private:
     std::vector<std::wstring> pendingRestart_;
     std::wstring from_; // long form, no backslash at the end
     std::wstring to_;
+    MoveRecord* record_ = nullptr;
     StreamType streams_ = StreamType::All;
     bool copyOwner_ = false;
     bool differentVolume_ = false;

@@ -1,6 +1,7 @@
 #include "relocation/vhosts/vhosts_preflight.h"
 
 #include "relocation/place_check.h"
+#include "relocation/vhosts/move_record.h"
 #include "relocation/vhosts/panel_check.h"
 #include "runtime/exception.h"
 #include "runtime/thread_cancelation.h"
@@ -38,6 +39,7 @@ private:
         result_.source = RunTime::nicePath(source);
         result_.target = RunTime::nicePath(target);
         panel.checkPrograms();
+        checkRecord();
         if (source.empty() || !RunTime::isFullyQualified(source)) {
             if (!source.empty()) {
                 examineTree(source, target); // says what is wrong with it
@@ -53,6 +55,23 @@ private:
         }
         panel.checkSites(source);
         panel.checkInstaller(configured.empty() ? source : configured);
+    }
+
+    // Of another move, one that runs or one that was cut off.
+    void checkRecord() {
+        std::wstring path;
+        try {
+            const MoveRecord::State state = MoveRecord::look(path);
+            if (state != MoveRecord::State::None) {
+                const bool isRunning = state == MoveRecord::State::Running;
+                refuse(isRunning ? "another-move" : "interrupted-move",
+                       MoveRecord::reason(state, path), MoveRecord::remedy(state));
+            }
+        } catch (const vosexception& e) {
+            refuse("cannot-look",
+                   L"It cannot be told whether another move is under way: " + e.message() + L".",
+                   L"Check your rights there.");
+        }
     }
 
     // The findings about the places come before those about the panel.

@@ -1,5 +1,6 @@
 #include "relocation/vhosts/www_root_reconfigure.h"
 
+#include "relocation/vhosts/move_record.h"
 #include "runtime/database/zop_database.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -47,6 +49,11 @@ WwwRootReconfigure::WwwRootReconfigure()
     : Reconfigure({"WwwRootReconfigure::reconfigure", L"Reconfigure Www Roots",
                    L"Failed to reconfigure www root: "}) {}
 
+void WwwRootReconfigure::resume(const std::wstring& fromPath, const std::wstring& toPath,
+                                bool isRead, Roots roots) {
+    record_ = {fromPath, toPath, isRead, std::move(roots)};
+}
+
 void WwwRootReconfigure::work(bool forward) {
     const bool undo = undoesRecord(forward);
     if (undo && !record_.isRead) {
@@ -57,7 +64,7 @@ void WwwRootReconfigure::work(bool forward) {
     }
     ZOPDatabase database = ZOPDatabase::connect();
     std::vector<std::pair<std::wstring, std::wstring>> changes; // domain's id, root
-    std::map<std::wstring, Record::Roots> seen;
+    Roots seen;
     const auto rows = database.enumHostings();
     while (rows->next()) {
         const std::optional<std::wstring> root = rows->text(L"www_root");
@@ -75,6 +82,9 @@ void WwwRootReconfigure::work(bool forward) {
         seen[domain] = {*root, wanted};
     }
     if (forward) { // before anything is written: a commit may fail and have been heard all the same
+        if (file_ != nullptr) {
+            file_->roots(seen);
+        }
         record_.roots = std::move(seen);
         record_.isRead = true;
     }

@@ -6,48 +6,16 @@
 #include "runtime/format_string.h"
 #include "runtime/native_span.h"
 #include "runtime/thread_cancelation.h"
-#include "security/acl.h"
+#include "security/administrators_file.h"
 #include "security/hosting/hosting_root.h"
 #include "security/hosting/privileges.h"
 #include "security/hosting/undo_log.h"
-#include "security/sid.h"
-
-#include <algorithm>
-#include <iterator>
 
 namespace HostingSecurity {
 
 namespace {
 
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-
-// What a file holds is done with an administrator's rights, and checksums tell damage, not forgery.
-// So nobody else may have had a hand in it: neither as its owner nor by an entry.
-bool isAdministratorsOwn(const RunTime::DescriptorBytes& descriptor) {
-    constexpr ACCESS_MASK changes =
-        FILE_WRITE_DATA | FILE_APPEND_DATA | WRITE_DAC | WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
-    const RunTime::Sid trusted[] = {RunTime::Sid::wellKnown(WinLocalSystemSid),
-                                    RunTime::Sid::wellKnown(WinBuiltinAdministratorsSid),
-                                    RunTime::Sid::current()};
-    const auto isTrusted = [&](const RunTime::Sid& sid) {
-        return std::ranges::find(trusted, sid) != std::end(trusted);
-    };
-    const RunTime::DescriptorParts parts = RunTime::partsOf(descriptor);
-    if (parts.owner.empty() || !isTrusted(RunTime::Sid::fromBytes(parts.owner)) ||
-        RunTime::aclLength(parts.dacl) == 0) {
-        return false;
-    }
-    const RunTime::Acl list = RunTime::Acl::fromBytes(parts.dacl);
-    for (const RunTime::Ace ace : list) {
-        RunTime::Sid trustee;
-        trustee.copy(ace.sid());
-        if (ace.effect() != RunTime::AceEffect::Denies && !isTrusted(trustee) &&
-            (ace.sid() == nullptr || (ace.mask() & changes) != 0)) {
-            return false;
-        }
-    }
-    return true;
-}
 
 // A file that nobody writes meanwhile.
 class UndoFile : public IUndoBytes {
@@ -72,7 +40,8 @@ public:
             RunTime::throwForPath(L"Unable to read the permissions of (%s)", path, failure,
                                   function, __LINE__);
         }
-        if (!isAdministratorsOwn(descriptor)) {
+        // What the file holds is done with an administrator's rights.
+        if (!RunTime::isAdministratorsOwn(descriptor)) {
             throw UndoFileException(L"The undo file may have been written by somebody who is no "
                                     L"administrator: others own it, or may change it",
                                     {L"", function, __LINE__});

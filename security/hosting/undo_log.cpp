@@ -4,14 +4,16 @@
 #include "runtime/files/path.h"
 #include "runtime/format_string.h"
 #include "runtime/registry/config_values.h"
-#include "security/acl.h"
+#include "security/administrators_file.h"
 #include "security/disk/path_variables.h"
-#include "security/sddl.h"
 
 #include <algorithm>
 #include <cstring>
 
 namespace HostingSecurity {
+
+using RunTime::RecordContent;
+using RunTime::RecordParts;
 
 namespace {
 
@@ -20,36 +22,10 @@ constexpr DWORD kindItem = 0x4D45'5449; // "ITEM"
 constexpr DWORD kindEnd = 0x2144'4E45;  // "END!"
 constexpr DWORD version = 1;
 
-constexpr std::size_t before = 2 * sizeof(DWORD);                    // of a record, its content
-constexpr std::size_t after = sizeof(std::uint64_t) + sizeof(DWORD); // and behind it
-constexpr std::size_t maxPathBytes = 32'767 * sizeof(wchar_t);
+constexpr std::size_t before = RunTime::recordHeadSize; // of a record, its content
+constexpr std::size_t after = RunTime::recordTailSize;  // and behind it
 constexpr std::size_t maxDescriptor = 4 * 65'536;
-constexpr std::size_t maxRecord = before + after + 64 + maxPathBytes + maxDescriptor;
-
-// System and Administrators, and what is made in a directory likewise.
-constexpr wchar_t fileSddl[] = L"D:P(A;;FA;;;SY)(A;;FA;;;BA)";
-constexpr wchar_t directorySddl[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
-
-std::uint64_t checksumOf(std::uint64_t seed, std::span<const unsigned char> bytes) {
-    std::uint64_t sum = seed ^ 0xCBF2'9CE4'8422'2325;
-    for (const unsigned char byte : bytes) {
-        sum = (sum ^ byte) * 0x0000'0100'0000'01B3;
-    }
-    return sum;
-}
-
-template <class Number>
-void put(std::vector<unsigned char>& to, Number number) {
-    const std::size_t at = to.size();
-    to.resize(at + sizeof(number));
-    std::memcpy(&to[at], &number, sizeof(number));
-}
-
-void putText(std::vector<unsigned char>& to, const std::wstring& text) {
-    put(to, static_cast<DWORD>(text.size() * sizeof(wchar_t)));
-    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
-    to.insert(to.end(), bytes, bytes + text.size() * sizeof(wchar_t));
-}
+constexpr std::size_t maxRecord = before + after + 64 + RunTime::maxPathBytes + maxDescriptor;
 
 [[noreturn]] void refuse(const wchar_t* why, int line) {
     throw UndoFileException(why, {L"", "HostingSecurity::UndoReader", line});
@@ -57,55 +33,8 @@ void putText(std::vector<unsigned char>& to, const std::wstring& text) {
 
 constexpr wchar_t damaged[] = L"The undo file is damaged, or no undo file";
 
-// Takes content apart; what does not fit is damage.
-class Content {
-public:
-    explicit Content(std::span<const unsigned char> bytes) : bytes_(bytes) {}
-
-    template <class Number>
-    Number number() {
-        Number value;
-        const auto bytes = take(sizeof(value));
-        std::memcpy(&value, bytes.data(), sizeof(value));
-        return value;
-    }
-    std::span<const unsigned char> block(std::size_t limit) {
-        const auto size = number<DWORD>();
-        if (size > limit) {
-            refuse(damaged, __LINE__);
-        }
-        return take(size);
-    }
-    std::wstring text() {
-        const auto bytes = block(maxPathBytes);
-        std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
-        std::memcpy(text.data(), bytes.data(), text.size() * sizeof(wchar_t));
-        if (bytes.size() % sizeof(wchar_t) != 0 || text.find(L'\0') != text.npos) {
-            refuse(damaged, __LINE__);
-        }
-        return text;
-    }
-    void end() const {
-        if (!bytes_.empty()) {
-            refuse(damaged, __LINE__);
-        }
-    }
-
-private:
-    std::span<const unsigned char> take(std::size_t count) {
-        if (count > bytes_.size()) {
-            refuse(damaged, __LINE__);
-        }
-        const auto taken = bytes_.first(count);
-        bytes_ = bytes_.subspan(count);
-        return taken;
-    }
-
-    std::span<const unsigned char> bytes_;
-};
-
 UndoHead headOf(std::span<const unsigned char> bytes) {
-    Content content(bytes);
+    RecordParts content(bytes);
     if (content.number<DWORD>() != version) {
         refuse(L"The undo file was written by another version", __LINE__);
     }
@@ -113,22 +42,24 @@ UndoHead headOf(std::span<const unsigned char> bytes) {
     head.identity.volume = content.number<DWORD>();
     head.identity.file = content.number<std::uint64_t>();
     head.root = content.text();
-    content.end();
-    if (!head.root.starts_with(RunTime::longPrefix) || RunTime::isRoot(head.root)) {
+    if (!content.isWhole() || !head.root.starts_with(RunTime::longPrefix) ||
+        RunTime::isRoot(head.root)) {
         refuse(damaged, __LINE__);
     }
     return head;
 }
 
 UndoItem itemOf(std::span<const unsigned char> bytes, const std::wstring& root) {
-    Content content(bytes);
+    RecordParts content(bytes);
     UndoItem item;
     item.identity.volume = content.number<DWORD>();
     item.identity.file = content.number<std::uint64_t>();
     item.path = content.text();
     const auto descriptor = content.block(maxDescriptor);
     item.descriptor.assign(descriptor.begin(), descriptor.end());
-    content.end();
+    if (!content.isWhole()) {
+        refuse(damaged, __LINE__);
+    }
     // No stream, and no way out of the root.
     if (!item.path.empty() &&
         (item.path.find_first_of(L":/") != item.path.npos ||
@@ -147,9 +78,7 @@ std::wstring undoDirectory() {
     directory = RunTime::combine(directory, L"logs");
     RunTime::createDirectory(directory);
     directory = RunTime::combine(directory, L"hosting-security");
-    const auto descriptor = RunTime::descriptorFromSddl(directorySddl);
-    SECURITY_ATTRIBUTES security = {sizeof(security), descriptor.get(), FALSE};
-    RunTime::createDirectory(directory, &security);
+    RunTime::createAdministratorsDirectory(directory);
     return directory;
 }
 
@@ -170,10 +99,8 @@ HostingLock::HostingLock(const std::wstring& root, const ItemIdentity& identity)
     const std::wstring path = RunTime::combine(
         undoDirectory(), formatString(L"%08lx-%016llx.lock", identity.volume,
                                       static_cast<unsigned long long>(identity.file)));
-    const auto descriptor = RunTime::descriptorFromSddl(fileSddl);
-    SECURITY_ATTRIBUTES security = {sizeof(security), descriptor.get(), FALSE};
-    file_.reset(::CreateFileW(path.c_str(), GENERIC_WRITE | DELETE, 0, &security, OPEN_ALWAYS,
-                              FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    file_ = RunTime::createAdministratorsFile(path, GENERIC_WRITE | DELETE, 0, OPEN_ALWAYS,
+                                              FILE_FLAG_DELETE_ON_CLOSE);
     if (!file_) {
         const DWORD code = ::GetLastError();
         if (code == ERROR_SHARING_VIOLATION) {
@@ -188,32 +115,26 @@ HostingLock::HostingLock(const std::wstring& root, const ItemIdentity& identity)
 UndoLog::UndoLog(const UndoHead& head, const std::wstring& domain, std::uint64_t limit)
     : room_(limit) {
     const std::wstring directory = undoDirectory();
-    const auto descriptor = RunTime::descriptorFromSddl(fileSddl);
-    SECURITY_ATTRIBUTES security = {sizeof(security), descriptor.get(), FALSE};
     for (int left = RunTime::defaultTryCount; !file_; --left) {
         path_ = RunTime::temporaryName(directory, stemOf(domain)) + L".undo";
-        file_.reset(::CreateFileW(path_.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &security,
-                                  CREATE_NEW, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+        file_ = RunTime::createAdministratorsFile(path_, GENERIC_WRITE, FILE_SHARE_READ);
         const DWORD code = ::GetLastError();
         if (!file_ && (code != ERROR_FILE_EXISTS || left <= 1)) {
             RunTime::throwForPath(L"Unable to create file (%s)", path_, code,
                                   "HostingSecurity::UndoLog::UndoLog", __LINE__);
         }
     }
-    std::vector<unsigned char> content;
-    put(content, version);
-    put(content, head.identity.volume);
-    put(content, head.identity.file);
-    putText(content, head.root);
-    append(kindHead, content);
+    append(kindHead, RecordContent()
+                         .number(version)
+                         .number(head.identity.volume)
+                         .number(head.identity.file)
+                         .text(head.root));
 }
 
 UndoLog::~UndoLog() {
     try {
         if (!broken_) {
-            std::vector<unsigned char> content;
-            put(content, count_);
-            append(kindEnd, content);
+            append(kindEnd, RecordContent().number(count_));
             sync();
         }
     } catch (const vexception&) { // the file is one without its end, and undo() says so
@@ -224,32 +145,24 @@ UndoLog::~UndoLog() {
 }
 
 void UndoLog::add(const UndoItem& item) {
-    std::vector<unsigned char> content;
-    put(content, item.identity.volume);
-    put(content, item.identity.file);
-    putText(content, item.path);
-    put(content, static_cast<DWORD>(item.descriptor.size()));
-    content.insert(content.end(), item.descriptor.begin(), item.descriptor.end());
-    if (content.size() > room_) {
+    RecordContent content;
+    content.number(item.identity.volume)
+        .number(item.identity.file)
+        .text(item.path)
+        .block(item.descriptor);
+    if (content.bytes().size() > room_) {
         RunTime::throwForPath(L"The undo file (%s) is full: what has been changed is in it, and "
                               L"another repair goes on from there",
                               path_, ERROR_FILE_TOO_LARGE, "HostingSecurity::UndoLog::add",
                               __LINE__);
     }
-    room_ -= content.size();
+    room_ -= content.bytes().size();
     append(kindItem, content);
     ++count_;
 }
 
-void UndoLog::append(DWORD kind, const std::vector<unsigned char>& content) {
-    const std::size_t begin = waiting_.size();
-    const auto size = static_cast<DWORD>(before + content.size() + after);
-    put(waiting_, size);
-    put(waiting_, kind);
-    waiting_.insert(waiting_.end(), content.begin(), content.end());
-    checksum_ = checksumOf(checksum_, std::span(waiting_).subspan(begin));
-    put(waiting_, checksum_);
-    put(waiting_, size);
+void UndoLog::append(DWORD kind, const RecordContent& content) {
+    checksum_ = RunTime::appendRecord(waiting_, kind, content.bytes(), checksum_);
 }
 
 void UndoLog::sync() {
@@ -287,7 +200,8 @@ UndoReader::UndoReader(IUndoBytes& bytes, bool unfinished) : bytes_(bytes) {
             }
             break;
         }
-        checksum = checksumOf(checksum, std::span(buffer_).first(before + record.content.size()));
+        checksum = RunTime::recordChecksum(
+            checksum, std::span(buffer_).first(before + record.content.size()));
         if (checksum != record.checksum || (record.kind == kindHead) != (offset == 0)) {
             refuse(damaged, __LINE__);
         }
@@ -304,10 +218,9 @@ UndoReader::UndoReader(IUndoBytes& bytes, bool unfinished) : bytes_(bytes) {
             at_ = offset;
             break;
         case kindEnd: {
-            Content content(record.content);
+            RecordParts content(record.content);
             ended = content.number<std::uint64_t>() == items && offset == size;
-            content.end();
-            if (!ended) {
+            if (!ended || !content.isWhole()) {
                 refuse(damaged, __LINE__);
             }
             break;

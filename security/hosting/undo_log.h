@@ -1,19 +1,13 @@
 // The file in which a repair keeps the descriptors that it replaces: its format, written and read.
 //
-// A file is a sequence of records: a head, an item for each descriptor, an end. Each record is
-//
-//     size      4 bytes, of the whole record
-//     kind      4 bytes
-//     content
-//     checksum  8 bytes, over the checksum before it, size, kind and content
-//     size      4 bytes, so that the file can be read backwards
-//
-// Numbers are little-endian, texts UTF-16 without a zero at their end. Reading takes nothing for
+// A file is a sequence of records (runtime/files/checked_record.h): a head, an item for each
+// descriptor, an end. The seed of each checksum is the one before it. Reading takes nothing for
 // granted: a file may be damaged, or somebody else's.
 #pragma once
 
 #include "runtime/auto_handle.h"
 #include "runtime/exception.h"
+#include "runtime/files/checked_record.h"
 #include "security/descriptor_bytes.h"
 #include "security/hosting/item_identity.h"
 
@@ -74,7 +68,7 @@ public:
     const std::wstring& path() const noexcept { return path_; } // in long form
 
 private:
-    void append(DWORD kind, const std::vector<unsigned char>& content);
+    void append(DWORD kind, const RunTime::RecordContent& content);
 
     std::wstring path_;
     RunTime::AutoHandle file_;

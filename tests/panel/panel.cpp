@@ -127,7 +127,8 @@ void addPlace(std::string& text, const std::wstring& place) {
         if (name.starts_with(L"var\\stand-in") || name.starts_with(L"admin\\bin")) {
             continue; // the stand-ins are no part of what they stand for
         }
-        const bool madeAnew = name.empty() || name.starts_with(L"Servers");
+        // "var": a move keeps its record there while it works.
+        const bool madeAnew = name.empty() || name == L"var" || name.starts_with(L"Servers");
         text += toUtf8(formatString(L"%s | %d %lx %lld bytes %016llx, written %lld", name.c_str(),
                                     static_cast<int>(item.kind), item.attributes, item.size,
                                     hash(item.content), madeAnew ? 0 : item.written)) +

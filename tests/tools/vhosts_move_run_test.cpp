@@ -55,6 +55,9 @@ protected:
     RunTime::Execute::Result move(const std::vector<std::wstring>& options) const {
         std::vector<std::wstring> words = {L"vhosts", L"move", target_};
         words.insert(words.end(), options.begin(), options.end());
+        return run(words);
+    }
+    RunTime::Execute::Result run(const std::vector<std::wstring>& words) const {
         RunTime::Execute execute(program_, words);
         execute.timeout = std::chrono::minutes(5);
         const auto run = [&] { return startingAgain([&] { return execute.run(); }); };
@@ -163,4 +166,52 @@ TEST_F(VhostsMoveRunTest, CtrlCDuringAUtilityLeavesNothingChanged) {
     }
     EXPECT_EQ(cancelled.exitStatus, 5U) << toUtf8(cancelled.output + cancelled.errors);
     expectNothingChanged();
+}
+
+// The system ends the program in the middle; the next ones say so, and put everything back.
+TEST_F(VhostsMoveRunTest, AMoveThatWasKilledIsRecovered) {
+    const std::wstring name = L"zop-hangs-" + std::to_wstring(::GetCurrentProcessId());
+    const RunTime::AutoHandle hangs(::CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
+    panel_->store().setControl({{L"hang", L"2", L"relink_tool.exe --update-site-paths", name}});
+    std::wstring line = L"\"" + program_ + L"\" vhosts move \"" + target_ + L"\" --yes --quiet";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION created{};
+    ASSERT_TRUE(::CreateProcessW(program_.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                                 nullptr, &startup, &created));
+    const RunTime::AutoHandle process(created.hProcess);
+    const RunTime::AutoHandle thread(created.hThread);
+    const HANDLE either[] = {hangs.get(), process.get()};
+    if (::WaitForMultipleObjects(2, either, FALSE, 120'000) != WAIT_OBJECT_0) {
+        GTEST_SKIP() << "Wine could not start a program";
+    }
+    const auto during = run({L"vhosts", L"recover", L"--yes"});
+    EXPECT_EQ(during.exitStatus, 3U) << toUtf8(during.output + during.errors);
+    ASSERT_TRUE(::TerminateProcess(process.get(), 1));
+    EXPECT_EQ(::WaitForSingleObject(process.get(), 120'000), WAIT_OBJECT_0);
+    panel_->store().setControl({});
+
+    const auto refused = move({L"--yes", L"--json"});
+    EXPECT_EQ(refused.exitStatus, 3U) << toUtf8(refused.output + refused.errors);
+    EXPECT_NE(refused.output.find(L"interrupted-move"), std::wstring::npos);
+    const std::string halfway = panel_->snapshot({target_});
+    const auto shown = run({L"vhosts", L"recover", L"--dry-run", L"--json"});
+    EXPECT_EQ(shown.exitStatus, 0U) << toUtf8(shown.output + shown.errors);
+    EXPECT_NE(shown.output.find(L"\"way\":\"put-back\""), std::wstring::npos);
+    EXPECT_EQ(halfway, panel_->snapshot({target_}));
+    const auto recovered = run({L"vhosts", L"recover", L"--yes"});
+    if (couldNotStart(recovered)) {
+        GTEST_SKIP() << "Wine could not start a program";
+    }
+    EXPECT_EQ(recovered.exitStatus, 7U) << toUtf8(recovered.output + recovered.errors);
+    EXPECT_NE(recovered.output.find(L"Left:  \"" + target_ + L"\""), std::wstring::npos)
+        << toUtf8(recovered.output);
+    // But for the copy, and the log of it in the root of its drive.
+    const auto withoutCopy = [this](const std::string& world) {
+        return world.substr(0, world.find("\n[" + toUtf8(target_)));
+    };
+    EXPECT_EQ(withoutCopy(before_), withoutCopy(panel_->snapshot({target_})));
+    const auto again = run({L"vhosts", L"recover", L"--yes"});
+    EXPECT_EQ(again.exitStatus, 0U);
+    EXPECT_NE(again.output.find(L"nothing to recover"), std::wstring::npos);
 }

@@ -5,6 +5,7 @@
 #include "tests/support/ntfs_fake.h"
 #include "tests/tools/recording_console.h"
 #include "tools/zopctl/vhosts_move_arguments.h"
+#include "tools/zopctl/vhosts_recover_command.h"
 
 #include <algorithm>
 #include <winioctl.h> // after windows.h
@@ -134,6 +135,18 @@ TEST_F(VHostsMoveTest, WhateverFailsEverythingIsAsBeforeAndTheReasonIsTold) {
         EXPECT_EQ(move({each.option}, otherVolume()), each.code) << console_->errors;
         EXPECT_TRUE(shows(each.says)) << console_->errors;
         panel_.store().setControl({});
+        if (each.code == ExitCode::RollbackIncomplete) { // which another program brings to its end
+            EXPECT_TRUE(shows("zopctl vhosts recover")) << console_->errors;
+            EXPECT_EQ(move({L"--yes"}, otherVolume()), ExitCode::Refused);
+            EXPECT_TRUE(shows("was cut off before its end")) << console_->errors;
+            RecordingConsole console(true);
+            EXPECT_EQ(runVHostsRecover({}, console), ExitCode::Cancelled);
+            console.answer = true;
+            EXPECT_EQ(runVHostsRecover({}, console), ExitCode::Success) << console.errors;
+            EXPECT_EQ(console.questions.size(), 2U);
+            EXPECT_EQ(runVHostsRecover({L"--json"}, console), ExitCode::Success);
+            EXPECT_NE(console.output.find("\"status\":\"nothing\""), std::string::npos);
+        }
         ASSERT_EQ(before, world({otherVolume()}));
     }
     EXPECT_EQ(move({}, otherVolume(), true), ExitCode::Cancelled);

@@ -11,6 +11,7 @@
 #include "tools/zopctl/text_format.h"
 #include "tools/zopctl/tree_compare_command.h"
 #include "tools/zopctl/vhosts_move_command.h"
+#include "tools/zopctl/vhosts_recover_command.h"
 
 #include <algorithm>
 #include <exception>
@@ -128,6 +129,7 @@ const std::vector<Command>& commands() {
         {L"tree", L"compare", L"A B", L"compares two directories", runTreeCompare},
         {L"vhosts", L"move", L"TARGET", L"moves the virtual hosts, and all that names them",
          runVHostsMove},
+        {L"vhosts", L"recover", L"", L"puts back a move that was cut off", runVHostsRecover},
         {L"config", L"get", L"NAME", L"prints a configuration value", runConfigGet},
         {L"config", L"set", L"NAME [VALUE]", L"sets a configuration value", runConfigSet},
         {L"config", L"list", L"", L"lists the configuration values", runConfigList},

@@ -13,8 +13,6 @@ namespace zopctl {
 
 namespace {
 
-constexpr wchar_t moveLock[] = L"Global\\zopctl-data-move"; // one at a time, whatever moves
-
 class CopyDiffers : public vexception {
     using vexception::vexception;
 };
@@ -367,10 +365,11 @@ void MoveSession::tellWhatIsWhere() {
     const bool target = isThere(seen_.target);
     if (outcome_.renamed || !source) {
         outcome_.advice.push_back(
-            target ? L"The whole directory is at " + quotedPath(seen_.target) +
-                         L". Stop what holds files in it open, then move it back: " + undoCommand()
-                   : L"Neither " + quotedPath(seen_.source) + L" nor " + quotedPath(seen_.target) +
-                         L" can be seen now: check the drives.");
+            target
+                ? L"The whole directory is at " + quotedPath(seen_.target) +
+                      L". Stop what holds files in it open, then move it back: " + putBackCommand()
+                : L"Neither " + quotedPath(seen_.source) + L" nor " + quotedPath(seen_.target) +
+                      L" can be seen now: check the drives.");
         return;
     }
     outcome_.advice.push_back(L"The source " + quotedPath(seen_.source) +

@@ -60,6 +60,8 @@ protected:
     virtual MoveDetails summary() const { return {}; }
     // The command that moves everything back.
     virtual std::wstring undoCommand() const = 0;
+    // The one that goes on with a rollback that this program has not brought to its end.
+    virtual std::wstring putBackCommand() const { return undoCommand(); }
     // After a failure that has been undone: what to do about it. Adds to outcome_.advice.
     virtual void advise();
     // After a failure that could not be undone wholly: what is where, and what to do.
@@ -120,6 +122,8 @@ private:
     std::set<std::wstring> toldInRollback_;
     LogManager::Registration listener_;
 };
+
+inline constexpr wchar_t moveLock[] = L"Global\\zopctl-data-move"; // one at a time, whatever moves
 
 // For messages: nice and in quotation marks.
 std::wstring quotedPath(const std::wstring& path);

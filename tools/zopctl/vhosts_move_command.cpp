@@ -148,12 +148,21 @@ private:
                 partFailed(message);
                 ignore = true;
             });
+        const Hook changing = links_->changingEvent.hook(
+            [this](const LinkRelink::Changed& link) { mover_->recordLink(link); });
         links_->change(seen_.target);
     }
 
     void commitMove() override {
         bytes_ = 0;
-        mover_->commit();
+        try {
+            mover_->commit();
+        } catch (const vexception&) {
+            outcome_.advice.push_back(L"The record of the move stays as well, and no other move "
+                                      L"begins before it has gone: " +
+                                      putBackCommand());
+            throw;
+        }
     }
 
     void rollBackMove() override {
@@ -239,6 +248,8 @@ private:
         return L"zopctl vhosts move " + quotedPath(seen_.source);
     }
 
+    std::wstring putBackCommand() const override { return L"zopctl vhosts recover"; }
+
     void advise() override {
         if (completed_ && !unheeded_.empty()) {
             outcome_.advice.push_back(L"Remove the cause and start again; --keep-going passes "
@@ -252,6 +263,8 @@ private:
 
     void tellWhatIsWhere() override {
         MoveSession::tellWhatIsWhere();
+        outcome_.advice.push_back(L"Remove the cause, and have the rest put back: " +
+                                  putBackCommand() + L". No other move begins before that.");
         std::wstring configured;
         try {
             configured = TarvoSrvClient::getInstance().getString(config::name::vhosts);

@@ -66,7 +66,12 @@ TEST_F(LinkRelinkTest, AbsoluteLinksFollowTheTreeAndComeBackByteForByte) {
     EXPECT_EQ(links.get_links().size(), 3U) << "neither the relative one nor the neighbour's";
     RunTime::moveEx(old(), moved());
     const TreeImage before = image(moved());
-    links.change(moved());
+    std::vector<LinkRelink::Changed> told;
+    {
+        const Hook telling = links.changingEvent.hook(
+            [&told](const LinkRelink::Changed& link) { told.push_back(link); });
+        links.change(moved());
+    }
     EXPECT_EQ(links.get_changed(), 3);
     const std::wstring place = directory_.nice() + L"\\new place";
     const std::map<std::wstring, std::wstring> expected = {
@@ -87,6 +92,11 @@ TEST_F(LinkRelinkTest, AbsoluteLinksFollowTheTreeAndComeBackByteForByte) {
     EXPECT_TRUE(sameTree(before, after));
     links.rollback();
     EXPECT_EQ(links.get_changed(), 0);
+    EXPECT_TRUE(sameTree(before, image(moved())));
+    links.change(moved()); // and another process puts them back
+    LinkRelink another(moved());
+    another.resume(moved(), told);
+    another.rollback();
     EXPECT_TRUE(sameTree(before, image(moved())));
 }
 
