@@ -43,16 +43,32 @@ public:
         }
     }
 
+    // For what the others may make good: the failure is only logged, and returned for tell().
+    template <class Action>
+    std::wstring attemptFirst(const wchar_t* name, Action&& action) {
+        try {
+            action();
+            return {};
+        } catch (...) {
+            reportFailure(span_, name);
+            return std::wstring(name) + L": " + currentCause();
+        }
+    }
+
+    void tell(const std::wstring& failure) const {
+        try {
+            owner_.errorEvent.raise(failure);
+        } catch (...) { // a listener; the parts that follow must still be put back
+            logFailure(failure);
+        }
+    }
+
     const std::wstring& failures() const noexcept { return failures_; }
 
 private:
     void report(const wchar_t* name) const {
         reportFailure(span_, name);
-        try {
-            owner_.errorEvent.raise(std::wstring(name) + L": " + currentCause());
-        } catch (...) { // a listener; the parts that follow must still be put back
-            logFailure(name);
-        }
+        tell(std::wstring(name) + L": " + currentCause());
     }
 
     MoveVHosts& owner_;
@@ -178,7 +194,7 @@ bool MoveVHosts::putBack(bool ftpMayFail) {
     };
     constexpr const wchar_t* ftpFailure = L"Unable to restore IIS FTP settings";
 
-    parts.attemptAside(ftpFailure, [&] {
+    const std::wstring firstStageFailure = parts.attemptFirst(ftpFailure, [&] {
         checkCanceled();
         nameStep(L"Reconfigure FTP server: first stage");
         runUtil({L"--remove-all"}, L"ftphostctl.exe", true);
@@ -213,16 +229,21 @@ bool MoveVHosts::putBack(bool ftpMayFail) {
                   [&] { removeTarget(); });
 
     const bool othersAreBack = parts.failures().empty();
+    bool ftpIsBack = false;
     const auto secondStage = [&] {
         checkCanceled();
         nameStep(L"Reconfigure FTP server: second stage");
         needSetting();
         runCreationUtil(L"repair.php", {L"--reconfigure-ftp-sites"});
+        ftpIsBack = true;
     };
     if (ftpMayFail) {
         parts.attemptAside(ftpFailure, secondStage);
     } else {
         parts.attempt(Part::FtpSites, ftpFailure, secondStage);
+    }
+    if (!ftpIsBack && !firstStageFailure.empty()) { // else the second stage has made it good
+        parts.tell(firstStageFailure);
     }
     gatherLeftovers();
     if (!parts.failures().empty()) {

@@ -116,6 +116,11 @@ TEST_F(VHostsMoveTest, WhateverFailsEverythingIsAsBeforeAndTheReasonIsTold) {
          L"--yes",
          ExitCode::Failed,
          "No FTP. Everything is as it was before."},
+        // Nor does the rollback's first stage work, but its second one.
+        {{{L"fail", L"0", L"--remove-all", L"1", L"FTP hangs."}},
+         L"--yes",
+         ExitCode::Failed,
+         "FTP hangs. Everything is as it was before."},
         // What a step passes over is no success either.
         {{{L"fail", L"1", L"--reconfigure-aspnet-settings", L"1", L"It is read-only."}},
          L"--yes",

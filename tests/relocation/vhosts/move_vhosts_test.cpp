@@ -346,8 +346,20 @@ TEST_F(MoveVHostsTest, RefusesWhatIsNoDirectoryAndHearsTheFirstCancel) {
     expectError<vexception>(
         L"call (ftphostctl.exe --remove-all) empty message from utilty with exit status 3",
         [&] { mover.move(newPlace()); });
-    panel_.store().setControl({});
+    // The second stage makes the first one's failure good, or both are told.
+    std::vector<std::wstring> told;
+    const Hook hook =
+        mover.errorEvent.hook([&](const std::wstring& text) { told.push_back(text); });
+    const panel::Words firstStage = {L"fail", L"0", L"--remove-all", L"3", L"No FTP."};
+    panel_.store().setControl(
+        {firstStage, {L"fail", L"0", L"--reconfigure-ftp-sites", L"1", L"No sites."}});
+    EXPECT_THROW(mover.undo(), vexception);
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_NE(told[1].find(L"No FTP."), told[1].npos) << toUtf8(told[1]);
+    panel_.store().setControl({firstStage});
     EXPECT_FALSE(mover.undo());
+    EXPECT_EQ(told.size(), 2U);
+    panel_.store().setControl({});
     EXPECT_EQ(before, world());
 }
 
