@@ -17,9 +17,9 @@
 //         location.Rollback();
 //     }
 //
-// The computer must be left alone meanwhile by everything else that changes hostings. A process that
-// ends halfway leaves a record: Change is refused from then on, until "zopctl vhosts recover" has put
-// everything back.
+// The computer must be left alone meanwhile by everything else that changes hostings. A process
+// that ends halfway leaves a record: Change is refused from then on, until "zopctl vhosts recover"
+// has put everything back.
 #pragma once
 
 #include "api/backup_copy_error_event.h"

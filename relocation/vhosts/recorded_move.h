@@ -86,5 +86,6 @@ class MoveRecordException : public vexception {
 };
 
 // Takes the bytes for what anybody may have written. What is missing at their end was not acted on
-// and is passed over, so that a move without a whole record has no parts; anything else that is not as it was written is refused (MoveRecordException).
+// and is passed over, so that a move without a whole record has no parts; anything else that is not
+// as it was written is refused (MoveRecordException).
 RecordedMove readRecordedMove(std::span<const unsigned char> bytes);
