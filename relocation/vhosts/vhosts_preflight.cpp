@@ -38,8 +38,10 @@ private:
         const std::wstring source = given.empty() ? configured : given;
         result_.source = RunTime::nicePath(source);
         result_.target = RunTime::nicePath(target);
+        if (!checkRecord()) { // what else speaks against it would mistake a half for the whole
+            return;
+        }
         panel.checkPrograms();
-        checkRecord();
         if (source.empty() || !RunTime::isFullyQualified(source)) {
             if (!source.empty()) {
                 examineTree(source, target); // says what is wrong with it
@@ -57,21 +59,23 @@ private:
         panel.checkInstaller(configured.empty() ? source : configured);
     }
 
-    // Of another move, one that runs or one that was cut off.
-    void checkRecord() {
+    // Whether there is none of another move, one that runs or one that was cut off.
+    bool checkRecord() {
         std::wstring path;
         try {
             const MoveRecord::State state = MoveRecord::look(path);
-            if (state != MoveRecord::State::None) {
-                const bool isRunning = state == MoveRecord::State::Running;
-                refuse(isRunning ? "another-move" : "interrupted-move",
-                       MoveRecord::reason(state, path), MoveRecord::remedy(state));
+            if (state == MoveRecord::State::None) {
+                return true;
             }
+            const bool isRunning = state == MoveRecord::State::Running;
+            refuse(isRunning ? "another-move" : "interrupted-move", MoveRecord::reason(state, path),
+                   MoveRecord::remedy(state));
         } catch (const vosexception& e) {
             refuse("cannot-look",
                    L"It cannot be told whether another move is under way: " + e.message() + L".",
                    L"Check your rights there.");
         }
+        return false;
     }
 
     // The findings about the places come before those about the panel.

@@ -142,8 +142,11 @@ TEST_F(VHostsMoveTest, WhateverFailsEverythingIsAsBeforeAndTheReasonIsTold) {
         panel_.store().setControl({});
         if (each.code == ExitCode::RollbackIncomplete) { // which another program brings to its end
             EXPECT_TRUE(shows("zopctl vhosts recover")) << console_->errors;
-            EXPECT_EQ(move({L"--yes"}, otherVolume()), ExitCode::Refused);
-            EXPECT_TRUE(shows("was cut off before its end")) << console_->errors;
+            // Nothing else is said, such as to remove what the old place has from it.
+            EXPECT_EQ(move({L"--yes", L"--json"}, oldPlace()), ExitCode::Refused);
+            const nlohmann::json refused = object("preflight");
+            ASSERT_EQ(refused["findings"].size(), 1U) << refused;
+            EXPECT_EQ(refused["findings"][0]["code"], "interrupted-move");
             RecordingConsole console(true);
             EXPECT_EQ(runVHostsRecover({}, console), ExitCode::Cancelled);
             console.answer = true;
