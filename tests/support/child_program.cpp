@@ -155,16 +155,27 @@ RunTime::Execute::Result runBeside(const wchar_t* program, const std::vector<std
     return startingAgain([&] { return execute.run(); });
 }
 
-void pressCtrlC(const std::string& word) {
+namespace {
+
+void sendSignal(std::intptr_t signal, const std::string& word) {
     constexpr long long kill = 62;
-    constexpr std::intptr_t interruptSignal = 2;
     for (const std::string& process : unixEntries("/proc")) {
         const std::string words = unixRead("/proc/" + process + "/cmdline");
         if (process.find_first_not_of("0123456789") == std::string::npos &&
             words.find(word) != std::string::npos) {
-            unixCall(kill, unixcall::number(std::stol(process)), unixcall::number(interruptSignal));
+            unixCall(kill, unixcall::number(std::stol(process)), unixcall::number(signal));
             return;
         }
     }
     throw std::runtime_error("there is no such process: " + word);
+}
+
+} // namespace
+
+void pressCtrlC(const std::string& word) {
+    sendSignal(2, word);
+}
+
+void killProcess(const std::string& word) {
+    sendSignal(9, word);
 }

@@ -49,5 +49,7 @@ std::wstring besideTests(const std::wstring& file);
 // Runs one of those programs, for a minute at most.
 RunTime::Execute::Result runBeside(const wchar_t* program, const std::vector<std::wstring>& words);
 
-// Under Wine: presses Ctrl+C in the process that has this word on its command line.
+// Under Wine: presses Ctrl+C in the process that has this word on its command line, or ends it at
+// once.
 void pressCtrlC(const std::string& word);
+void killProcess(const std::string& word);
