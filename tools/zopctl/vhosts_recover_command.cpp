@@ -216,6 +216,7 @@ private:
         };
         const bool ownTarget = !interrupted_->move().made.empty();
         const std::wstring target = interrupted_->move().to;
+        const std::wstring log = RunTime::nicePath(interrupted_->move().log);
         std::wstring failure;
         try {
             mover.recover(std::move(*interrupted_));
@@ -232,8 +233,8 @@ private:
                        ? RecoverEnd{ExitCode::RollbackIncomplete,
                                     L"incomplete",
                                     failure,
-                                    {L"Remove the cause, and run this again: it goes on with what "
-                                     L"is left."}}
+                                    {L"What is not named here is as it was. Remove the cause, and "
+                                     L"run this again: it goes on with what is left."}}
                        : RecoverEnd{ExitCode::Failed,
                                     L"failed",
                                     failure + L" Nothing has been changed.",
@@ -260,6 +261,10 @@ private:
                     : L"What was copied into the new place lies beside what was there before the "
                       L"move, and may have been written to since. It was left: look at each, and "
                       L"remove only what is in the old place as well.");
+        }
+        if (std::ranges::find(left_, log) != left_.end()) {
+            end.advice.push_back(L"The file " + quotedPath(log) +
+                                 L" only lists what the move made: remove it last.");
         }
         if (!pending_.empty()) {
             end.advice.push_back(L"Restart the computer to have it finished.");
