@@ -305,9 +305,16 @@ void MoveRecord::webmail(const SavedFile::Stamp& stamp) {
     write(false);
 }
 
+// Whoever owns a site can fill it with links; the record stays one that is read.
 void MoveRecord::link(const LinkRelink::Changed& link) {
-    add(Kind::Link,
-        RecordContent().text(link.path).block(link.before).block(link.after).number(link.times));
+    constexpr std::uint64_t room = 1024 * 1024; // for what is to come
+    RecordContent content;
+    content.text(link.path).block(link.before).block(link.after).number(link.times);
+    if (size_ + content.bytes().size() > maxSize - room) {
+        RunTime::throwForPath(L"Unable to write file (%s)", path_, ERROR_FILE_TOO_LARGE,
+                              "MoveRecord::link", __LINE__);
+    }
+    add(Kind::Link, content);
     write(false);
 }
 
@@ -320,7 +327,14 @@ void MoveRecord::completed() {
 void MoveRecord::commit() {
     add(Kind::Commit, RecordContent());
     add(Kind::Commit, RecordContent());
-    write(true);
+    try {
+        write(true);
+    } catch (const vosexception&) {
+        logFailure(L"Tell the commit in the record of the move");
+        isVoid_ = true;
+        size_ = 0;
+        write(true);
+    }
 }
 
 void MoveRecord::remove() {
@@ -340,6 +354,9 @@ void MoveRecord::add(Kind kind, const RecordContent& content) {
 }
 
 void MoveRecord::write(bool toDisk) {
+    if (isVoid_) {
+        waiting_.clear();
+    }
     const auto fail = [this](DWORD code, int line) {
         hasStaleEnd_ = true;
         waiting_.clear();

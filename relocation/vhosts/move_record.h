@@ -87,7 +87,8 @@ public:
     void webmail(const SavedFile::Stamp& stamp);
     void link(const LinkRelink::Changed& link);
     void completed();
-    // From now on nothing goes back.
+    // From now on nothing goes back. Where that cannot be written, all of the record goes, which
+    // has the same effect; it throws when that fails as well.
     void commit();
 
     // Deletes the file: everything is as it was, or final. "Unable to delete file (%s)".
@@ -105,4 +106,5 @@ private:
     std::uint64_t written_ = 0; // records in the file
     std::uint64_t next_ = 0;    // number of the record to come
     bool hasStaleEnd_ = false;  // something stands in the file behind size_
+    bool isVoid_ = false;       // nothing is to stand in it any more
 };

@@ -185,6 +185,9 @@ bool MoveVHosts::putBack(bool ftpMayFail) {
     };
     const auto reconfigureBack = [&](Part part, const wchar_t* name, Reconfigure* what) {
         parts.attempt(part, name, [&] {
+            if (what == nullptr) { // no step of this version; another's record may tell of it
+                return;
+            }
             needSetting();
             what->reconfigure(record_.to, record_.from, false);
             if (!what->get_failure().empty()) {
@@ -272,9 +275,15 @@ void MoveVHosts::restoreSetting() {
 void MoveVHosts::restoreWebmail() {
     const std::wstring& root = treeRoot();
     const std::wstring file = webmailFile(root);
-    if (record_.webmailStamp) { // in a copy that is left the file may have been there before
+    // In a copy that is left the file may have been there before. What named the new place before
+    // the move cannot be told from what names it since: rather than wrong, a copy stays as it is.
+    if (record_.webmailStamp && !SavedFile::restoreTimes(*record_.webmailStamp, file, root)) {
+        const std::optional<SavedFile> copy =
+            record_.renamed ? std::nullopt : SavedFile::of(file, root);
         RunTime::replaceFilePathInFile(file, record_.to, record_.from, root);
-        SavedFile::restoreTimes(*record_.webmailStamp, file, root);
+        if (!SavedFile::restoreTimes(*record_.webmailStamp, file, root) && copy) {
+            copy->restore(file, root);
+        }
     }
     if (!record_.webmail) {
         return;

@@ -113,14 +113,16 @@ SavedFile::Stamp SavedFile::stamp() const {
     return {sum.finish(), basic_, directory_};
 }
 
-void SavedFile::restoreTimes(const Stamp& stamp, const std::wstring& path,
+bool SavedFile::restoreTimes(const Stamp& stamp, const std::wstring& path,
                              const std::wstring& root) {
     std::optional<SavedFile> present = of(path, root);
-    if (present && present->stamp().sha256 == stamp.sha256) {
-        present->basic_ = stamp.file;
-        present->directory_ = stamp.directory;
-        present->restore(path, root);
+    if (!present || present->stamp().sha256 != stamp.sha256) {
+        return false;
     }
+    present->basic_ = stamp.file;
+    present->directory_ = stamp.directory;
+    present->restore(path, root);
+    return true;
 }
 
 void SavedFile::restore(const std::wstring& path, const std::wstring& root) const {

@@ -26,8 +26,8 @@ public:
     };
     Stamp stamp() const;
     // Gives a file with the stamp's content the stamp's attributes and times, and its directory
-    // these. Leaves any other file alone.
-    static void restoreTimes(const Stamp& stamp, const std::wstring& path,
+    // these. Leaves any other file alone, and returns false.
+    static bool restoreTimes(const Stamp& stamp, const std::wstring& path,
                              const std::wstring& root);
 
     // Writes it to a file that is there, under this name or another. "Unable to restore file (%s)",

@@ -294,7 +294,7 @@ void UserList::recordUsers(const PathGroups& groups, const std::vector<Row>& row
     std::vector<RecordedMove::User> users;
     for (const Row& row : rows) {
         const std::wstring newPath = newPathOf(groups, row);
-        if (!newPath.empty()) {
+        if (!newPath.empty() && !row.login.empty()) { // which is no account
             users.push_back({row.login, row.home, nicePath(newPath), std::nullopt, false, {}});
         }
     }
@@ -314,21 +314,22 @@ void UserList::resume(const std::wstring& from, const std::wstring& to,
     for (const RecordedMove::User& user : users) {
         const auto row = homes.find(user.login);
         const bool isChanged = row != homes.end() && row->second == user.newHome;
-        if (!isChanged && !user.accountHome) {
+        UserInfo info;
+        std::wstring accountHome;
+        if (information_->userExists(user.login)) {
+            info.user = factory_->getUser(user.login);
+            accountHome = info.user->getHomeDirectory();
+        }
+        // What the account had may have been lost with the machine's power, and not the change.
+        if (!isChanged && accountHome != user.newHome && !user.accountHome) {
             continue;
         }
-        UserInfo info;
         info.row.login = user.login;
         info.row.home = isChanged || row == homes.end() ? user.home : row->second;
         info.quotaMoved = user.quotaMoved;
         info.oldQuota = user.oldQuota;
-        if (information_->userExists(user.login)) {
-            info.user = factory_->getUser(user.login);
-            info.oldHome = info.user->getHomeDirectory();
-            if (info.oldHome == user.newHome) {
-                info.oldHome = user.accountHome.value_or(user.home);
-            }
-        }
+        info.oldHome = accountHome == user.newHome ? user.accountHome.value_or(user.home)
+                                                   : std::move(accountHome);
         users_.push_back(std::move(info));
     }
 }

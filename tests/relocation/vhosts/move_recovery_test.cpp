@@ -232,6 +232,34 @@ TEST_F(MoveRecoveryTest, LeavesEverythingAloneWhereItCannotTellWhatIsWhere) {
     EXPECT_EQ(before, world({to}));
 }
 
+// The settings of webmail name something beside the old place, which is in the new one.
+TEST_F(MoveRecoveryTest, WhatACopyNamedInTheNewPlaceBeforeIsNotTakenForTheMovesWork) {
+    const std::wstring to = RunTime::parentPath(oldPlace());
+    ASSERT_TRUE(killAt(to, L"step 17.", 1));
+    const TreeImage copy = imageOf(MoveVHosts::webmailFile(to));
+    panel_.store().setControl({{L"fail", L"1", L"--reconfigure-ftp-sites", L"1", L"refused"}});
+    {
+        const panel::InProcess utilities;
+        MoveVHosts mover;
+        EXPECT_THROW(mover.recover(std::move(*InterruptedMove::find())), vexception);
+    }
+    recover();
+    EXPECT_TRUE(sameTree(copy, imageOf(MoveVHosts::webmailFile(to))));
+}
+
+// With the machine's power goes what was written last, and not what the system has done after it.
+TEST_F(MoveRecoveryTest, AnAccountThatWasChangedAfterTheRecordsEndIsPutBack) {
+    const panel::Account& account = panel_.accounts().at(0);
+    const std::wstring moved = newPlace() + L"\\d";
+    accounts_.state.users[account.login].home = moved;
+    const std::shared_ptr<UserManagement::IUserInformation> information =
+        UserManagement::UserInformation::createInstance();
+    UserList users(UserManagement::Factory::createInstance(information), information);
+    users.resume(oldPlace(), newPlace(), {{account.login, account.home, moved, {}, false, {}}});
+    EXPECT_FALSE(users.rollback());
+    EXPECT_EQ(accounts_.state.users[account.login].home, account.home);
+}
+
 TEST_F(MoveRecoveryTest, RefusesASecondMoveAndOneWhoseRecordCannotBeWritten) {
     const panel::InProcess utilities;
     const std::string before = world();
@@ -365,6 +393,38 @@ TEST_F(MoveRecordTest, ATornEndIsPassedOverAndOtherDamageIsRefused) {
     fuzz(contents, read, 20);
 }
 
+// Places and names that an ordinary move meets, too.
+TEST_F(MoveRecordTest, ReadsWhateverAMoveWrites) {
+    const auto record = MoveRecord::create(L"D:\\", L"D:\\", L"C:\\PROGRA~1\\new\\vhosts");
+    record->users({{L"d1", L"D:\\a|b", L"C:\\Program Files\\new\\vhosts\\a|b", {}, false, {}}});
+    record->servers(L"\\\\?\\D:\\$Backup2");
+    record->begin(MovePart::Users);
+    EXPECT_EQ(record->read().users.size(), 1U);
+    record->remove();
+}
+
+// Nothing that could be put back is left of it either.
+TEST_F(MoveRecordTest, ACommitThatCannotBeWrittenEmptiesTheRecord) {
+    for (const bool twice : {false, true}) {
+        const auto record = MoveRecord::create(L"C:\\vhosts", L"C:\\vhosts", L"D:\\vhosts");
+        record->begin(MovePart::Setting);
+        {
+            FaultPoint flush("FlushFileBuffers");
+            flush.failAt = 0;
+            flush.failOnwards = twice;
+            if (twice) {
+                EXPECT_THROW(record->commit(), vosexception);
+            } else {
+                record->commit();
+            }
+        }
+        EXPECT_TRUE(record->read().parts.empty());
+        record->commit();
+        EXPECT_TRUE(record->read().parts.empty());
+        record->remove();
+    }
+}
+
 // Whole records, and their sums are right: somebody has made them up.
 TEST_F(MoveRecordTest, RefusesWhatNoMoveDoes) {
     const std::vector<std::size_t> records = recordEnds();
@@ -373,9 +433,6 @@ TEST_F(MoveRecordTest, RefusesWhatNoMoveDoes) {
     };
     const auto value = [](const wchar_t* key) {
         return RecordContent().text(key).text(L"n").text(L"").text(L"");
-    };
-    const auto user = [](const wchar_t* home) {
-        return RecordContent().text(L"d2").text(L"C:\\vhosts\\d2").text(home);
     };
     const auto link = [](const wchar_t* path) {
         return RecordContent().text(path).block({}).block({}).number(FILE_BASIC_INFO{});
@@ -386,7 +443,6 @@ TEST_F(MoveRecordTest, RefusesWhatNoMoveDoes) {
     };
     const Forgery forgeries[] = {
         {Kind::Paths, places(L"vhosts", L"D:\\new")},
-        {Kind::Paths, places(L"C:\\", L"D:\\new")},
         {Kind::Paths, places(L"C:\\vhosts\\..\\Windows", L"D:\\new")},
         {Kind::Paths, places(L"\\\\.\\C:", L"D:\\new")},
         {Kind::Paths, places(L"C:\\vhosts:stream", L"D:\\new")},
@@ -397,8 +453,7 @@ TEST_F(MoveRecordTest, RefusesWhatNoMoveDoes) {
         {Kind::Value, value(L"SOFTWARE\\Microsoft")},
         {Kind::Value, value(L"SOFTWARE\\TARVO\\Installer2")},
         {Kind::Made, RecordContent().text(L"C:\\Windows")},
-        {Kind::User, user(L"C:\\Windows")},
-        {Kind::User, user(L"D:\\new\\vhosts\\..\\..\\other")},
+        {Kind::User, RecordContent().text(L"").text(L"C:\\vhosts").text(L"D:\\new")},
         {Kind::Account, RecordContent().text(L"nobody").text(L"")},
         {Kind::SetAside, RecordContent().text(L"D:\\new\\other")},
         {Kind::SetAside, RecordContent().text(L"C:\\$Backup1")},
