@@ -96,12 +96,18 @@ void TarvoIIsSites::resume(const std::wstring& newRoot,
     sites_ = std::move(sites);
     newRoot_ = newRoot;
     pending_ = true;
+    resumed_ = true;
 }
 
 bool TarvoIIsSites::rollback() {
     const NativeSpan span("TarvoIIsSites::rollback", __LINE__);
     if (!pending_) { // found, and nothing more
         sites_.clear();
+    }
+    if (resumed_ && !sites_.empty()) { // one that has gone since must not keep the others away
+        const RunTime::ComScope com;
+        const SiteMap present = allSites();
+        std::erase_if(sites_, [&](const auto& site) { return !present.contains(site.first); });
     }
     bool cancel = false;
     progressEvent_Total.raise(static_cast<std::int32_t>(sites_.size()), cancel);
@@ -115,6 +121,7 @@ bool TarvoIIsSites::rollback() {
 
 void TarvoIIsSites::commit() noexcept {
     pending_ = false;
+    resumed_ = false;
     sites_.clear();
 }
 

@@ -40,7 +40,8 @@ public:
     // For the next change(): where the sites are recorded before the first is changed; null:
     // nowhere.
     void set_record(MoveRecord* record) noexcept { record_ = record; }
-    // Takes up what a process that has ended had recorded, for rollback().
+    // Takes up what a process that has ended had recorded, for rollback(). It passes over sites
+    // that are gone by then.
     void resume(const std::wstring& newRoot, std::map<std::wstring, std::wstring> sites);
     // Forgets what rollback() would restore.
     void commit() noexcept;
@@ -61,6 +62,7 @@ private:
     RunTime::ComScope com_;
     std::map<std::wstring, std::wstring> sites_;
     bool pending_ = false;
+    bool resumed_ = false; // by another process
     std::wstring newRoot_;
     MoveRecord* record_ = nullptr;
 };

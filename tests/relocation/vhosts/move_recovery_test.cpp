@@ -14,6 +14,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <set>
 
 namespace {
 
@@ -230,6 +231,26 @@ TEST_F(MoveRecoveryTest, LeavesEverythingAloneWhereItCannotTellWhatIsWhere) {
     RunTime::removeDirectory(oldPlace() + L"\\new"); // an empty one is in nobody's way
     EXPECT_TRUE(recover().empty());
     EXPECT_EQ(before, world({to}));
+}
+
+TEST_F(MoveRecoveryTest, ASiteThatHasGoneSinceKeepsNoOtherInTheNewPlace) {
+    const std::wstring to = otherVolume();
+    ASSERT_TRUE(killAt(to, L"step 12.", 1));
+    std::vector<panel::Setting> settings = panel_.store().settings();
+    std::set<std::wstring> names;
+    for (const panel::Setting& setting : settings) {
+        if (setting.owner == L"iis") {
+            names.insert(setting.name);
+        }
+    }
+    ASSERT_GE(names.size(), 2U);
+    std::erase_if(settings, [&](const panel::Setting& setting) {
+        return setting.name == *names.begin() &&
+               (setting.owner == L"iis" || setting.owner == L"relink");
+    });
+    panel_.store().write(settings);
+    removeLeft(recover());
+    EXPECT_EQ("", panel_.references(to));
 }
 
 // The settings of webmail name something beside the old place, which is in the new one.
