@@ -213,7 +213,12 @@ RecordedMove MoveRecord::read() {
         RunTime::throwForPath(L"Unable to read file (%s)", path_, ERROR_HANDLE_EOF, function,
                               __LINE__);
     }
-    return readRecordedMove(bytes);
+    try {
+        return readRecordedMove(bytes);
+    } catch (const MoveRecordException& error) {
+        throw MoveRecordException(error.message() + L": (" + path_ + L")",
+                                  {L"", function, __LINE__});
+    }
 }
 
 void MoveRecord::paths(const std::wstring& from, const std::wstring& to) {

@@ -148,6 +148,10 @@ TEST_F(VHostsMoveTest, WhateverFailsEverythingIsAsBeforeAndTheReasonIsTold) {
             ASSERT_EQ(refused["findings"].size(), 1U) << refused;
             EXPECT_EQ(refused["findings"][0]["code"], "interrupted-move");
             RecordingConsole console(true);
+            service_.reset();
+            EXPECT_EQ(runVHostsRecover({}, console), ExitCode::Refused);
+            EXPECT_NE(console.errors.find("sc start zopconfigsvc"), std::string::npos);
+            service_.emplace();
             EXPECT_EQ(runVHostsRecover({}, console), ExitCode::Cancelled);
             console.answer = true;
             EXPECT_EQ(runVHostsRecover({}, console), ExitCode::Success) << console.errors;

@@ -22,11 +22,6 @@ std::wstring withoutFrames(const std::wstring& text) {
     return text.substr(0, text.find(L"\n   at "));
 }
 
-// With one full stop at the end: utilities print messages with and without.
-std::wstring sentence(const std::wstring& text) {
-    return text.ends_with(L'.') ? text : text + L".";
-}
-
 } // namespace
 
 std::wstring quotedPath(const std::wstring& path) {

@@ -204,6 +204,10 @@ std::wstring printableLines(std::wstring_view text) {
     return result;
 }
 
+std::wstring sentence(const std::wstring& text) {
+    return text.ends_with(L'.') ? text : text + L".";
+}
+
 std::wstring quoted(std::wstring_view text) {
     return L"\"" + printable(text) + L"\"";
 }

@@ -35,6 +35,9 @@ std::wstring printable(std::wstring_view text);
 // The same of a text that may have several lines, such as what a utility printed: their ends stay.
 std::wstring printableLines(std::wstring_view text);
 
+// With one full stop at the end: utilities print messages with and without.
+std::wstring sentence(const std::wstring& text);
+
 // A printable text in quotation marks.
 std::wstring quoted(std::wstring_view text);
 

@@ -1,5 +1,6 @@
 #include "tools/zopctl/vhosts_recover_command.h"
 
+#include "config/config_service_exception.h"
 #include "relocation/vhosts/move_vhosts.h"
 #include "runtime/exception.h"
 #include "runtime/files/path.h"
@@ -65,7 +66,7 @@ private:
         } catch (const MoveRecordException& e) {
             return {ExitCode::Refused,
                     L"refused",
-                    e.message(),
+                    sentence(e.message()),
                     {L"Nothing has been changed. What the move was to change is in the product's "
                      L"log; the record is to be removed by hand once all of that is in order."}};
         } catch (const vosexception& e) {
@@ -107,9 +108,23 @@ private:
                        ? work(outlook.way)
                        : RecoverEnd{
                              ExitCode::Cancelled, L"declined", L"Nothing has been changed.", {}};
+        } catch (const ConfigServiceException& e) {
+            return {
+                ExitCode::Refused,
+                L"refused",
+                L"The configuration service does not answer: " + sentence(e.cause()),
+                {L"Nothing has been changed: the server is half moved still. Start the service, "
+                 L"and run this again: sc start zopconfigsvc"}};
         } catch (const vexception& e) {
-            return {ExitCode::Failed, L"failed", e.message() + L" Nothing has been changed.", {}};
+            return nothingDone(e.message());
         }
+    }
+
+    static RecoverEnd nothingDone(const std::wstring& why) {
+        return {ExitCode::Failed,
+                L"failed",
+                sentence(why) + L" Nothing has been changed.",
+                {L"The server is half moved still: remove the cause, and run this again."}};
     }
 
     // ---- before anything is changed
@@ -122,7 +137,7 @@ private:
         if (options_.json) {
             console_.line(
                 jsonLine(L"plan", {{"record", interrupted_->path()},
-                                   {"begun", whenOf(move.begun)},
+                                   {"begun", move.begun == 0 ? L"" : whenOf(move.begun)},
                                    {"source", move.from},
                                    {"target", move.to},
                                    {"way", way},
@@ -201,7 +216,7 @@ private:
             if (options_.json) {
                 console_.line(jsonLine(L"error", {{"message", text}}));
             } else {
-                console_.errorLine(L"Error: " + printable(text));
+                console_.errorLine(L"Error: " + printableLines(text));
             }
         };
         const Hook hooks[] = {
@@ -235,10 +250,7 @@ private:
                                     failure,
                                     {L"What is not named here is as it was. Remove the cause, and "
                                      L"run this again: it goes on with what is left."}}
-                       : RecoverEnd{ExitCode::Failed,
-                                    L"failed",
-                                    failure + L" Nothing has been changed.",
-                                    {}};
+                       : nothingDone(failure);
         }
         RecoverEnd end{ExitCode::Success,
                        L"recovered",
@@ -308,7 +320,7 @@ private:
                : end.code == ExitCode::Failed || end.code == ExitCode::RollbackIncomplete
                    ? L"Error: "
                    : L"") +
-              printable(end.message));
+              printableLines(end.message));
         for (const std::wstring& text : end.advice) {
             print(printable(text));
         }
