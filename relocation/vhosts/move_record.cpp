@@ -102,7 +102,7 @@ std::wstring MoveRecord::remedy(State state) {
                                    : L"Put everything back: zopctl vhosts recover";
 }
 
-MoveRecord::MoveRecord(std::wstring path, AutoHandle file)
+MoveRecord::MoveRecord(const std::wstring& path, AutoHandle file)
     : path_(RunTime::nicePath(path)), file_(std::move(file)) {}
 
 std::unique_ptr<MoveRecord> MoveRecord::create(const std::wstring& setting,

@@ -66,7 +66,7 @@ public:
     RecordedMove read();
 
     // For those two: an open file, and its path in long form.
-    MoveRecord(std::wstring path, RunTime::AutoHandle file);
+    MoveRecord(const std::wstring& path, RunTime::AutoHandle file);
     MoveRecord(const MoveRecord&) = delete;
     MoveRecord& operator=(const MoveRecord&) = delete;
 
