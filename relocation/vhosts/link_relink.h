@@ -38,7 +38,7 @@ public:
         std::wstring path;                 // as above
         std::vector<unsigned char> before; // its data
         std::vector<unsigned char> after;
-        FILE_BASIC_INFO times;
+        FILE_BASIC_INFO times{};
     };
     // What is kept of all links together, in bytes; more are only counted. Whoever owns a site can
     // fill it with links.

@@ -60,9 +60,10 @@ public:
 private:
     RecoverEnd end() {
         RunTime::InterprocessLock lock(moveLock);
+        std::optional<InterruptedMove> interrupted;
         try {
             lock.lock(L"Unable to lock the move", 0);
-            interrupted_ = InterruptedMove::find();
+            interrupted = InterruptedMove::find();
         } catch (const MoveRecordException& e) {
             return {ExitCode::Refused,
                     L"refused",
@@ -80,15 +81,15 @@ private:
         } catch (const vexception& e) {
             return {ExitCode::Refused, L"refused", e.message(), {}};
         }
-        if (!interrupted_) {
+        if (!interrupted) {
             return {ExitCode::Success,
                     L"nothing",
                     L"There is nothing to recover: no move of the virtual hosts was cut off.",
                     {}};
         }
         try {
-            const InterruptedMove::Outlook outlook = interrupted_->outlook();
-            show(outlook);
+            const InterruptedMove::Outlook outlook = interrupted->outlook();
+            show(*interrupted, outlook);
             if (outlook.way == Way::Refused) {
                 return {ExitCode::Refused, L"refused", outlook.reason, {outlook.remedy}};
             }
@@ -105,7 +106,7 @@ private:
                         {L"Add --yes to start without a question, or --dry-run to look only."}};
             }
             return agree()
-                       ? work(outlook.way)
+                       ? work(std::move(*interrupted), outlook.way)
                        : RecoverEnd{
                              ExitCode::Cancelled, L"declined", L"Nothing has been changed.", {}};
         } catch (const ConfigServiceException& e) {
@@ -129,25 +130,25 @@ private:
 
     // ---- before anything is changed
 
-    void show(const InterruptedMove::Outlook& outlook) {
-        const RecordedMove& move = interrupted_->move();
+    void show(const InterruptedMove& interrupted, const InterruptedMove::Outlook& outlook) {
+        const RecordedMove& move = interrupted.move();
         const wchar_t* way = outlook.way == Way::PutBack  ? L"put-back"
                              : outlook.way == Way::Finish ? L"finish"
                                                           : L"refused";
         if (options_.json) {
-            console_.line(
-                jsonLine(L"plan", {{"record", interrupted_->path()},
-                                   {"begun", move.begun == 0 ? L"" : whenOf(move.begun)},
-                                   {"source", move.from},
-                                   {"target", move.to},
-                                   {"way", way},
-                                   {"renamed", outlook.isRenamed},
-                                   {"completed", move.completed},
-                                   {"homes", count(MovePart::Users, move.users)},
-                                   {"sites", count(MovePart::Sites, move.sites)},
-                                   {"wwwRoots", count(MovePart::WwwRoot, move.roots)},
-                                   {"installerValues", count(MovePart::Installer, move.values)},
-                                   {"stays", outlook.left}}));
+            console_.line(jsonLine(
+                L"plan", {{"record", interrupted.path()},
+                          {"begun", move.begun == 0 ? L"" : whenOf(move.begun)},
+                          {"source", move.from},
+                          {"target", move.to},
+                          {"way", way},
+                          {"renamed", outlook.isRenamed},
+                          {"completed", move.completed},
+                          {"homes", count(move, MovePart::Users, move.users)},
+                          {"sites", count(move, MovePart::Sites, move.sites)},
+                          {"wwwRoots", count(move, MovePart::WwwRoot, move.roots)},
+                          {"installerValues", count(move, MovePart::Installer, move.values)},
+                          {"stays", outlook.left}}));
             return;
         }
         if (move.parts.empty()) {
@@ -177,17 +178,17 @@ private:
     }
 
     template <class Things>
-    std::int64_t count(MovePart part, const Things& things) const {
-        return interrupted_->move().parts.contains(part) ? static_cast<std::int64_t>(things.size())
-                                                         : 0;
+    static std::int64_t count(const RecordedMove& move, MovePart part, const Things& things) {
+        return move.parts.contains(part) ? static_cast<std::int64_t>(things.size()) : 0;
     }
 
-    std::wstring changes(const RecordedMove& move) const {
-        return countOf(count(MovePart::Users, move.users), L"home of an account",
+    static std::wstring changes(const RecordedMove& move) {
+        return countOf(count(move, MovePart::Users, move.users), L"home of an account",
                        L"homes of accounts") +
-               L", " + countOf(count(MovePart::Sites, move.sites), L"IIS site", L"IIS sites") +
                L", " +
-               countOf(count(MovePart::Installer, move.values), L"installer value",
+               countOf(count(move, MovePart::Sites, move.sites), L"IIS site", L"IIS sites") +
+               L", " +
+               countOf(count(move, MovePart::Installer, move.values), L"installer value",
                        L"installer values") +
                L", " + config::name::vhosts;
     }
@@ -205,7 +206,7 @@ private:
 
     // ---- the work
 
-    RecoverEnd work(Way way) {
+    RecoverEnd work(InterruptedMove interrupted, Way way) {
         key_.enter(CancelKey::Stage::RollingBack);
         MoveVHosts mover;
         const auto fail = [this](const std::wstring& message) {
@@ -229,12 +230,12 @@ private:
                                                  std::int32_t, std::int64_t,
                                                  bool&) { draw(name); }),
         };
-        const bool ownTarget = !interrupted_->move().made.empty();
-        const std::wstring target = interrupted_->move().to;
-        const std::wstring log = RunTime::nicePath(interrupted_->move().log);
+        const bool ownTarget = !interrupted.move().made.empty();
+        const std::wstring target = interrupted.move().to;
+        const std::wstring log = RunTime::nicePath(interrupted.move().log);
         std::wstring failure;
         try {
-            mover.recover(std::move(*interrupted_));
+            mover.recover(std::move(interrupted));
         } catch (const vexception& e) {
             failure = e.message();
         } catch (const std::exception& e) {
@@ -330,7 +331,6 @@ private:
     const VHostsRecoverOptions& options_;
     Console& console_;
     CancelKey key_;
-    std::optional<InterruptedMove> interrupted_;
     std::set<std::wstring> told_;
     std::vector<std::wstring> left_;
     std::vector<std::wstring> pending_;
