@@ -3,6 +3,7 @@
 
 #include "runtime/log_manager.h"
 #include "runtime/text.h"
+#include "runtime/thread_cancelation.h"
 #include "security/hosting/undo_log.h"
 #include "tests/support/fault_sweep.h"
 #include "tests/support/unix_call.h"
@@ -163,6 +164,26 @@ TEST_F(HostingSafetyTest, ListsFullOfStrangersAreToldInShort) {
     const std::wstring text = recorder.differences[nice(last)];
     EXPECT_NE(text.find(L"not expected: (A;;FR;;;S-1-5-21-7-7-7-"), text.npos) << toUtf8(text);
     EXPECT_NE(text.find(L"not expected: 10 more entries"), text.npos);
+}
+
+TEST_F(HostingSafetyTest, ACancelledUndoGoesOnWhereItStopped) {
+    for (const wchar_t* name : {L"a", L"wwwroot\\b", L"wwwroot\\c"}) {
+        ntfs.setSecurity(make(name), everybody);
+    }
+    const std::string before = ntfs.fingerprint(root);
+    const auto subject = manager();
+    Recorder recorder;
+    subject->commit(recorder, CommitMode::Repair, true, false);
+    class Canceller : public Recorder {
+    public:
+        void onItem(const std::wstring&) override {
+            ThreadCancelation::request(::GetCurrentThreadId());
+        }
+    } canceller;
+    EXPECT_THROW(undo(subject->getUndoFile(), canceller), CanceledException);
+    EXPECT_NE(ntfs.fingerprint(root), before);
+    EXPECT_GT(undo(subject->getUndoFile(), recorder).unchanged, 0u);
+    EXPECT_EQ(ntfs.fingerprint(root), before);
 }
 
 TEST_F(HostingSafetyTest, DeepTreesAreWalked) {
