@@ -6,6 +6,7 @@
 //     call_counts ordinary|backup DIRECTORY
 //
 // DIRECTORY exists and is empty.
+#include "bench/telling_failures.h"
 #include "relocation/backupmove.h"
 #include "runtime/exception.h"
 #include "runtime/text.h"
@@ -134,17 +135,12 @@ int wmain(int count, wchar_t** arguments) {
         std::fputs("call_counts ordinary|backup DIRECTORY\n", stderr);
         return 2;
     }
-    try {
+    return tellingFailures([&] {
         std::optional<NtfsFake> ntfs;
         if (way == L"backup") {
             ntfs.emplace();
         }
         run(arguments[2]);
         return 0;
-    } catch (const vexception& error) {
-        std::fprintf(stderr, "%s\n", toUtf8(error.what()).c_str());
-    } catch (const std::runtime_error& error) {
-        std::fprintf(stderr, "%s\n", error.what());
-    }
-    return 1;
+    });
 }

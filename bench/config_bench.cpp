@@ -3,6 +3,7 @@
 // turns; printed are the medians of eleven turns in microseconds a read, and the ratios.
 //
 // It writes two values into the panel's configuration key: for a registry of its own only.
+#include "bench/telling_failures.h"
 #include "config/protocol.h"
 #include "config/service/config_service.h"
 #include "config/tarvo_srv_client.h"
@@ -140,11 +141,8 @@ void run() {
 } // namespace
 
 int wmain() {
-    try {
+    return tellingFailures([&] {
         run();
         return 0;
-    } catch (const vexception& error) {
-        std::fprintf(stderr, "%s\n", toUtf8(error.what()).c_str());
-    }
-    return 1;
+    });
 }

@@ -5,6 +5,7 @@
 //     scripts/sandbox.sh --database scripts/wine.sh build/release/bin/homes_bench.exe [HOMES]
 //
 // The homes go to another volume where the sandbox has one. Accounts are held in memory.
+#include "bench/telling_failures.h"
 #include "relocation/vhosts/user_list.h"
 #include "runtime/accounts/user_information.h"
 #include "runtime/exception.h"
@@ -127,16 +128,11 @@ int wmain(int count, wchar_t** arguments) {
         std::fputs("There is no database server: run by scripts/sandbox.sh --database.\n", stderr);
         return 2;
     }
-    try {
+    return tellingFailures([&] {
         const RegistryOverride registry;
         Server::configure(registry);
         time(count > 1 ? static_cast<int>(std::wcstol(arguments[1], nullptr, 10)) : 1000);
         countEach();
         return 0;
-    } catch (const vexception& error) {
-        std::fprintf(stderr, "%s\n", toUtf8(error.what()).c_str());
-    } catch (const std::runtime_error& error) {
-        std::fprintf(stderr, "%s\n", error.what());
-    }
-    return 1;
+    });
 }

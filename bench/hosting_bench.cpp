@@ -6,6 +6,7 @@
 //
 // DIRECTORY exists and is empty. Wine keeps no permissions, so they are kept here beside its own
 // calls, which are made all the same: they are what is measured.
+#include "bench/telling_failures.h"
 #include "runtime/exception.h"
 #include "runtime/files/path.h"
 #include "runtime/text.h"
@@ -151,7 +152,7 @@ int wmain(int argc, wchar_t** argv) {
         std::fputs("usage: hosting_bench DIRECTORY [ITEMS]\n", stderr);
         return 2;
     }
-    try {
+    return tellingFailures([&] {
         const std::wstring place = RunTime::longPath(argv[1]);
         const RegistryOverride registry;
         RegistryOverride::setString(L"HTTPD_VHOSTS_D", RunTime::nicePath(place) + L"\\vhosts");
@@ -172,8 +173,5 @@ int wmain(int argc, wchar_t** argv) {
         measure("fast", manager, permissions, CommitMode::Fast, false);
         measure("report", manager, permissions, CommitMode::Report, false);
         return 0;
-    } catch (const vexception& error) {
-        std::fprintf(stderr, "%s\n", toUtf8(error.what()).c_str());
-        return 1;
-    }
+    });
 }

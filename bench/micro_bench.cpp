@@ -2,6 +2,7 @@
 // median of eleven runs.
 //
 //     micro_bench DIRECTORY     an existing directory, for the log and the listing
+#include "bench/telling_failures.h"
 #include "relocation/backup_stream.h"
 #include "relocation/transaction_log.h"
 #include "runtime/event.h"
@@ -169,7 +170,7 @@ int wmain(int count, wchar_t** arguments) {
         std::fputs("micro_bench DIRECTORY\n", stderr);
         return 2;
     }
-    try {
+    return tellingFailures([&] {
         const std::wstring directory = RunTime::longPath(arguments[1]);
         measureEvents();
         measurePaths();
@@ -177,10 +178,5 @@ int wmain(int count, wchar_t** arguments) {
         measureLog(directory);
         measureListing(directory);
         return sink == 0 ? 1 : 0;
-    } catch (const vexception& error) {
-        std::fprintf(stderr, "%s\n", toUtf8(error.what()).c_str());
-    } catch (const std::runtime_error& error) {
-        std::fprintf(stderr, "%s\n", error.what());
-    }
-    return 1;
+    });
 }

@@ -6,6 +6,7 @@
 //     move_bench nothing                measures a start of a program
 //
 // One line of JSON on the standard output; times in milliseconds, memory in KiB.
+#include "bench/telling_failures.h"
 #include "relocation/backupmove.h"
 #include "runtime/exception.h"
 #include "runtime/text.h"
@@ -85,10 +86,5 @@ int wmain(int count, wchar_t** arguments) {
         std::fputs("move_bench copy|rename SOURCE TARGET\n", stderr);
         return 2;
     }
-    try {
-        return run(arguments[2], arguments[3], command == L"copy");
-    } catch (const vexception& error) {
-        std::fprintf(stderr, "%s\n", toUtf8(error.what()).c_str());
-        return 1;
-    }
+    return tellingFailures([&] { return run(arguments[2], arguments[3], command == L"copy"); });
 }

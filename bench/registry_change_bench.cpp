@@ -5,6 +5,7 @@
 //     registry_change_bench DIRECTORY     an existing directory, which the values name
 //
 // The values lie in 100 keys below HKEY_CURRENT_USER and are gone afterwards.
+#include "bench/telling_failures.h"
 #include "relocation/vhosts/multiple_key_value_change.h"
 #include "runtime/auto_handle.h"
 #include "runtime/exception.h"
@@ -174,15 +175,10 @@ int wmain(int count, wchar_t** arguments) {
         std::fputs("registry_change_bench DIRECTORY\n", stderr);
         return 2;
     }
-    try {
+    return tellingFailures([&] {
         const std::wstring directory = RunTime::nicePath(RunTime::longPath(arguments[1]));
         measure(directory, 1);
         measure(directory, 10);
         return 0;
-    } catch (const vexception& error) {
-        std::fprintf(stderr, "%s\n", toUtf8(error.what()).c_str());
-    } catch (const std::runtime_error& error) {
-        std::fprintf(stderr, "%s\n", error.what());
-    }
-    return 1;
+    });
 }

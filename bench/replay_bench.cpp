@@ -2,6 +2,7 @@
 // (tests/panel/store.h) once more, one after another and by nothing but CreateProcessW, without
 // looking at what they print: what a move cannot do without. One line of JSON on the standard
 // output; the time in milliseconds.
+#include "bench/telling_failures.h"
 #include "runtime/auto_handle.h"
 #include "runtime/exception.h"
 #include "runtime/files/file.h"
@@ -74,7 +75,7 @@ int wmain(int count, wchar_t** arguments) {
         std::fputs("replay_bench ADMIN_DIRECTORY CALLS\n", stderr);
         return 2;
     }
-    try {
+    return tellingFailures([&] {
         const std::vector<Call> calls = readCalls(arguments[1], arguments[2]);
         const auto begin = std::chrono::steady_clock::now();
         for (const Call& call : calls) {
@@ -85,9 +86,6 @@ int wmain(int count, wchar_t** arguments) {
         const std::chrono::duration<double, std::milli> time =
             std::chrono::steady_clock::now() - begin;
         std::printf("{\"calls\": %zu, \"ms\": %.3f}\n", calls.size(), time.count());
-    } catch (const vexception& error) {
-        std::fprintf(stderr, "%s\n", toUtf8(error.what()).c_str());
-        return 1;
-    }
-    return 0;
+        return 0;
+    });
 }

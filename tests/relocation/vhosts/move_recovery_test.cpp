@@ -145,13 +145,7 @@ constexpr End ends[] = {
 };
 
 TEST_F(MoveRecoveryTest, PutsTheMachineBackWhereverTheProcessWasKilled) {
-    for (const bool renames : {false, true}) {
-        SCOPED_TRACE(renames ? "rename" : "copy");
-        if (renames) {
-            accounts_.state.users.clear();
-        }
-        const std::wstring to = renames ? newPlace() : otherVolume();
-        const std::string before = world({to});
+    forEachWay([&](bool renames, const std::wstring& to, const std::string& before) {
         int round = 0;
         for (const End& end : ends) {
             if (renames && std::wstring(end.place) == L"Copy: ") {
@@ -179,7 +173,7 @@ TEST_F(MoveRecoveryTest, PutsTheMachineBackWhereverTheProcessWasKilled) {
             ASSERT_EQ(before, world({to}));
             EXPECT_FALSE(InterruptedMove::find());
         }
-    }
+    });
 }
 
 // Whatever had gone by then, everything is in the new place, and nothing more goes.

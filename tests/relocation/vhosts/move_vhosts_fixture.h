@@ -42,6 +42,23 @@ protected:
         return other_ ? other_->nice() + L"\\new\\vhosts" : newPlace();
     }
 
+    // Calls rounds(renames, to, before) for each of the two ways in which a tree moves: by copy to
+    // another volume, and, with accounts that Windows does not know, so that no home is copied
+    // first, by a rename.
+    template <class Rounds>
+    void forEachWay(Rounds&& rounds) {
+        const AccountFake::State accounts = accounts_.state;
+        for (const bool renames : {false, true}) {
+            SCOPED_TRACE(renames ? "rename" : "copy");
+            if (renames) {
+                accounts_.state.users.clear();
+            }
+            const std::wstring to = renames ? newPlace() : otherVolume();
+            rounds(renames, to, world({to}));
+        }
+        accounts_.state = accounts;
+    }
+
     static std::optional<TempDirectory> onOtherVolume() {
         const wchar_t* drive = _wgetenv(L"ZOP_TEST_TMPFS_DRIVE");
         return drive != nullptr ? std::optional<TempDirectory>(std::in_place, drive) : std::nullopt;

@@ -28,14 +28,7 @@ protected:
     sweep(const std::function<Round(MoveVHosts&, long n, const std::function<void()>&)>& disturb,
           long stride = 1) {
         const SweepExtent extent(stride);
-        const AccountFake::State accounts = accounts_.state;
-        for (const bool renames : {false, true}) {
-            SCOPED_TRACE(renames ? "rename" : "copy");
-            if (renames) {
-                accounts_.state.users.clear();
-            }
-            const std::wstring to = renames ? newPlace() : otherVolume();
-            const std::string before = world({to});
+        forEachWay([&](bool renames, const std::wstring& to, const std::string& before) {
             long failed = 0;
             long tried = 0;
             Round round;
@@ -54,8 +47,7 @@ protected:
                 std::cout << (renames ? "rename: " : "copy: ") << tried << " rounds, " << failed
                           << " of them ended the move\n";
             }
-        }
-        accounts_.state = accounts;
+        });
     }
 
     static std::string errorOf(const std::function<void()>& move) {
